@@ -1,0 +1,80 @@
+#include "hive/codepage.h"
+
+namespace Libraries::Files::Hive {
+
+namespace {
+#include "hive/codepage_tables.inc"
+
+const char16_t* upperHalf(HiveCodepage cp) {
+  switch (cp) {
+    case windows1250:
+      return kWindows1250;
+    case windows1252:
+      return kWindows1252;
+    default:
+      return nullptr;
+  }
+}
+}  // namespace
+
+bool charToCodepage(HiveCodepage cp, char16_t c, u8& byte) {
+  if (c < 0x80) {
+    byte = static_cast<u8>(c);
+    return true;
+  }
+  if (cp == latin1) {
+    if (c > 0xFF) return false;
+    byte = static_cast<u8>(c);
+    return true;
+  }
+  const char16_t* table = upperHalf(cp);
+  if (!table) return false;
+  for (u32 i = 0; i < 128; ++i) {
+    if (table[i] == c) {
+      byte = static_cast<u8>(0x80 + i);
+      return true;
+    }
+  }
+  return false;
+}
+
+bool codepageToChar(HiveCodepage cp, u8 byte, char16_t& c) {
+  if (byte < 0x80 || cp == latin1) {
+    c = byte;
+    return true;
+  }
+  const char16_t* table = upperHalf(cp);
+  if (!table || table[byte - 0x80] == 0) return false;
+  c = table[byte - 0x80];
+  return true;
+}
+
+bool decodeCodepageName(HiveCodepage cp, const u8* bytes, size_t length, std::u16string& out) {
+  out.resize(length);
+  bool ok = true;
+  for (size_t i = 0; i < length; ++i) {
+    char16_t c;
+    if (!codepageToChar(cp, bytes[i], c)) {
+      c = bytes[i];
+      ok = false;
+    }
+    out[i] = c;
+  }
+  return ok;
+}
+
+const char* codepageName(HiveCodepage cp) {
+  switch (cp) {
+    case ascii:
+      return "ascii";
+    case latin1:
+      return "latin1";
+    case windows1250:
+      return "windows1250";
+    case windows1252:
+      return "windows1252";
+  }
+  return "unknown";
+}
+
+}  // namespace Libraries::Files::Hive

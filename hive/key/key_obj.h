@@ -1,0 +1,175 @@
+// KeyObj: one key (nk record) of an open hive.
+//
+// Holds a copy of the record's fixed part, the decoded name, and, once
+// loaded, the subkey list (_keyList, _tree) and the value list (_values).
+// The same KeyObj / ValueObj comes back for a position while a caller holds
+// it (weak references in the lists), so delete and move can find an object
+// by identity. Every public operation holds the hive's monitor.
+#pragma once
+
+#include <vector>
+
+#include "hive/registry_hive.h"
+
+namespace Libraries::Files::Hive {
+
+class ValueObj;
+class KeyIteratorObj;
+class ValueIteratorObj;
+using Interfaces::Config::Hive::KeyIterator;
+using Interfaces::Config::Hive::ValueIterator;
+
+enum KeyListType : u32 { keyListLI = 0, keyListLH = 1, keyListLF = 2 };
+
+class KeyObj : public Key {
+ public:
+  static constexpr u64 MAX_FREE_FIND_LOOP_CYCLES = 5;
+  static constexpr u32 MAX_KEYS_LF_LIST = 400;
+  static constexpr u32 MAX_KEYS_LH_LIST = 1200;
+  static constexpr u32 MAX_KEYS_LI_LIST = 900;
+  static constexpr u32 MAX_KEY_NAME_LENGTH = 255;
+  static constexpr u32 MIN_KEYS_LH_LIST_SEC_LVL = 500;
+  static constexpr u32 MIN_KEYS_LI_LIST_SEC_LVL = 300;
+  static constexpr u32 NEW_LH_LF_ALLOCATE_SIZE = 64;
+  static constexpr u32 NEW_RI_ALLOCATE_SIZE = 64;
+
+  // Always makes the object; valid() tells whether it may be used.
+  KeyObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent);
+  ~KeyObj() override;
+
+  // Key
+  Ref<String> name() override;
+  Ref<Key> key(Ref<String> name) override;
+  Ref<Key> createKey(Ref<String> name) override;
+  bool deleteKey(Ref<Key> key) override;
+  Ref<KeyIterator> keyIterator() override;
+  Ref<Value> value(Ref<String> name) override;
+  Ref<Value> createValue(Ref<String> name, ValueType type) override;
+  bool deleteValue(Ref<Value> value) override;
+  Ref<ValueIterator> valueIterator() override;
+  bool move(Ref<Value> value, Ref<String> newName) override;
+  bool move(Ref<Key> key, Ref<String> newName) override;
+  bool readOnly() override { return _readOnly; }
+  u64 lastWriteTime() override { return _lastWriteTime; }
+
+  bool valid() const { return _valid; }
+  u32 offset() const { return _offset; }
+  u32 binaryNameLength() const { return L16(_header + hive_record_nk::OFS_NAME_LENGTH); }
+  u32 sdOffset() const { return L32(_header + hive_record_nk::OFS_SK); }
+  u32 keys() const { return _numOfKeys; }
+  u32 values() const { return _numOfValues; }
+  const Ref<RegistryHiveObj>& hive() const { return _hive; }
+  Ref<KeyObj> parent() const { return _parent; }
+  void setParent(Ref<KeyObj> parent) { _parent = std::move(parent); }
+
+  // Subkey / value at a list position (loads the list); null on failure.
+  Ref<KeyObj> key(u32 index);
+  Ref<ValueObj> value(u32 index);
+
+  // Reference count of an sk record (+1 or -1); failures are only logged.
+  static bool adjustSecurityCellRefCount(RegistryHiveObj* hive, u32 offset, bool increment);
+
+  // List hash: lf name hint or lh hash of a name.
+  bool makeHash(KeyListType type, const Ref<String>& name, bool codepageHash, bool allowUnconvertible,
+                u32& hash) const;
+
+ protected:
+  friend class KeyIteratorObj;
+  friend class ValueIteratorObj;
+  friend class ValueObj;
+
+  struct KeyEntry {
+    u32 hash;
+    u32 offset;
+    WeakRef<KeyObj> object;
+  };
+  struct TreeEntry {
+    u32 offset;
+    u16 numOfkeys;
+  };
+  struct ValueEntry {
+    WeakRef<ValueObj> object;
+    u32 offset;
+  };
+
+  // Subkey lists (loading and lookup).
+  bool initSubkeys();
+  u32 loadLf(const hive_record* record, u32 recordOffset, u32 position);
+  u32 loadLh(const hive_record* record, u32 recordOffset, u32 position);
+  u32 loadLi(const hive_record* record, u32 recordOffset, u32 position);
+  bool binaryFindKey(const Ref<String>& name, Ref<KeyObj>& key, u32& position);
+  bool linearFindKey(const Ref<String>& name, Ref<KeyObj>& key, u32& position);
+
+  // Subkey list maintenance.
+  bool ensureFreeListPlace(u32 position);
+  bool createEmptyKeyList();
+  bool convertLfToLiList();
+  bool addSecTreeLevel();
+  bool splitRISublist(u32 sublist);
+  bool syncRIList();
+  // Writes _keyList[first, first + count) as one list record at `record`
+  // (INVALID_RECORD: allocate). Returns the record's offset or INVALID_RECORD.
+  u32 writeKeyListRecord(u32 record, u32 first, u32 count);
+  bool syncKeyRecord();
+  bool insertKey(u32 position, u32 nkOffset, u32 hash);
+  bool unlinkKey(u32 position);
+
+  // Key operations.
+  bool canBeDeleted();
+  bool selfDelete();
+  u32 setName(const Ref<String>& name, KeyListType type, u32 newParent, u32& hash);
+
+  // Value list.
+  bool initValues();
+  bool linkValue(const Ref<ValueObj>& value);
+  bool unlinkValue(const Ref<ValueObj>& value);
+
+  // Iterators.
+  void keysInsertedAt(u32 index);
+  void keysRemovedAt(u32 index);
+  void valuesInsertedAt(u32 index);
+  void valuesRemovedAt(u32 index);
+
+  // Helpers.
+  // The sublist (index into _tree) that takes an insertion at `position`,
+  // and the _keyList index of its first entry.
+  void sublistForInsert(u32 position, u32& sublist, u32& first) const;
+  // The sublist that holds the entry at `position`; false when beyond the end.
+  bool sublistHolding(u32 position, u32& sublist, u32& first) const;
+  // The list position of a subkey given by its nk offset, or INVALID_RECORD.
+  u32 positionOfSubkey(const KeyObj* key);
+  // The list hash of the subkey at `position`, recomputed from its name
+  // (entries loaded from li records carry none).
+  bool subkeyHash(u32 position, u32& hash);
+  void setHeader32(u32 fieldOffset, u32 value);
+  // The cache position of a value (by identity, else by vk offset), or
+  // INVALID_RECORD.
+  u32 valueIndex(const ValueObj* value);
+  bool unlinkValueAt(u32 index);
+  // Frees a record this key owns; logs and returns false on failure.
+  bool freeOwnRecord(u32 offset, const char* what);
+
+  Ref<RegistryHiveObj> _hive;
+  Ref<KeyObj> _parent;
+  u32 _offset;
+  std::vector<KeyEntry> _keyList;
+  std::vector<TreeEntry> _tree;
+  std::vector<ValueEntry> _values;
+  Ref<String> _name;
+  u32 _numOfKeys = 0;
+  u32 _keyListCell = 0;
+  u32 _numOfValues = 0;
+  u32 _valueListCell = 0;
+  u64 _lastWriteTime = 0;
+  u8 _header[hive_record_nk::HEADER_SIZE] = {};
+  HiveCodepage _codepage;
+  KeyListType _listType = keyListLH;
+  bool _twoLevelList = false;
+  bool _valid = false;
+  bool _readOnly = false;
+  bool _subkeysLoaded = false;
+  std::vector<WeakRef<KeyIteratorObj>> _keyIterators;
+  std::vector<WeakRef<ValueIteratorObj>> _valueIterators;
+};
+
+}  // namespace Libraries::Files::Hive

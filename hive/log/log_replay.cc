@@ -1,0 +1,221 @@
+// Choosing the log mode at open and replaying the logs.
+//
+// New-format logs are replayed by mapping: logged page ranges are laid over
+// the hive file through the mapped stripe, so the file itself is not
+// changed. Recovery is chained over both alternate logs: Windows writes
+// entries to LOG1 and LOG2 in turn and reconciles some of them into the
+// primary file, so the truth is the run of entries, from either log, whose
+// sequence numbers continue the primary file's without a gap.
+#include <algorithm>
+#include <vector>
+
+#include "hive/registry_hive.h"
+#include "platform/check.h"
+#include "platform/error.h"
+
+namespace Libraries::Files::Hive {
+
+namespace {
+
+const char* const kLogLabels[3] = {"Primary", "Log1", "Log2"};
+
+std::string nameOf(const LogFileInfo& log) { return log.name ? log.name->toUtf8() : std::string("(log)"); }
+
+}  // namespace
+
+bool RegistryHiveObj::logUsable(const LogFileInfo& log) const {
+  return log.stripe && log.present() && log.primarySequence() == log.secondarySequence() &&
+         log.secondarySequence() >= L32(_header + hive_header::OFS_SECONDARY_SEQ);
+}
+
+bool RegistryHiveObj::chooseLogMode() {
+  _logMode = LogMode::None;
+  if (L32(_header + hive_header::OFS_PRIMARY_SEQ) == L32(_header + hive_header::OFS_SECONDARY_SEQ)) return true;
+  const bool use1 = logUsable(_logs[1]);
+  const bool use2 = logUsable(_logs[2]);
+  if (use1 || use2) {
+    if (use1 && use2 && _logs[1].newFormat() != _logs[2].newFormat()) {
+      HK_LOG(hiveLog, 4) << "Mixing new and old format style logs is not allowed";
+      return false;
+    }
+    _logMode = LogMode::Dual;
+  } else if (logUsable(_logs[0])) {
+    _logMode = LogMode::Single;
+  }
+  return true;
+}
+
+LogFileInfo* RegistryHiveObj::currentLogFile() {
+  switch (_logMode) {
+    case LogMode::Single:
+      return logUsable(_logs[0]) ? &_logs[0] : nullptr;
+    case LogMode::Dual: {
+      const bool use1 = logUsable(_logs[1]);
+      const bool use2 = logUsable(_logs[2]);
+      if (use1 && use2) {
+        if (_logs[1].primarySequence() == _logs[2].primarySequence()) return nullptr;
+        return _logs[1].primarySequence() > _logs[2].primarySequence() ? &_logs[1] : &_logs[2];
+      }
+      if (use1) return &_logs[1];
+      if (use2) return &_logs[2];
+      return nullptr;
+    }
+    case LogMode::None:
+      break;
+  }
+  return nullptr;
+}
+
+void RegistryHiveObj::logDump() {
+  HK_LOG(hiveLog, 1) << "Seq Nrs: primary = " << L32(_header + hive_header::OFS_PRIMARY_SEQ)
+                     << ", secondary = " << L32(_header + hive_header::OFS_SECONDARY_SEQ);
+  for (u32 i = 0; i < 3; ++i) {
+    const LogFileInfo& log = _logs[i];
+    HK_LOG(hiveLog, 1) << kLogLabels[i] << ": Has file: " << (log.stripe ? 1 : 0)
+                       << ", New log format: " << (log.newFormat() ? 1 : 0)
+                       << ", applicable: " << (logUsable(log) ? 1 : 0);
+  }
+}
+
+bool RegistryHiveObj::applyOldFormatLog(LogFileInfo& log) {
+  const std::string name = nameOf(log);
+  HK_LOG(hiveLog, 1) << "Applying" << log.pages.size() << " dirty pages from " << name;
+  std::vector<u8> buffer;
+  for (const DirtyPage& page : log.pages) {
+    // Runs of set bits become one mapping or copy each; the log holds the
+    // sectors of a partial page packed, one run after the other.
+    u64 logPosition = page.position;
+    u32 sector = 0;
+    while (sector < 8) {
+      if (!(page.mask & (1u << sector))) {
+        ++sector;
+        continue;
+      }
+      u32 run = 0;
+      while (sector + run < 8 && (page.mask & (1u << (sector + run)))) ++run;
+      const u64 fileOffset = HIVE_HEADER_SIZE + static_cast<u64>(page.offset) + sector * 512u;
+      const u64 length = run * 512u;
+      if (_mapped) {
+        _mapped->addMapping(fileOffset, length, log.stripe, logPosition);
+      } else {
+        buffer.resize(length);
+        if (log.stripe->readAt(logPosition, buffer.data(), length) != length) {
+          HK_LOG(hiveLog, 4) << "Failed to read dirty pages from " << name << " at " << logPosition << " of size "
+                             << length;
+          return false;
+        }
+        if (_file->writeAt(fileOffset, buffer.data(), length) != length) {
+          HK_LOG(hiveLog, 4) << "Failed to write dirty pages from " << name << " to main hive at " << fileOffset
+                             << " of size " << length << "; error: " << Error::get();
+          return false;
+        }
+      }
+      logPosition += length;
+      sector += run;
+    }
+  }
+  return true;
+}
+
+bool RegistryHiveObj::mapLogEntry(LogFileInfo& log, const LogEntryInfo& entry) {
+  const std::string name = nameOf(log);
+  const u32 count = entry.pageCount();
+  const u64 size = entry.size();
+  // The references must fit in the entry, and so must the data they describe.
+  if (static_cast<u64>(count) * 8 + hive_log_entry::SIZE > size) {
+    HK_LOG(hiveLog, 4) << "Failed to retrieve data of log entry at" << entry.position << " of log file " << name;
+    return false;
+  }
+  const u64 headerBytes = (hive_log_entry::SIZE + 8ull * count + 511) & ~511ull;
+  std::vector<u8> refs(std::min<u64>(headerBytes, size + 511));
+  if (log.stripe->readAt(entry.position, refs.data(), refs.size()) < hive_log_entry::SIZE + 8ull * count) {
+    HK_LOG(hiveLog, 4) << "Failed to retrieve data of log entry at" << entry.position << " of log file " << name;
+    return false;
+  }
+  u64 dataPosition = entry.position + hive_log_entry::SIZE + 8ull * count;
+  const u64 entryEnd = entry.position + size;
+  for (u32 i = 0; i < count; ++i) {
+    const u32 offset = L32(refs.data() + hive_log_entry::SIZE + 8 * i);
+    const u32 length = L32(refs.data() + hive_log_entry::SIZE + 8 * i + 4);
+    if (dataPosition + length > entryEnd) {
+      HK_LOG(hiveLog, 4) << "Failed to retrieve data of log entry at" << entry.position << " of log file " << name;
+      return false;
+    }
+    _mapped->addMapping(HIVE_HEADER_SIZE + static_cast<u64>(offset), length, log.stripe, dataPosition);
+    dataPosition += length;
+  }
+  return true;
+}
+
+bool RegistryHiveObj::applyLogMappings() {
+  if (_logMode == LogMode::None) return true;
+
+  // Old-format logs: one log, LOG1 or LOG2, as the log mode chose it.
+  LogFileInfo* one = nullptr;
+  const bool use1 = logUsable(_logs[1]), use2 = logUsable(_logs[2]);
+  if (use1 && use2)
+    one = _logs[1].primarySequence() > _logs[2].primarySequence() ? &_logs[1] : &_logs[2];
+  else if (use1)
+    one = &_logs[1];
+  else
+    one = &_logs[2];
+  if (!one->newFormat()) return applyOldFormatLog(*one);
+
+  if (!_mapped) {
+    HK_LOG(hiveLog, 4) << "Hive mapping does not exist to apply entries from " << nameOf(*one);
+    return false;
+  }
+  // Every accepted entry of both usable new-format logs, in sequence order.
+  struct Candidate {
+    LogFileInfo* log;
+    const LogEntryInfo* entry;
+  };
+  std::vector<Candidate> chain;
+  for (u32 i = 1; i < 3; ++i) {
+    LogFileInfo& log = _logs[i];
+    if (!logUsable(log) || !log.newFormat()) continue;
+    HK_LOG(hiveLog, 1) << "Applying" << log.entries.size() << " log entries from" << nameOf(log) << " for hive"
+                       << fullFileName();
+    for (const LogEntryInfo& e : log.entries)
+      if (e.sequence() >= log.primarySequence()) chain.push_back({&log, &e});
+  }
+  // Of an entry logged in both files, the copy in the newer log counts.
+  std::stable_sort(chain.begin(), chain.end(), [](const Candidate& a, const Candidate& b) {
+    if (a.entry->sequence() != b.entry->sequence()) return a.entry->sequence() < b.entry->sequence();
+    return a.log->primarySequence() > b.log->primarySequence();
+  });
+  const u32 secondary = L32(_header + hive_header::OFS_SECONDARY_SEQ);
+  size_t start = chain.size();
+  for (size_t i = 0; i < chain.size(); ++i) {
+    if (chain[i].entry->sequence() == secondary) {
+      start = i;
+      break;
+    }
+  }
+  if (start == chain.size() && !chain.empty() && chain[0].entry->sequence() > secondary) start = 0;
+
+  u32 length = hiveLength();
+  bool first = true;
+  u32 previous = 0;
+  for (size_t i = start; i < chain.size(); ++i) {
+    const LogEntryInfo& e = *chain[i].entry;
+    if (!first && e.sequence() == previous) continue;  // the same entry from the other log
+    if (!first && e.sequence() != previous + 1) break;
+    first = false;
+    previous = e.sequence();
+    if (e.pageCount() == 0) continue;
+    if (!mapLogEntry(*chain[i].log, e)) return false;
+    _appliedSequence = e.sequence();
+    _appliedLog = static_cast<u32>(chain[i].log - _logs);
+    if (e.hiveLength() > length) length = e.hiveLength();
+  }
+  if (length > hiveLength()) {
+    // The logged hive grew beyond the file: reads past the file's end come
+    // from the mapped ranges.
+    W32(_header + hive_header::OFS_LENGTH, length);
+    W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
+  }
+  return true;
+}
+
+}  // namespace Libraries::Files::Hive

@@ -1,0 +1,150 @@
+// Writing a log-mode hive: changes become new entries of the current
+// new-format log, and the written pages are mapped so later reads see them.
+// The hive file itself is never written in log mode.
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "hive/log/marvin32.h"
+#include "hive/registry_hive.h"
+#include "platform/check.h"
+#include "platform/error.h"
+
+namespace Libraries::Files::Hive {
+
+namespace {
+std::string nameOf(const LogFileInfo& log) { return log.name ? log.name->toUtf8() : std::string("(log)"); }
+}  // namespace
+
+// A log with no accepted entry is started afresh: a header made from the
+// base block, both sequence numbers one past the primary file's secondary.
+bool RegistryHiveObj::startLog(LogFileInfo& log) {
+  u8 header[hive_header::BASE_SIZE];
+  std::memcpy(header, _header, sizeof header);
+  const u32 sequence = L32(_header + hive_header::OFS_SECONDARY_SEQ) + 1;
+  W32(header + hive_header::OFS_PRIMARY_SEQ, sequence);
+  W32(header + hive_header::OFS_SECONDARY_SEQ, sequence);
+  W32(header + hive_header::OFS_TYPE, 6);
+  W32(header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(header));
+  if (log.stripe->writeAt(0, header, sizeof header) != sizeof header) {
+    HK_LOG(hiveLog, 4) << "Failed to write new log entry header to " << nameOf(log) << "; error: " << Error::get();
+    return false;
+  }
+  std::memcpy(log.header, header, sizeof header);
+  return true;
+}
+
+bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
+  LogFileInfo* log = currentLogFile();
+  if (!log) {
+    HK_LOG(hiveLog, 4) << "No log file applicable despite the log mode saying so";
+    return false;
+  }
+  if (!log->newFormat()) {
+    HK_LOG(hiveLog, 4) << "Writing to an old style log file is not supported";
+    return false;
+  }
+  const std::string name = nameOf(*log);
+  const bool fresh = log->entries.empty();
+  u32 sequence, flags = 0;
+  u64 position;
+  if (fresh) {
+    if (!startLog(*log)) return false;
+    sequence = log->primarySequence();
+    position = 512;
+  } else {
+    const LogEntryInfo& last = log->entries.back();
+    sequence = last.sequence() + 1;
+    flags = L32(last.header + hive_log_entry::OFS_FLAGS);
+    position = last.position + ((static_cast<u64>(last.size()) + 511) & ~511ull);
+  }
+
+  u64 dataSize = 0;
+  for (const LogPage& p : pages) dataSize += p.length;
+  const u64 used = hive_log_entry::SIZE + 8ull * pages.size() + dataSize;
+  const u64 entrySize = (used + 511) & ~511ull;
+  if (entrySize > 0xFFFFFFFFull) return false;
+  std::vector<u8> entry(entrySize, 0);
+  u8* h = entry.data();
+  std::memcpy(h, "HvLE", 4);
+  W32(h + hive_log_entry::OFS_SIZE, static_cast<u32>(entrySize));
+  W32(h + hive_log_entry::OFS_FLAGS, flags);
+  W32(h + hive_log_entry::OFS_SEQ, sequence);
+  W32(h + hive_log_entry::OFS_LENGTH, hiveLength());
+  W32(h + hive_log_entry::OFS_COUNT, static_cast<u32>(pages.size()));
+  u8* refs = h + hive_log_entry::SIZE;
+  u8* data = refs + 8 * pages.size();
+  for (size_t i = 0; i < pages.size(); ++i) {
+    W32(refs + 8 * i, pages[i].offset);
+    W32(refs + 8 * i + 4, pages[i].length);
+    std::memcpy(data, pages[i].data, pages[i].length);
+    data += pages[i].length;
+  }
+  W64(h + hive_log_entry::OFS_HASH1, marvin32(refs, entrySize - hive_log_entry::SIZE));
+  W64(h + hive_log_entry::OFS_HASH2, marvin32(h, 32));
+
+  // Write the entry, then make it durable only as a whole: on any failure
+  // the log is cut back to what it was, so it never ends in half an entry.
+  const u64 oldSize = log->stripe->elementCount();
+  if (oldSize < position && log->stripe->setElementCount(position) < position) {
+    HK_LOG(hiveLog, 4) << "Failed to resize log file " << name << "; error: " << Error::get();
+    Error::set(Errors::INVALID_FILE);
+    return false;
+  }
+  HK_LOG(hiveLog, 1) << "Writing new log entry at " << position;
+  if (log->stripe->writeAt(position, entry.data(), entrySize) != entrySize) {
+    HK_LOG(hiveLog, 4) << "Failed to write data to log " << name << "; error: " << Error::get();
+    if (log->stripe->setElementCount(oldSize) != oldSize)
+      HK_LOG(hiveLog, 4) << "Failed to reset size of log file " << name << "; error: " << Error::get();
+    return false;
+  }
+
+  LogEntryInfo info;
+  info.position = position;
+  std::memcpy(info.header, h, hive_log_entry::SIZE);
+  log->entries.push_back(info);
+  u64 dataPosition = position + hive_log_entry::SIZE + 8ull * pages.size();
+  for (const LogPage& p : pages) {
+    _mapped->addMapping(HIVE_HEADER_SIZE + static_cast<u64>(p.offset), p.length, log->stripe, dataPosition);
+    dataPosition += p.length;
+  }
+  return true;
+}
+
+bool RegistryHiveObj::handleAction(MappedStripe& stripe, Action action, const void* buffer, u64 offset, u64 size,
+                                   u64& done) {
+  HK_ASSERT_AS(hiveLog, "_logMode != LogMode::None", _logMode != LogMode::None, false);
+  if (action == Action::Resize) {
+    // Growth of a log-mode hive lives in the log; the file keeps its size.
+    done = offset;
+    return true;
+  }
+  if (action != Action::Write || offset > stripe.elementCount()) return false;
+  const u8* bytes = static_cast<const u8*>(buffer);
+  if (offset < HIVE_HEADER_SIZE) {
+    HK_LOG(hiveLog, 1) << "Accessing in header area: " << offset << "/" << size;
+    if (offset + size <= HIVE_HEADER_SIZE) {
+      HK_LOG(hiveLog, 1) << "Access solely in header area";
+      done = size;
+      return true;
+    }
+    const u64 skip = HIVE_HEADER_SIZE - offset;
+    bytes += skip;
+    size -= skip;
+    offset = HIVE_HEADER_SIZE;
+    HK_LOG(hiveLog, 1) << "Adjusted access: " << offset << "/" << size;
+  }
+  const u64 start = offset & ~4095ull;
+  const u64 length = ((offset - start + size) + 4095) & ~4095ull;
+  HK_LOG(hiveLog, 1) << "Log page range: start " << start << ", end " << start + length << ", length " << length;
+  std::vector<u8> page(length, 0);
+  // Bytes of the pages that the write does not cover: as the hive reads now.
+  stripe.readMapped(start, page.data(), length);
+  std::memcpy(page.data() + (offset - start), bytes, size);
+  if (!appendLogEntry({LogPage{static_cast<u32>(start - HIVE_HEADER_SIZE), static_cast<u32>(length), page.data()}}))
+    return false;
+  done = size + (static_cast<const u8*>(buffer) == bytes ? 0 : bytes - static_cast<const u8*>(buffer));
+  return true;
+}
+
+}  // namespace Libraries::Files::Hive

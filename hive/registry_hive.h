@@ -1,0 +1,170 @@
+// RegistryHiveObj: an open hive.
+//
+// Owns the hive file (or a mapped stripe over it and its logs), an
+// in-memory copy of the base block, the hbin table and the record cache.
+// Keys, values and security records reach records only through
+// cacheLoadRecord and change them only through allocateRecord,
+// resizeRecord, writeRecord and initRecord. Record-level calls take no
+// lock: callers hold mon() (every public Key/Value operation does).
+//
+// A record pointer from cacheLoadRecord stays valid until the cache is next
+// emptied, which can happen in any later cacheLoadRecord, allocation or
+// write; re-load after such a call.
+#pragma once
+
+#include <vector>
+
+#include "hive/errors.h"
+#include "hive/format.h"
+#include "hive/hive_file.h"
+#include "hive/log/log_file.h"
+#include "hive/log/mapped_stripe.h"
+#include "platform/log.h"
+#include "platform/mon.h"
+#include "platform/shmem.h"
+
+namespace Libraries::Files::Hive {
+
+class KeyObj;
+class ReadOnlyCache;
+
+extern const Platform::Log::Channel hiveLog;  // "Hive"
+
+class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
+ public:
+  static constexpr u32 HBIN_READ_BUFFER_SIZE = 4096;
+  static constexpr u32 HIVE_HEADER_SIZE = 4096;
+  static constexpr u32 INVALID_HBIN = 0xffffffffu;
+  static constexpr u64 INVALID_CACHE_OFFSET = ~0ull;
+
+  enum class LogMode : u32 { None = 0, Single = 1, Dual = 2 };
+
+  // Runs the whole open; check valid() afterwards (open() does).
+  RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& logs, u32 mode, HiveCodepage codepage,
+                  SyncCallback sync);
+  ~RegistryHiveObj() override;
+
+  // RegistryHive
+  Ref<Key> root() override;
+  Ref<Key> path(Ref<String> path) override;
+  // HiveFile
+  Ref<SecurityDescriptorIterator> securityDescriptorIterator() override;
+  bool flush() override;
+  u32 mode() override { return _mode; }
+  bool dirty() override;
+
+  u32 versionMajor() const { return L32(_header + hive_header::OFS_MAJOR); }
+  u32 versionMinor() const { return L32(_header + hive_header::OFS_MINOR); }
+  bool readonly() const { return (_mode & modeReadOnly) != 0; }
+  HiveCodepage codepage() const { return _codepage; }
+  bool valid() const { return _valid; }
+  Ref<Mon> mon() const { return _mon; }
+  // The in-memory base block (4096 bytes).
+  const u8* header() const { return _header; }
+  u32 rootOffset() const { return _rootOffset; }
+  u32 hiveLength() const { return L32(_header + hive_header::OFS_LENGTH); }
+  LogMode logMode() const { return _logMode; }
+  // 0 primary (.LOG), 1 first alternate, 2 second alternate.
+  const LogFileInfo& logFile(u32 index) const { return _logs[index]; }
+  u32 hbinCount() const { return static_cast<u32>(_hbins.size()); }
+
+  // The root key object (the same object while a caller holds it).
+  Ref<KeyObj> rootObj();
+
+  // --- Records -----------------------------------------------------------
+  // A used record at a multiple of 8, or null (0x2006 when misaligned).
+  const hive_record* cacheLoadRecord(u32 offset);
+  // Also reports the hbin index; checks the record is free (expectUnused)
+  // or used.
+  const hive_record* cacheLoadRecord(u32 offset, u32* hbinIndex, bool expectUnused);
+
+  // Offset of a new used record of size rounded up to 8, or INVALID_RECORD.
+  u32 allocateRecord(u32 size, u32* allocatedSize = nullptr);
+  // The record's offset after the change (it may move; callers rewrite the
+  // offsets that point to it), or INVALID_RECORD. A new size of 0 frees it.
+  u32 resizeRecord(u32 offset, u32 newSize, bool copyData, u32* allocatedSize = nullptr,
+                   bool keepIfLarger = false);
+  // Frees a used record (merging it with the free records behind it).
+  bool freeRecord(u32 offset) { return resizeRecord(offset, 0, false) != INVALID_RECORD; }
+  // Writes bytes at `position` from the record's start (>= 4).
+  bool writeRecord(u32 offset, const void* data, u32 position, u32 length);
+  bool initRecord(u32 offset, u32 size);
+  u32 getFreeSpaceBehindRecord(u32 offset, bool recordIsFree);
+  bool updateFreeSpace(u32 hbinIndex);
+  bool writeHBIN(u32 hbinIndex, u32 offsetInHbin, const void* data, u32 length);
+
+  // --- Names -------------------------------------------------------------
+  // The stored form of a name: codepage bytes when every character has one
+  // (ascii = true), else UTF-16LE. False when the name is null.
+  bool stringToRegName(const Ref<String>& name, std::vector<u8>& out, u64& length, bool& ascii);
+  // Decodes a stored name; false (with the Latin-1 reading) when a byte has
+  // no character in the codepage.
+  bool regNameToString(const u8* bytes, u32 length, bool ascii, Ref<String>& out) const;
+
+  // --- Cache internals (used by tests and the log layer) -----------------
+  u32 hbinFromOffset(u32 offset);
+  u64 cacheLoadHbin(u32 hbinIndex);
+  u64 getFreeCacheChunk(u32 size);
+  const hive_record* unsafeGetRecord(u32 offset);
+  bool internalFlush();
+  u32 cacheSize() const { return _cacheSize; }
+  u32 cacheUsed() const { return _cacheUsed; }
+  struct HbinEntry {
+    u32 offset;
+    u32 size;
+    u32 freeSize;    // largest free record (0: none or not computed)
+    u32 freeOffset;  // its offset
+  };
+  const std::vector<HbinEntry>& hbins() const { return _hbins; }
+
+  // MappedStripe::Hook: writes of a log-mode hive become log entries.
+  bool handleAction(MappedStripe& stripe, Action action, const void* buffer, u64 offset, u64 size,
+                    u64& done) override;
+
+ private:
+  struct CachedHbin {
+    u32 hbinIdx;
+    u32 dirty;
+  };
+  bool initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name, const u8* primary, LogFileInfo& info);
+  bool chooseLogMode();
+  LogFileInfo* currentLogFile();
+  bool applyLogMappings();
+  bool isValidRecord(const u8* hbin, u32 hbinOffset, u32 hbinSize, u32 offset);
+  bool readHbinHeader(u32 position, HbinEntry& entry);
+  bool scanFreeSpace(HbinEntry& entry);
+  void resetCache();
+  bool writeHeader();
+
+  // The stripe all hive file access goes through (the file, or a mapped
+  // stripe over it in log mode) and the file itself.
+  Ref<Interfaces::Stripe> _stripe;
+  Ref<Interfaces::Stripe> _file;
+  Ref<MappedStripe> _mapped;
+  u8 _header[hive_header::SIZE] = {};
+  u32 _mode;
+  LogMode _logMode = LogMode::None;
+  LogFileInfo _logs[3];
+  Ref<Mon> _mon;
+  HiveCodepage _codepage;
+  SyncCallback _sync;
+  u32 _rootOffset = INVALID_RECORD;
+  bool _valid = false;
+  Platform::WeakRef<KeyObj> _root;
+
+  std::vector<HbinEntry> _hbins;
+  std::vector<CachedHbin> _cachedHbins;
+  // Place of each hbin in the cache (INVALID_CACHE_OFFSET when not cached),
+  // indexed like _hbins; rebuilt when the cache is emptied.
+  std::vector<u64> _cachePlace;
+  // Valid record starts of each cached hbin, one bit per 8 bytes, made by
+  // one walk when the hbin is first validated; empty = not yet known.
+  std::vector<std::vector<u64>> _recordStarts;
+  u32 _cacheSize;
+  u32 _cacheUsed = 0;
+  Ref<ShMem> _cacheMem;
+  u8* _cache = nullptr;
+  Ref<ReadOnlyCache> _unsafeCache;
+};
+
+}  // namespace Libraries::Files::Hive

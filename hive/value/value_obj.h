@@ -1,0 +1,86 @@
+// ValueObj: one value (vk record) of an open hive and its data.
+//
+// Data lives in one of three forms, chosen by size and hive version:
+// resident in the vk record (0-4 bytes), one data record, or a db list of
+// 16344-byte fragments (size above 16344, hives of minor version >= 4;
+// minor version 3 keeps up to 1048572 bytes in one record). read, write
+// and size(newSize) move data between the forms as the size changes.
+#pragma once
+
+#include <vector>
+
+#include "hive/registry_hive.h"
+
+namespace Libraries::Files::Hive {
+
+class KeyObj;
+
+class ValueObj : public Value {
+ public:
+  static constexpr u32 MAX_VALUE_DATA_SIZE = 1048572;
+  static constexpr u32 MAX_VALUE_NAME_LENGTH = 16383;
+
+  // Always makes the object; valid() tells whether it may be used.
+  ValueObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent);
+  ~ValueObj() override;
+
+  // Makes a new vk record (not yet linked into a key's list); null on failure.
+  static Ref<ValueObj> createValue(Ref<RegistryHiveObj> hive, Ref<KeyObj> parent, Ref<String> name,
+                                   ValueType type);
+  // Initial data size of a new value of this type (4, 8 or 0).
+  static u32 datasizeFormType(ValueType type);
+
+  // Value
+  Ref<String> name() override { return _name; }
+  ValueType type() override { return _type; }
+  bool setType(ValueType type) override;
+  Ref<Interfaces::Stripe> binary() override;
+  Ref<String> string(u32 maxLength) override;
+  bool setString(Ref<String> text) override;
+  u64 number() override;
+  bool setNumber(u64 number) override;
+  Ref<TVector<Ref<String>>> strings(u32 maxLength) override;
+  bool setStrings(Ref<TVector<Ref<String>>> strings) override;
+  bool readOnly() override { return !_valid || _readOnly; }
+
+  // Bytes moved from / to the data at `offset`; never grows the value.
+  u32 read(void* buffer, u32 offset, u32 size);
+  u32 write(const void* buffer, u32 offset, u32 size);
+  u32 size() const { return _dataSize; }
+  // Resizes the data; returns the size that holds afterwards.
+  u32 size(u32 newSize);
+  bool selfDelete();
+  bool setName(const Ref<String>& name);
+
+  bool valid() const { return _valid; }
+  u32 offset() const { return _offset; }
+  bool resident() const { return _dataResident; }
+  bool resizableAsStripe() const { return _resizable; }
+  const Ref<RegistryHiveObj>& hive() const { return _hive; }
+  Ref<KeyObj> parent() const { return _parent; }
+  void setParent(Ref<KeyObj> parent) { _parent = std::move(parent); }
+
+ private:
+  bool initExtents();
+  bool freeAllExtents();
+  u32 resizeDbList(u32 newSize);
+  bool writeRecordData();  // the 20 bytes from offset 4 of the vk record
+  u32 extentCapacity() const;
+
+  std::vector<u32> _extents;
+  Ref<RegistryHiveObj> _hive;
+  Ref<KeyObj> _parent;
+  Ref<String> _name;
+  u8 _recordData[hive_record_vk::HEADER_SIZE] = {};  // the fixed part as on disk
+  u32 _offset;
+  u32 _dataSize = 0;
+  u32 _type = 0;
+  u32 _dbListDataRecord = INVALID_RECORD;
+  bool _dataResident = false;
+  bool _valid = false;
+  bool _isV13 = false;
+  bool _readOnly = false;
+  bool _resizable = false;
+};
+
+}  // namespace Libraries::Files::Hive

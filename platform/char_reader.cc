@@ -1,0 +1,178 @@
+#include "platform/char_reader.h"
+
+#include <cstring>
+
+#include "platform/endian.h"
+
+namespace Platform {
+
+namespace {
+constexpr char16_t REPLACEMENT = 0xFFFD;
+
+void appendCodePoint(std::u16string& out, char32_t cp) {
+  if (cp < 0x10000) {
+    out.push_back(static_cast<char16_t>(cp));
+  } else {
+    cp -= 0x10000;
+    out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
+    out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
+  }
+}
+}  // namespace
+
+CharReader::CharReader(Ref<Interfaces::Stripe> source, u64 start)
+    : _source(std::move(source)), _offset(start), _raw(CHUNK + 8) {}
+
+Ref<CharReader> CharReader::create(Ref<Interfaces::Stripe> source) {
+  if (!source || source->elementSize() != 1) return nullptr;
+  u64 start = source->pos();
+  Ref<CharReader> r = makeRef<CharReader>(std::move(source), start);
+  // A stripe may return fewer bytes than asked; the mark needs three.
+  while (r->_rawEnd < 3 && r->readRaw() > 0) {
+  }
+  const u8* b = r->_raw.data();
+  size_t n = r->_rawEnd;
+  if (n >= 2 && b[0] == 0xFF && b[1] == 0xFE) {
+    r->_encoding = Encoding::Utf16LE;
+    r->_rawBegin = 2;
+  } else if (n >= 3 && b[0] == 0xEF && b[1] == 0xBB && b[2] == 0xBF) {
+    r->_rawBegin = 3;
+  } else if (n >= 2 && b[0] != 0 && b[1] == 0) {
+    r->_encoding = Encoding::Utf16LE;
+  }
+  r->decode();
+  return r;
+}
+
+u64 CharReader::readRaw() {
+  size_t rest = _rawEnd - _rawBegin;
+  if (_rawBegin > 0) {
+    std::memmove(_raw.data(), _raw.data() + _rawBegin, rest);
+    _rawBegin = 0;
+    _rawEnd = rest;
+  }
+  u64 room = std::min<u64>(CHUNK, _raw.size() - rest);
+  u64 n = _source->readAt(_offset, _raw.data() + rest, room);
+  if (n > room) n = room;  // a stripe never returns more than asked; do not trust it with memory
+  if (n == 0) {
+    _eof = true;
+    if (_offset < _source->elementCount()) _failed = true;
+    return 0;
+  }
+  _offset += n;
+  _rawEnd += n;
+  return n;
+}
+
+void CharReader::decode() {
+  if (_encoding == Encoding::Utf8) {
+    decodeUtf8();
+    return;
+  }
+  const u8* b = _raw.data();
+  size_t i = _rawBegin;
+  _units.reserve(_units.size() + (_rawEnd - i) / 2);
+  for (; i + 2 <= _rawEnd; i += 2) _units.push_back(static_cast<char16_t>(L16(b + i)));
+  if (_eof && i < _rawEnd) {
+    _units.push_back(REPLACEMENT);
+    i = _rawEnd;
+  }
+  _rawBegin = i;
+}
+
+void CharReader::decodeUtf8() {
+  const u8* b = _raw.data();
+  size_t i = _rawBegin;
+  const size_t end = _rawEnd;
+  _units.reserve(_units.size() + (end - i));
+  while (i < end) {
+    u8 c = b[i];
+    if (c < 0x80) {
+      _units.push_back(c);
+      ++i;
+      continue;
+    }
+    // Length and the range of the second byte: this excludes overlong
+    // forms, surrogates and code points above U+10FFFF.
+    size_t n;
+    u8 lo = 0x80, hi = 0xBF;
+    char32_t cp;
+    if (c >= 0xC2 && c <= 0xDF) {
+      n = 2;
+      cp = c & 0x1F;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      n = 3;
+      cp = c & 0x0F;
+      if (c == 0xE0) lo = 0xA0;
+      if (c == 0xED) hi = 0x9F;
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      n = 4;
+      cp = c & 0x07;
+      if (c == 0xF0) lo = 0x90;
+      if (c == 0xF4) hi = 0x8F;
+    } else {
+      _units.push_back(REPLACEMENT);
+      ++i;
+      continue;
+    }
+    size_t k = 1;
+    for (; k < n; ++k) {
+      if (i + k >= end) break;
+      u8 t = b[i + k];
+      if (t < (k == 1 ? lo : 0x80) || t > (k == 1 ? hi : 0xBF)) break;
+      cp = (cp << 6) | (t & 0x3F);
+    }
+    if (k == n) {
+      appendCodePoint(_units, cp);
+      i += n;
+    } else if (i + k >= end && !_eof) {
+      break;  // the sequence goes on in the next chunk
+    } else {
+      // The valid prefix is one replacement; the byte that broke it starts anew.
+      _units.push_back(REPLACEMENT);
+      i += k;
+    }
+  }
+  _rawBegin = i;
+}
+
+bool CharReader::fill() {
+  if (_failed || (_eof && _rawBegin == _rawEnd)) return false;
+  _units.clear();
+  _next = 0;
+  if (!_eof) readRaw();
+  decode();
+  return !_failed;
+}
+
+bool CharReader::readLine(std::u16string& line) {
+  line.clear();
+  bool any = false;
+  for (;;) {
+    if (_next == _units.size()) {
+      if (!fill()) return any && !_failed;
+      continue;
+    }
+    if (_pendingCr) {
+      _pendingCr = false;
+      if (_units[_next] == u'\n') {
+        ++_next;
+        continue;
+      }
+    }
+    const char16_t* p = _units.data() + _next;
+    size_t n = _units.size() - _next;
+    size_t i = 0;
+    while (i < n && p[i] != u'\r' && p[i] != u'\n') ++i;
+    line.append(p, i);
+    any = true;
+    _next += i;
+    if (i < n) {
+      _pendingCr = p[i] == u'\r';
+      ++_next;
+      return true;
+    }
+  }
+}
+
+}  // namespace Platform

@@ -1,0 +1,101 @@
+#include "platform/file_stripe.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/error.h"
+
+namespace Platform {
+
+namespace {
+void setErrno(int e) { Error::set(e == ENOENT ? Error::FILE_NOT_FOUND : (Error::IO_ERROR | static_cast<u32>(e))); }
+}  // namespace
+
+Ref<FileStripe> FileStripe::open(const std::string& path, u32 flags) {
+  bool writable = (flags & Write) != 0;
+  int oflags = writable ? O_RDWR : O_RDONLY;
+  if (writable && (flags & Create)) oflags |= O_CREAT;
+  if (writable && (flags & Truncate)) oflags |= O_TRUNC;
+  int fd = ::open(path.c_str(), oflags | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    setErrno(errno);
+    return nullptr;
+  }
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    int e = S_ISDIR(st.st_mode) ? EISDIR : EINVAL;
+    ::close(fd);
+    setErrno(e);
+    return nullptr;
+  }
+  return Ref<FileStripe>(new FileStripe(fd, path, writable));
+}
+
+FileStripe::~FileStripe() { ::close(_fd); }
+
+u64 FileStripe::elementCount() {
+  struct stat st;
+  if (fstat(_fd, &st) != 0) {
+    setErrno(errno);
+    return 0;
+  }
+  return static_cast<u64>(st.st_size);
+}
+
+u64 FileStripe::setElementCount(u64 count) {
+  if (!_writable) {
+    Error::set(Error::IO_ERROR | EBADF);
+    return elementCount();
+  }
+  if (ftruncate(_fd, static_cast<off_t>(count)) != 0) setErrno(errno);
+  return elementCount();
+}
+
+u64 FileStripe::readAt(u64 position, void* buffer, u64 count) {
+  u64 done = 0;
+  while (done < count) {
+    ssize_t n = pread(_fd, static_cast<u8*>(buffer) + done, count - done, static_cast<off_t>(position + done));
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      setErrno(errno);
+      break;
+    }
+    if (n == 0) break;
+    done += static_cast<u64>(n);
+  }
+  return done;
+}
+
+u64 FileStripe::writeAt(u64 position, const void* buffer, u64 count) {
+  if (!_writable) {
+    Error::set(Error::IO_ERROR | EBADF);
+    return 0;
+  }
+  u64 done = 0;
+  while (done < count) {
+    ssize_t n =
+        pwrite(_fd, static_cast<const u8*>(buffer) + done, count - done, static_cast<off_t>(position + done));
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      setErrno(errno);
+      break;
+    }
+    if (n == 0) break;
+    done += static_cast<u64>(n);
+  }
+  return done;
+}
+
+bool FileStripe::sync() {
+  if (!_writable) return true;
+  if (fsync(_fd) != 0) {
+    setErrno(errno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace Platform

@@ -1,0 +1,136 @@
+#include "platform/log.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <iomanip>
+#include <mutex>
+
+#include "platform/string.h"
+
+namespace Platform::Log {
+
+namespace {
+
+struct Sink {
+  int id;
+  int level;
+  SinkFn fn;
+};
+
+struct Registry {
+  std::mutex lock;
+  std::vector<Sink> sinks;
+  int nextId = 1;
+  int stderrLevel = 0;
+  std::atomic<int> threshold{100};
+
+  Registry() {
+    if (const char* env = std::getenv("HIVEKIT_LOG_LEVEL")) stderrLevel = std::atoi(env);
+    recompute();
+  }
+  void recompute() {
+    int t = 100;
+    if (stderrLevel > 0) t = stderrLevel;
+    for (auto& s : sinks) t = std::min(t, s.level);
+    threshold.store(t, std::memory_order_relaxed);
+  }
+};
+
+Registry& registry() {
+  static Registry r;
+  return r;
+}
+
+}  // namespace
+
+int threshold() { return registry().threshold.load(std::memory_order_relaxed); }
+
+bool Channel::enabled(int level) const { return level >= threshold(); }
+
+void Channel::write(int level, const std::string& text) const {
+  Registry& r = registry();
+  std::vector<SinkFn> targets;
+  bool toStderr;
+  {
+    std::lock_guard<std::mutex> g(r.lock);
+    toStderr = r.stderrLevel > 0 && level >= r.stderrLevel;
+    for (auto& s : r.sinks)
+      if (level >= s.level) targets.push_back(s.fn);
+  }
+  Message m{_name, level, text};
+  if (toStderr) std::fprintf(stderr, "[%s:%d] %s\n", _name, level, text.c_str());
+  for (auto& fn : targets) fn(m);
+}
+
+void setStderrLevel(int level) {
+  Registry& r = registry();
+  std::lock_guard<std::mutex> g(r.lock);
+  r.stderrLevel = level;
+  r.recompute();
+}
+
+int addSink(int level, SinkFn fn) {
+  Registry& r = registry();
+  std::lock_guard<std::mutex> g(r.lock);
+  int id = r.nextId++;
+  r.sinks.push_back({id, level, std::move(fn)});
+  r.recompute();
+  return id;
+}
+
+void removeSink(int id) {
+  Registry& r = registry();
+  std::lock_guard<std::mutex> g(r.lock);
+  std::erase_if(r.sinks, [id](const Sink& s) { return s.id == id; });
+  r.recompute();
+}
+
+struct Capture::State {
+  mutable std::mutex lock;
+  std::vector<Message> messages;
+};
+
+Capture::Capture(int level) : _state(new State) {
+  State* s = _state;
+  _id = addSink(level, [s](const Message& m) {
+    std::lock_guard<std::mutex> g(s->lock);
+    s->messages.push_back(m);
+  });
+}
+
+Capture::~Capture() {
+  removeSink(_id);
+  delete _state;
+}
+
+std::vector<Message> Capture::messages() const {
+  std::lock_guard<std::mutex> g(_state->lock);
+  return _state->messages;
+}
+
+bool Capture::contains(const std::string& text) const {
+  std::lock_guard<std::mutex> g(_state->lock);
+  for (auto& m : _state->messages)
+    if (m.text.find(text) != std::string::npos) return true;
+  return false;
+}
+
+void Capture::clear() {
+  std::lock_guard<std::mutex> g(_state->lock);
+  _state->messages.clear();
+}
+
+Line& Line::operator<<(const std::u16string& v) {
+  if (_on) _s << utf16ToUtf8(v);
+  return *this;
+}
+
+std::ostream& operator<<(std::ostream& o, Hex h) {
+  auto flags = o.flags();
+  o << "0x" << std::hex << h.v;
+  o.flags(flags);
+  return o;
+}
+
+}  // namespace Platform::Log

@@ -1,0 +1,23 @@
+#include "platform/shmem.h"
+
+#include <sys/mman.h>
+
+#include <cerrno>
+
+#include "platform/error.h"
+
+namespace Platform {
+
+Ref<ShMem> ShMem::create(u64 size) {
+  if (size == 0) size = 1;
+  void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (p == MAP_FAILED) {
+    Error::set(Error::IO_ERROR | static_cast<u32>(errno));
+    return nullptr;
+  }
+  return Ref<ShMem>(new ShMem(static_cast<u8*>(p), size));
+}
+
+ShMem::~ShMem() { munmap(_data, _size); }
+
+}  // namespace Platform

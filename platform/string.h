@@ -1,0 +1,61 @@
+// An immutable UTF-16 string.
+//
+// Registry names are sequences of UTF-16 code units, compared without
+// regard to case by upper-casing both sides with a fixed table over the
+// whole Basic Multilingual Plane (never a locale call, so results do not
+// depend on the environment).
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "platform/object.h"
+
+namespace Platform {
+
+class String : public Object {
+ public:
+  // Text given as UTF-8 (ASCII is a subset); invalid bytes become U+FFFD.
+  static Ref<String> create(std::string_view utf8);
+  // One byte per character, byte = code point.
+  static Ref<String> fromLatin1(const u8* bytes, size_t length);
+  static Ref<String> fromUtf16(const char16_t* units, size_t length);
+  static Ref<String> fromUtf16(std::u16string units);
+  // Code points above U+FFFF become surrogate pairs; invalid ones U+FFFD.
+  static Ref<String> fromUtf32(const char32_t* points, size_t length);
+  static Ref<String> empty();
+
+  size_t length() const { return _s.size(); }
+  bool isEmpty() const { return _s.empty(); }
+  char16_t at(size_t i) const { return _s[i]; }
+  const char16_t* data() const { return _s.data(); }
+  const std::u16string& units() const { return _s; }
+
+  // Characters [start, start + count), cut to the string's end.
+  Ref<String> sub(size_t start, size_t count = std::u16string::npos) const;
+  Ref<String> concat(const String& other) const;
+  bool equal(const String& other) const { return _s == other._s; }
+  bool equal(std::string_view utf8) const;
+  bool equalIgnoreCase(const String& other) const;
+  bool startsWith(const String& prefix) const { return _s.compare(0, prefix._s.size(), prefix._s) == 0; }
+  // Upper-case copy through the table (same object when nothing changes).
+  Ref<String> upper() const;
+  // Ordering of the upper-cased forms, unit by unit: <0, 0, >0.
+  int compareIgnoreCase(const String& other) const;
+
+  std::string toUtf8() const;
+
+  // Upper case of one UTF-16 unit; surrogates and unmapped units unchanged.
+  static char16_t upcase(char16_t c);
+
+  explicit String(std::u16string s) : _s(std::move(s)) {}
+
+ private:
+  const std::u16string _s;
+};
+
+// Encodes UTF-16 units as UTF-8; an unpaired surrogate becomes U+FFFD.
+std::string utf16ToUtf8(std::u16string_view units);
+std::u16string utf8ToUtf16(std::string_view utf8);
+
+}  // namespace Platform

@@ -1,0 +1,217 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/char_reader.h"
+#include "platform/memory_stripe.h"
+#include "platform/text_writer.h"
+
+namespace Platform {
+namespace {
+
+std::vector<u8> bytesOf(std::string_view s) {
+  return std::vector<u8>(s.begin(), s.end());
+}
+
+std::vector<std::u16string> readAll(Ref<MemoryStripe> stripe, CharReader::Encoding* encoding = nullptr) {
+  Ref<CharReader> reader = CharReader::create(stripe);
+  EXPECT_TRUE(reader);
+  if (encoding) *encoding = reader->encoding();
+  std::vector<std::u16string> lines;
+  std::u16string line;
+  while (reader->readLine(line)) lines.push_back(line);
+  EXPECT_FALSE(reader->failed());
+  return lines;
+}
+
+std::vector<std::u16string> readAll(std::string_view bytes, CharReader::Encoding* encoding = nullptr) {
+  return readAll(MemoryStripe::create(bytesOf(bytes)), encoding);
+}
+
+// Reads return nothing from `_cut` on, although the stripe is longer.
+class BrokenStripe : public MemoryStripe {
+ public:
+  BrokenStripe(std::vector<u8> bytes, u64 cut) : MemoryStripe(std::move(bytes)), _cut(cut) {}
+  u64 readAt(u64 position, void* buffer, u64 count) override {
+    if (position >= _cut) return 0;
+    return MemoryStripe::readAt(position, buffer, std::min(count, _cut - position));
+  }
+
+ private:
+  u64 _cut;
+};
+
+TEST(TextWriter, Utf16WithByteOrderMark) {
+  auto stripe = MemoryStripe::create();
+  auto w = TextWriter::create(stripe, TextWriter::Encoding::Utf16LE, true);
+  ASSERT_TRUE(w);
+  EXPECT_TRUE(w->print("A\xC3\xA9"));  // "Aé" given as UTF-8
+  EXPECT_TRUE(w->print(*String::create("z")));
+  const char16_t odd[] = {0xD83D, 0xDE00, 0xDC00};  // a pair, then a lone low surrogate
+  EXPECT_TRUE(w->print(std::u16string_view(odd, 3)));
+  EXPECT_TRUE(w->endLine());
+  EXPECT_TRUE(w->flush());
+  std::vector<u8> want = {0xFF, 0xFE, 'A',  0,    0xE9, 0,    'z', 0,    0x3D,
+                          0xD8, 0x00, 0xDE, 0x00, 0xDC, '\r', 0,   '\n', 0};
+  EXPECT_EQ(stripe->bytes(), want);
+  EXPECT_EQ(stripe->pos(), want.size());
+}
+
+TEST(TextWriter, Utf8SurrogatesAndByteOrderMark) {
+  auto stripe = MemoryStripe::create();
+  {
+    auto w = TextWriter::create(stripe, TextWriter::Encoding::Utf8, true);
+    ASSERT_TRUE(w);
+    // A pair split across two calls is still one code point.
+    w->print(std::u16string_view(u"\xD83D", 1));
+    w->print(std::u16string_view(u"\xDE00-\xDC00-\xD800", 5));
+    // The destructor flushes; the trailing lone high surrogate becomes U+FFFD.
+  }
+  EXPECT_EQ(stripe->bytes(), bytesOf("\xEF\xBB\xBF\xF0\x9F\x98\x80-\xEF\xBF\xBD-\xEF\xBF\xBD"));
+}
+
+TEST(TextWriter, WritesAtStripePositionWithoutMark) {
+  auto stripe = MemoryStripe::create(bytesOf("head"));
+  stripe->seek(4);
+  auto w = TextWriter::create(stripe, TextWriter::Encoding::Utf8, false);
+  ASSERT_TRUE(w);
+  w->print("tail");
+  w->endLine();
+  EXPECT_TRUE(w->flush());
+  EXPECT_EQ(stripe->bytes(), bytesOf("headtail\r\n"));
+}
+
+TEST(TextWriter, CreationRefusals) {
+  EXPECT_FALSE(TextWriter::create(nullptr, TextWriter::Encoding::Utf8, false));
+  EXPECT_FALSE(TextWriter::create(MemoryStripe::create(), static_cast<TextWriter::Encoding>(3), false));
+  auto stripe = MemoryStripe::create();
+  stripe->failWrites(true);
+  EXPECT_FALSE(TextWriter::create(stripe, TextWriter::Encoding::Utf16LE, true));
+}
+
+TEST(TextWriter, FailedWriteIsReportedAndSticks) {
+  auto stripe = MemoryStripe::create();
+  stripe->limitSize(100000);
+  auto w = TextWriter::create(stripe, TextWriter::Encoding::Utf16LE, true);
+  ASSERT_TRUE(w);
+  bool ok = true;
+  for (int i = 0; i < 10000 && ok; ++i) ok = w->print("0123456789");
+  ok = ok && w->flush();
+  EXPECT_FALSE(ok);
+  EXPECT_TRUE(w->failed());
+  EXPECT_FALSE(w->print("x"));
+  EXPECT_FALSE(w->flush());
+  // Only whole buffers reached the stripe: no gap was papered over.
+  EXPECT_LE(stripe->bytes().size(), 100000u);
+}
+
+TEST(CharReader, DetectsEncoding) {
+  CharReader::Encoding enc;
+  EXPECT_EQ(readAll(std::string_view("\xFF\xFE"
+                                     "A\0B\0",
+                                     6),
+                    &enc),
+            std::vector<std::u16string>{u"AB"});
+  EXPECT_EQ(enc, CharReader::Encoding::Utf16LE);
+  EXPECT_EQ(readAll("\xEF\xBB\xBF"
+                    "AB",
+                    &enc),
+            std::vector<std::u16string>{u"AB"});
+  EXPECT_EQ(enc, CharReader::Encoding::Utf8);
+  EXPECT_EQ(readAll(std::string_view("A\0B\0", 4), &enc), std::vector<std::u16string>{u"AB"});
+  EXPECT_EQ(enc, CharReader::Encoding::Utf16LE);
+  EXPECT_EQ(readAll("AB", &enc), std::vector<std::u16string>{u"AB"});
+  EXPECT_EQ(enc, CharReader::Encoding::Utf8);
+  // Too short for a mark: still read, as UTF-8.
+  EXPECT_EQ(readAll("\xEF", &enc), std::vector<std::u16string>{u"\xFFFD"});
+  EXPECT_TRUE(readAll("").empty());
+}
+
+TEST(CharReader, LineEndings) {
+  std::vector<std::u16string> want = {u"a", u"b", u"c", u"", u"d", u"", u"e"};
+  EXPECT_EQ(readAll("a\r\nb\nc\r\rd\n\ne"), want);
+  // A final terminator does not start another line.
+  EXPECT_EQ(readAll("x\r\n"), std::vector<std::u16string>{u"x"});
+  EXPECT_EQ(readAll("x\r"), std::vector<std::u16string>{u"x"});
+  EXPECT_EQ(readAll("\n"), std::vector<std::u16string>{u""});
+}
+
+TEST(CharReader, OddTrailingByteInUtf16) {
+  EXPECT_EQ(readAll(std::string_view("\xFF\xFE"
+                                     "A\0B",
+                                     5)),
+            std::vector<std::u16string>{u"A\xFFFD"});
+}
+
+TEST(CharReader, InvalidUtf8BecomesReplacement) {
+  // Stray continuation, overlong form, encoded surrogate, truncated sequence at the end.
+  EXPECT_EQ(readAll("a\x80"
+                    "b\xC0\x80"
+                    "c\xED\xA0\x80"
+                    "d\xE2\x82"),
+            std::vector<std::u16string>{u"a\xFFFD"
+                                        u"b\xFFFD\xFFFD"
+                                        u"c\xFFFD\xFFFD\xFFFD"
+                                        u"d\xFFFD"});
+  // A broken sequence does not swallow the character that broke it.
+  EXPECT_EQ(readAll("\xE2\x82z\xF0\x9F\x98\x80"), std::vector<std::u16string>{u"\xFFFDz\xD83D\xDE00"});
+}
+
+TEST(CharReader, SequencesAcrossChunkBoundaries) {
+  // Shift a 4-byte sequence and a CR LF over the 64 KiB read boundary.
+  for (size_t shift = 0; shift < 4; ++shift) {
+    std::string text(65536 - 2 - shift, 'x');
+    text += "\xF0\x9F\x98\x80\r\nend";
+    auto lines = readAll(text);
+    ASSERT_EQ(lines.size(), 2u) << shift;
+    EXPECT_EQ(lines[0].size(), 65536 - 2 - shift + 2);
+    EXPECT_EQ(lines[0].substr(lines[0].size() - 2), u"\xD83D\xDE00");
+    EXPECT_EQ(lines[1], u"end");
+  }
+  std::string utf16("\xFF\xFE", 2);
+  for (int i = 0; i < 32766; ++i) utf16.append("y\0", 2);
+  utf16.append("\r\0\n\0z\0", 6);  // the CR ends the first chunk, its LF starts the next
+  auto lines = readAll(utf16);
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[0].size(), 32766u);
+  EXPECT_EQ(lines[1], u"z");
+}
+
+TEST(CharReader, StartsAtStripePositionAndReportsReadFailure) {
+  auto stripe = MemoryStripe::create(bytesOf("skip\nkeep\n"));
+  stripe->seek(5);
+  EXPECT_EQ(readAll(stripe), std::vector<std::u16string>{u"keep"});
+  EXPECT_EQ(stripe->pos(), 5u);
+
+  auto broken = makeRef<BrokenStripe>(bytesOf(std::string(100000, 'a') + "\nb\n"), 70000);
+  auto reader = CharReader::create(broken);
+  std::u16string line;
+  EXPECT_FALSE(reader->readLine(line));
+  EXPECT_TRUE(reader->failed());
+  EXPECT_FALSE(CharReader::create(nullptr));
+}
+
+TEST(TextIo, RoundTripBothEncodings) {
+  std::vector<std::u16string> lines = {u"Windows Registry Editor Version 5.00", u"",
+                                       u"[HKEY_LOCAL_MACHINE\\Sw\\\x00C4\x4E2D]",
+                                       u"\"n\"=\"\xD83D\xDE00 text\""};
+  for (int i = 0; i < 20000; ++i)
+    lines.push_back(u"\"v" + std::u16string(i % 50, u'k') + u"\"=dword:00000001");
+  for (auto enc : {TextWriter::Encoding::Utf16LE, TextWriter::Encoding::Utf8}) {
+    auto stripe = MemoryStripe::create();
+    auto w = TextWriter::create(stripe, enc, true);
+    for (auto& l : lines) {
+      w->print(l);
+      w->endLine();
+    }
+    ASSERT_TRUE(w->flush());
+    stripe->seek(0);
+    CharReader::Encoding got;
+    EXPECT_EQ(readAll(stripe, &got), lines);
+    EXPECT_EQ(static_cast<int>(got), static_cast<int>(enc));
+  }
+}
+
+}  // namespace
+}  // namespace Platform
