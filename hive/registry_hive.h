@@ -12,6 +12,7 @@
 // write; re-load after such a call.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "hive/errors.h"
@@ -63,6 +64,10 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   const u8* header() const { return _header; }
   u32 rootOffset() const { return _rootOffset; }
   u32 hiveLength() const { return L32(_header + hive_header::OFS_LENGTH); }
+  // The base block's file name field: all 32 units up to the first zero,
+  // and the part of it after the last '/' or '\'.
+  std::u16string fullFileName() const;
+  std::u16string fileName() const;
   LogMode logMode() const { return _logMode; }
   // 0 primary (.LOG), 1 first alternate, 2 second alternate.
   const LogFileInfo& logFile(u32 index) const { return _logs[index]; }
@@ -95,7 +100,9 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
 
   // --- Names -------------------------------------------------------------
   // The stored form of a name: codepage bytes when every character has one
-  // (ascii = true), else UTF-16LE. False when the name is null.
+  // (ascii = true), else UTF-16LE. `length` is the stored byte count; `out`
+  // holds one more zero byte (two for UTF-16) that it does not count.
+  // False when the name is null.
   bool stringToRegName(const Ref<String>& name, std::vector<u8>& out, u64& length, bool& ascii);
   // Decodes a stored name; false (with the Latin-1 reading) when a byte has
   // no character in the codepage.
@@ -121,18 +128,65 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   bool handleAction(MappedStripe& stripe, Action action, const void* buffer, u64 offset, u64 size,
                     u64& done) override;
 
+ protected:
+  static constexpr u32 INITIAL_CACHE_SIZE = 1048576;
+
  private:
   struct CachedHbin {
     u32 hbinIdx;
     u32 dirty;
+    u64 place;  // of the hbin's first byte in the cache
   };
+  // Where the record walk of one hbin lands, built by one walk from offset
+  // 32 the first time a record of the hbin is validated while it is cached.
+  struct RecordStarts {
+    bool built = false;
+    // The walk met a size that left it off the 8-byte grid: such landings
+    // have no bit, so any later size-field write must drop the index.
+    bool offGrid = false;
+    u32 zeroAt = 0;         // hbin-relative position of the first 0 size, or the hbin size
+    std::vector<u64> bits;  // bit i: the walk lands on hbin-relative position 8 * i
+  };
+  static constexpr u32 NOT_CACHED = 0xffffffffu;
+
   bool initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name, const u8* primary, LogFileInfo& info);
   bool chooseLogMode();
   LogFileInfo* currentLogFile();
   bool applyLogMappings();
+  // Log layer (hive/log/): a run of bytes of the hive bins data written as
+  // one page reference of a log entry.
+  struct LogPage {
+    u32 offset;  // in the hive bins data
+    u32 length;
+    const u8* data;
+  };
+  bool logUsable(const LogFileInfo& info) const;
+  // Severity-1 report of the sequence numbers and the three logs.
+  void logDump();
+  bool applyOldFormatLog(LogFileInfo& log);
+  bool mapLogEntry(LogFileInfo& log, const LogEntryInfo& entry);
+  bool startLog(LogFileInfo& log);
+  // Appends one entry holding `pages` to the current log and maps them.
+  bool appendLogEntry(const std::vector<LogPage>& pages);
+  // Writes the dirty hbins (indices into _cachedHbins) as one entry of the
+  // current log; clears their dirty marks on success.
+  bool flushToLog(const std::vector<u32>& dirtySlots);
+
+  bool construct(const LogFiles& logs);
+  bool checkRootRecord();
+  bool refuseUnsafe(const char* function) const;
+  u64 fileSize();
+
+  // The reference walk: is `offset` a record start of the hbin at `hbin`?
   bool isValidRecord(const u8* hbin, u32 hbinOffset, u32 hbinSize, u32 offset);
+  // The same answer and messages through the hbin's RecordStarts.
+  bool isRecordStart(u32 hbinIdx, const u8* hbin, u32 offset);
+  void buildRecordStarts(RecordStarts& starts, const u8* hbin, u32 hbinSize);
+  // Drops the index when [ofs, ofs + length) touches a size field it knows.
+  void noteHbinWrite(u32 hbinIdx, u32 offsetInHbin, u32 length);
   bool readHbinHeader(u32 position, HbinEntry& entry);
-  bool scanFreeSpace(HbinEntry& entry);
+  void scanFreeSpace(HbinEntry& entry);
+  void appendHbin(const HbinEntry& entry);
   void resetCache();
   bool writeHeader();
 
@@ -151,15 +205,19 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   u32 _rootOffset = INVALID_RECORD;
   bool _valid = false;
   Platform::WeakRef<KeyObj> _root;
+  // The last log entry replayed at open and the log (index into _logs) it came from.
+  u32 _appliedSequence = 0;
+  u32 _appliedLog = 0xffffffffu;
+  u64 _fileSize = 0;  // last known size of _stripe; re-read when an offset lies beyond it
 
   std::vector<HbinEntry> _hbins;
   std::vector<CachedHbin> _cachedHbins;
-  // Place of each hbin in the cache (INVALID_CACHE_OFFSET when not cached),
-  // indexed like _hbins; rebuilt when the cache is emptied.
-  std::vector<u64> _cachePlace;
-  // Valid record starts of each cached hbin, one bit per 8 bytes, made by
-  // one walk when the hbin is first validated; empty = not yet known.
-  std::vector<std::vector<u64>> _recordStarts;
+  // Slot of each hbin in _cachedHbins (NOT_CACHED when absent), indexed
+  // like _hbins; reset with the cache.
+  std::vector<u32> _cacheSlot;
+  // Record-start index of each hbin, indexed like _hbins; only cached
+  // hbins have one, and it is dropped with the cache.
+  std::vector<RecordStarts> _recordStarts;
   u32 _cacheSize;
   u32 _cacheUsed = 0;
   Ref<ShMem> _cacheMem;

@@ -23,6 +23,10 @@ class GcProxy {
  public:
   // Strong reference to the object, or null once it is gone.
   Object* acquire();
+  bool alive() {
+    std::lock_guard<std::mutex> g(_lock);
+    return _object != nullptr;
+  }
   void retain() { _refs.fetch_add(1, std::memory_order_relaxed); }
   void release() {
     if (_refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
@@ -133,8 +137,9 @@ class WeakRef {
     return Ref<T>::adopt(_raw);
   }
   bool empty() const { return !_proxy; }
-  // True when this refers to exactly the given object (no count taken).
-  bool is(const T* p) const { return _proxy && _raw == p && p; }
+  // True when this refers to exactly the given, still living object. An
+  // address alone is not enough: a dead object's address may be reused.
+  bool is(const T* p) const { return p && _proxy && _raw == p && _proxy->alive(); }
   void clear() {
     if (_proxy) _proxy->release();
     _proxy = nullptr;

@@ -7,6 +7,7 @@
 // by identity. Every public operation holds the hive's monitor.
 #pragma once
 
+#include <unordered_map>
 #include <vector>
 
 #include "hive/registry_hive.h"
@@ -78,10 +79,11 @@ class KeyObj : public Key {
   friend class ValueIteratorObj;
   friend class ValueObj;
 
+  // Trivially copyable, so that inserting into a long list is one memmove;
+  // the objects handed out live in _keyObjects, by nk offset.
   struct KeyEntry {
     u32 hash;
     u32 offset;
-    WeakRef<KeyObj> object;
   };
   struct TreeEntry {
     u32 offset;
@@ -97,6 +99,10 @@ class KeyObj : public Key {
   u32 loadLf(const hive_record* record, u32 recordOffset, u32 position);
   u32 loadLh(const hive_record* record, u32 recordOffset, u32 position);
   u32 loadLi(const hive_record* record, u32 recordOffset, u32 position);
+  // The common part of the three: `width` is 8 for lf/lh, 4 for li.
+  u32 loadList(const hive_record* record, u32 recordOffset, u32 position, u16 signature, u32 width,
+               const char* letters);
+  bool loadKeyList();
   bool binaryFindKey(const Ref<String>& name, Ref<KeyObj>& key, u32& position);
   bool linearFindKey(const Ref<String>& name, Ref<KeyObj>& key, u32& position);
 
@@ -153,6 +159,7 @@ class KeyObj : public Key {
   Ref<KeyObj> _parent;
   u32 _offset;
   std::vector<KeyEntry> _keyList;
+  std::unordered_map<u32, WeakRef<KeyObj>> _keyObjects;
   std::vector<TreeEntry> _tree;
   std::vector<ValueEntry> _values;
   Ref<String> _name;

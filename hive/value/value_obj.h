@@ -57,8 +57,9 @@ class ValueObj : public Value {
   bool resident() const { return _dataResident; }
   bool resizableAsStripe() const { return _resizable; }
   const Ref<RegistryHiveObj>& hive() const { return _hive; }
-  Ref<KeyObj> parent() const { return _parent; }
-  void setParent(Ref<KeyObj> parent) { _parent = std::move(parent); }
+  // Out of line: KeyObj is incomplete here.
+  Ref<KeyObj> parent() const;
+  void setParent(Ref<KeyObj> parent);
 
  private:
   bool initExtents();
@@ -66,6 +67,18 @@ class ValueObj : public Value {
   u32 resizeDbList(u32 newSize);
   bool writeRecordData();  // the 20 bytes from offset 4 of the vk record
   u32 extentCapacity() const;
+  // The data lies in a db list (minor version 4 and up, above 16344 bytes).
+  bool inDbForm() const;
+  // Every record of the current storage (extents, then db and fragment list
+  // records); false when the storage cannot be loaded.
+  bool storageRecords(std::vector<u32>& records);
+  // Frees each record; false when any could not be freed.
+  bool freeRecords(const std::vector<u32>& records);
+  // Sets the data size (and resident bit) and rewrites the vk record.
+  u32 commitSize(u32 newSize, const char* failure);
+  bool writeDbList(u32 dbRecord, u32 listRecord, const std::vector<u32>& fragments);
+  template <class Piece>
+  u32 walkExtents(u32 offset, u32 count, Piece piece);
 
   std::vector<u32> _extents;
   Ref<RegistryHiveObj> _hive;

@@ -55,7 +55,9 @@ TEST(ObjectTest, WeakUpgradeRacesWithLastRelease) {
         }
         for (int i = 0; i < 100; ++i) {
           Ref<Tracked> r = weak.lock();
-          if (r) EXPECT_EQ(*r->alive, 1);
+          if (r) {
+            EXPECT_EQ(*r->alive, 1);
+          }
         }
       });
     go = true;

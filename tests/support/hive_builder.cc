@@ -236,7 +236,9 @@ u32 HiveBuilder::lfHint(const std::u16string& name) {
 
 std::vector<u8> HiveBuilder::sampleDescriptor() {
   // Header (20 bytes), DACL at 20 (28 bytes), owner at 48, group at 64.
-  std::vector<u8> sd(20, 0);
+  std::vector<u8> sd;
+  sd.reserve(96);
+  sd.resize(20, 0);
   sd[0] = 1;                                    // revision
   W16(sd.data() + 2, 0x8004);                   // self-relative, DACL present
   W32(sd.data() + 4, 48);                       // owner

@@ -1,0 +1,21 @@
+// The commands of hivekit, one per cmd_*.cc file.
+#pragma once
+
+#include "cli/command.h"
+
+namespace hivekit::cli {
+
+extern const Command INFO_COMMAND;
+extern const Command LS_COMMAND;
+extern const Command GET_COMMAND;
+extern const Command EXPORT_COMMAND;
+extern const Command DUMP_COMMAND;
+extern const Command SD_COMMAND;
+extern const Command NEW_COMMAND;
+extern const Command MKKEY_COMMAND;
+extern const Command SET_COMMAND;
+extern const Command RM_COMMAND;
+extern const Command MV_COMMAND;
+extern const Command IMPORT_COMMAND;
+
+}  // namespace hivekit::cli

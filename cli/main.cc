@@ -1,0 +1,110 @@
+// hivekit: inspect and change Windows registry hive files.
+//
+//   hivekit COMMAND [options] ARGS...
+//
+// Each command is described by a Command record (cli/command.h) in its own
+// file; this file parses the shared part of the command line and runs it.
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "cli/commands.h"
+#include "platform/log.h"
+
+namespace hivekit::cli {
+namespace {
+
+const Command* const COMMANDS[] = {&INFO_COMMAND, &LS_COMMAND, &GET_COMMAND, &EXPORT_COMMAND,
+                                   &DUMP_COMMAND, &SD_COMMAND, &NEW_COMMAND, &MKKEY_COMMAND,
+                                   &SET_COMMAND,  &RM_COMMAND, &MV_COMMAND,  &IMPORT_COMMAND};
+
+const char COMMON_HELP[] =
+    "Options every command takes:\n"
+    "  --codepage CP  how 8-bit key and value names are read and written: ascii,\n"
+    "                 latin1 (the default; byte = character, as Windows reads them),\n"
+    "                 windows1250 or windows1252\n"
+    "  --no-logs      ignore the transaction logs beside HIVE\n"
+    "  --log FILE     use FILE as a transaction log instead of looking for\n"
+    "                 HIVE.LOG, HIVE.LOG1 and HIVE.LOG2 (any case of the extension);\n"
+    "                 repeatable, the slot follows FILE's extension\n"
+    "  --verbose      show the library's log on standard error\n"
+    "  -h, --help     show this help\n";
+
+const char READ_HELP[] =
+    "Reading commands open the hive read-only and never change it or its logs.\n"
+    "  --dirty        open a dirty hive (sequence numbers differ) whose logs cannot\n"
+    "                 be applied, as it is\n"
+    "  --unsafe       read the whole file into memory and serve records from that\n"
+    "                 copy (for damaged hives)\n";
+
+const char WRITE_HELP[] =
+    "Writing commands open the hive read-write and flush the changes at the end;\n"
+    "changes made before a failure may stay.\n";
+
+void printGeneralHelp(FILE* out) {
+  std::fputs(
+      "usage: hivekit COMMAND [options] HIVE ...\n"
+      "Inspect and change Windows registry hive files.\n\nCommands:\n",
+      out);
+  for (const Command* c : COMMANDS) std::fprintf(out, "  %-8s %s\n", c->name, c->summary);
+  std::fputs(
+      "\nKEYPATH is backslash-separated (quote it for the shell); a leading \\ is\n"
+      "optional and \\ or \"\" is the root key. 'hivekit COMMAND --help' tells more.\n"
+      "Exit status: 0 success, 1 failure, 2 usage error.\n",
+      out);
+}
+
+void printCommandHelp(const Command* c) {
+  std::printf("usage: hivekit %s\n%s\n\n%s\n%s", c->synopsis, c->summary, c->details, COMMON_HELP);
+  std::fputs(c->writes ? WRITE_HELP : READ_HELP, stdout);
+}
+
+int run(int argc, char** argv) {
+  if (argc < 2) {
+    printGeneralHelp(stderr);
+    return EXIT_USAGE;
+  }
+  std::string name = argv[1];
+  if (name == "--help" || name == "-h" || name == "help") {
+    if (name == "help" && argc > 2) {
+      for (const Command* c : COMMANDS)
+        if (argv[2] == std::string(c->name)) {
+          printCommandHelp(c);
+          return EXIT_OK;
+        }
+    }
+    printGeneralHelp(stdout);
+    return EXIT_OK;
+  }
+  const Command* command = nullptr;
+  for (const Command* c : COMMANDS)
+    if (name == c->name) command = c;
+  if (!command) return usageError(nullptr, "unknown command '" + name + "'");
+
+  Context ctx;
+  ctx.command = command;
+  std::vector<OptionSpec> specs = COMMON_OPTIONS;
+  specs.insert(specs.end(), command->options.begin(), command->options.end());
+  std::string error;
+  if (!parseArgs(std::vector<std::string>(argv + 2, argv + argc), specs, ctx.args, error) ||
+      !readCommonOptions(ctx.args, ctx.common, error)) {
+    return usageError(command, error);
+  }
+  if (ctx.common.help) {
+    printCommandHelp(command);
+    return EXIT_OK;
+  }
+  if (command->writes && (ctx.common.dirty || ctx.common.unsafe))
+    return usageError(command, "--dirty and --unsafe are for reading commands only");
+  if (ctx.operandCount() < command->minOperands) return usageError(command, "missing arguments");
+  if (ctx.operandCount() > command->maxOperands) return usageError(command, "too many arguments");
+  if (ctx.common.verbose) Platform::Log::setStderrLevel(1);
+  return command->run(ctx);
+}
+
+}  // namespace
+}  // namespace hivekit::cli
+
+int main(int argc, char** argv) {
+  return hivekit::cli::run(argc, argv);
+}

@@ -1,0 +1,118 @@
+#include "cli/options.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace hivekit::cli {
+
+using Libraries::Files::Hive::HiveCodepage;
+
+const std::vector<OptionSpec> COMMON_OPTIONS = {
+    {"--dirty", false, false},   {"--unsafe", false, false},  {"--codepage", true, false},
+    {"--verbose", false, false}, {"--no-logs", false, false}, {"--log", true, true},
+    {"--help", false, false},    {"-h", false, false},
+};
+
+std::string ParsedArgs::value(const std::string& name, const std::string& fallback) const {
+  auto it = options.find(name);
+  return it == options.end() || it->second.empty() ? fallback : it->second.back();
+}
+
+const std::vector<std::string>& ParsedArgs::values(const std::string& name) const {
+  static const std::vector<std::string> none;
+  auto it = options.find(name);
+  return it == options.end() ? none : it->second;
+}
+
+bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& specs, ParsedArgs& out,
+               std::string& error) {
+  auto find = [&](const std::string& name) -> const OptionSpec* {
+    for (const OptionSpec& s : specs)
+      if (name == s.name) return &s;
+    return nullptr;
+  };
+  bool optionsEnded = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& arg = args[i];
+    // "-" alone is an operand (standard input or output where a file goes).
+    if (optionsEnded || arg.size() < 2 || arg[0] != '-') {
+      out.operands.push_back(arg);
+      continue;
+    }
+    if (arg == "--") {
+      optionsEnded = true;
+      continue;
+    }
+    std::string name = arg, value;
+    bool inlineValue = false;
+    size_t eq = arg.find('=');
+    if (arg.compare(0, 2, "--") == 0 && eq != std::string::npos) {
+      name = arg.substr(0, eq);
+      value = arg.substr(eq + 1);
+      inlineValue = true;
+    }
+    const OptionSpec* spec = find(name);
+    if (!spec) {
+      error = "unknown option " + name;
+      return false;
+    }
+    if (spec->takesValue && !inlineValue) {
+      if (i + 1 >= args.size()) {
+        error = "option " + name + " needs a value";
+        return false;
+      }
+      value = args[++i];
+    } else if (!spec->takesValue && inlineValue) {
+      error = "option " + name + " takes no value";
+      return false;
+    }
+    std::vector<std::string>& slot = out.options[name];
+    if (!slot.empty() && !spec->repeatable) {
+      error = "option " + name + " given more than once";
+      return false;
+    }
+    slot.push_back(value);
+  }
+  return true;
+}
+
+bool parseCodepage(const std::string& text, HiveCodepage& out) {
+  std::string t = text;
+  std::transform(t.begin(), t.end(), t.begin(), [](unsigned char c) { return std::tolower(c); });
+  if (t == "ascii") {
+    out = Libraries::Files::Hive::ascii;
+  } else if (t == "latin1" || t == "iso-8859-1" || t == "iso8859-1") {
+    out = Libraries::Files::Hive::latin1;
+  } else if (t == "windows1250" || t == "windows-1250" || t == "cp1250" || t == "1250") {
+    out = Libraries::Files::Hive::windows1250;
+  } else if (t == "windows1252" || t == "windows-1252" || t == "cp1252" || t == "1252") {
+    out = Libraries::Files::Hive::windows1252;
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool readCommonOptions(const ParsedArgs& parsed, CommonOptions& out, std::string& error) {
+  out.dirty = parsed.has("--dirty");
+  out.unsafe = parsed.has("--unsafe");
+  out.verbose = parsed.has("--verbose");
+  out.noLogs = parsed.has("--no-logs");
+  out.help = parsed.has("--help") || parsed.has("-h");
+  out.logs = parsed.values("--log");
+  if (parsed.has("--codepage") && !parseCodepage(parsed.value("--codepage"), out.codepage)) {
+    error = "unknown codepage '" + parsed.value("--codepage") + "' (ascii, latin1, windows1250, windows1252)";
+    return false;
+  }
+  if (out.noLogs && !out.logs.empty()) {
+    error = "--no-logs and --log exclude each other";
+    return false;
+  }
+  if (out.logs.size() > 3) {
+    error = "at most three --log files (.LOG, .LOG1, .LOG2)";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace hivekit::cli

@@ -1,0 +1,58 @@
+// Command-line parsing for hivekit: options may stand anywhere among the
+// operands ("--" ends them), as "--name value", "--name=value" or, for
+// one-letter options, "-o value". Everything else is an operand.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "hive/codepage.h"
+
+namespace hivekit::cli {
+
+struct OptionSpec {
+  const char* name;  // "--codepage", "-o"
+  bool takesValue;
+  bool repeatable;
+};
+
+struct ParsedArgs {
+  std::vector<std::string> operands;
+  // Every occurrence of each option given, in order ("" for flags).
+  std::map<std::string, std::vector<std::string>> options;
+
+  bool has(const std::string& name) const { return options.count(name) != 0; }
+  // The last value given, or `fallback`.
+  std::string value(const std::string& name, const std::string& fallback = "") const;
+  const std::vector<std::string>& values(const std::string& name) const;
+};
+
+// Parses args[0..] against `specs`. False with a message in `error` for an
+// unknown option, a missing value, a value given to a flag, or an option
+// repeated that may appear only once.
+bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& specs, ParsedArgs& out,
+               std::string& error);
+
+// The options every command shares.
+extern const std::vector<OptionSpec> COMMON_OPTIONS;
+
+struct CommonOptions {
+  bool dirty = false;
+  bool unsafe = false;
+  bool verbose = false;
+  bool noLogs = false;
+  bool help = false;
+  Libraries::Files::Hive::HiveCodepage codepage = Libraries::Files::Hive::latin1;
+  std::vector<std::string> logs;  // --log, in order
+};
+
+// Reads the shared options out of parsed arguments; false with a message
+// for an unknown codepage or contradicting choices.
+bool readCommonOptions(const ParsedArgs& parsed, CommonOptions& out, std::string& error);
+
+// "ascii", "latin1", "windows1250", "windows1252" (also "1250", "1252",
+// "cp1252", any case).
+bool parseCodepage(const std::string& text, Libraries::Files::Hive::HiveCodepage& out);
+
+}  // namespace hivekit::cli

@@ -1,0 +1,75 @@
+// Flushing: dirty hbins of the record cache reach the hive file (or, in a
+// log mode, the current log) here, and the base block is rewritten when
+// the file grows.
+#include <vector>
+
+#include "hive/registry_hive.h"
+#include "platform/error.h"
+
+namespace Libraries::Files::Hive {
+
+bool RegistryHiveObj::flush() {
+  Mon::Lock lock(_mon);
+  if (readonly()) return true;
+  if (!internalFlush()) return false;
+  return _sync ? _sync() : true;
+}
+
+bool RegistryHiveObj::internalFlush() {
+  // Write-through has written everything already; read-only and unsafe
+  // hives have nothing to write.
+  if (_mode & (modeWriteThrough | modeReadOnly | modeUnsafe)) return true;
+  std::vector<u32> dirty;
+  for (u32 slot = 0; slot < _cachedHbins.size(); ++slot)
+    if (_cachedHbins[slot].dirty) dirty.push_back(slot);
+  if (dirty.empty()) return true;
+  if (_logMode != LogMode::None) return flushToLog(dirty);
+
+  bool ok = true;
+  for (u32 slot : dirty) {
+    CachedHbin& cached = _cachedHbins[slot];
+    const HbinEntry& hbin = _hbins[cached.hbinIdx];
+    const u64 filePosition = u64{HIVE_HEADER_SIZE} + hbin.offset;
+    if (_stripe->seek(filePosition) != filePosition) {
+      HK_LOG(hiveLog, 4) << "Failed to seek to data position: " << filePosition;
+      ok = false;
+      continue;
+    }
+    if (_stripe->write(_cache + cached.place, hbin.size) != hbin.size) {
+      HK_LOG(hiveLog, 4) << "Failed to flush hbin: " << cached.hbinIdx << " offset: " << hbin.offset
+                         << "; error: " << Log::hex(Error::get());
+      ok = false;
+      continue;
+    }
+    cached.dirty = 0;
+  }
+  return ok;
+}
+
+// In a log mode the dirty hbins become one entry of the current log, which
+// maps them so that later reads of those hbins see the log's copy; the hive
+// file is not touched.
+bool RegistryHiveObj::flushToLog(const std::vector<u32>& dirtySlots) {
+  if (!currentLogFile()) {
+    HK_LOG(hiveLog, 4) << "No log file applicable despite the log mode saying so";
+    return false;
+  }
+  std::vector<LogPage> pages;
+  pages.reserve(dirtySlots.size());
+  for (u32 slot : dirtySlots) {
+    const CachedHbin& cached = _cachedHbins[slot];
+    const HbinEntry& hbin = _hbins[cached.hbinIdx];
+    pages.push_back(LogPage{hbin.offset, hbin.size, _cache + cached.place});
+  }
+  if (!appendLogEntry(pages)) return false;
+  for (u32 slot : dirtySlots) _cachedHbins[slot].dirty = 0;
+  return true;
+}
+
+bool RegistryHiveObj::writeHeader() {
+  W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
+  if (_stripe->seek(0) != 0) return false;
+  return _stripe->write(_header, hive_header::SIZE) == hive_header::SIZE;
+}
+
+}  // namespace Libraries::Files::Hive

@@ -1,0 +1,157 @@
+#include "hive/key/key_obj.h"
+
+#include "platform/check.h"
+#include "platform/error.h"
+
+namespace Libraries::Files::Hive {
+
+KeyObj::KeyObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent)
+    : _hive(std::move(hive)), _parent(std::move(parent)), _offset(offset) {
+  _codepage = _hive->codepage();
+  _readOnly = _hive->readonly();
+  const hive_record* hr = _hive->cacheLoadRecord(offset);
+  if (!hr) {
+    HK_LOG(hiveLog, 4) << "Failed to get hive record for key:" << offset;
+    return;
+  }
+  if (hr->signature() != hive_record_nk::SIGNATURE) {
+    HK_LOG(hiveLog, 4) << "Key record is no nk record: " << offset;
+    Error::set(Errors::NOT_NK_RECORD);
+    return;
+  }
+  HK_ASSERT_AS(hiveLog, "-static_cast<s32>(L32ToHost(hr->size)) >= 0", hr->used(), );
+  u32 cellSize = hr->length();
+  if (cellSize < hive_record_nk::HEADER_SIZE) {
+    HK_LOG(hiveLog, 4) << "Name of key exceeds length of record";
+    return;
+  }
+  u32 nameLength = hr->u16At(hive_record_nk::OFS_NAME_LENGTH);
+  if (nameLength + hive_record_nk::HEADER_SIZE > cellSize) {
+    HK_LOG(hiveLog, 4) << "Name of key exceeds length of record";
+    return;
+  }
+  if (!_parent) {
+    _name = String::empty();
+  } else if (hr->u16At(hive_record_nk::OFS_FLAGS) & hive_record_nk::FLAG_COMP_NAME) {
+    if (!_hive->regNameToString(hr->bytes() + hive_record_nk::OFS_NAME, nameLength, true, _name))
+      HK_LOG(hiveLog, 3) << "Name of key could not be converted from codepaged name to Ref<String>. key:"
+                         << offset;
+  } else {
+    _hive->regNameToString(hr->bytes() + hive_record_nk::OFS_NAME, nameLength, false, _name);
+  }
+  _numOfKeys = hr->u32At(hive_record_nk::OFS_NUM_KEYS);
+  _keyListCell = hr->u32At(hive_record_nk::OFS_KEY_LIST);
+  if (_keyListCell == INVALID_RECORD) _keyListCell = 0;
+  _numOfValues = hr->u32At(hive_record_nk::OFS_NUM_VALUES);
+  _valueListCell = hr->u32At(hive_record_nk::OFS_VALUE_LIST);
+  if (_valueListCell == INVALID_RECORD) _valueListCell = 0;
+  _lastWriteTime = hr->u64At(hive_record_nk::OFS_LAST_WRITE);
+  for (u32 i = 0; i < hive_record_nk::HEADER_SIZE; ++i) _header[i] = hr->bytes()[i];
+  _listType = (_hive->versionMajor() == 1 && _hive->versionMinor() < 4) ? keyListLF : keyListLH;
+  _valid = true;
+}
+
+KeyObj::~KeyObj() = default;
+
+Ref<String> KeyObj::name() {
+  return _valid ? _name : nullptr;
+}
+
+Ref<KeyObj> KeyObj::key(u32 index) {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return nullptr;
+  }
+  if (!initSubkeys()) return nullptr;
+  HK_ASSERT_AS(hiveLog, "_keyList.size() == _numOfKeys", _keyList.size() == _numOfKeys, nullptr);
+  if (index >= _keyList.size()) return nullptr;
+  const u32 nk = _keyList[index].offset;
+  auto known = _keyObjects.find(nk);
+  if (known != _keyObjects.end()) {
+    if (Ref<KeyObj> live = known->second.lock()) return live;
+  }
+  Ref<KeyObj> k = makeRef<KeyObj>(_hive, nk, Ref<KeyObj>(this));
+  if (!k->valid()) {
+    HK_LOG(hiveLog, 4) << "New created KeyObj not valid"
+                       << ", key: " << _offset << ", index: " << index;
+    return nullptr;
+  }
+  _keyObjects[nk] = WeakRef<KeyObj>(k);
+  return k;
+}
+
+void KeyObj::setHeader32(u32 fieldOffset, u32 value) {
+  W32(_header + fieldOffset, value);
+}
+
+void KeyObj::sublistForInsert(u32 position, u32& sublist, u32& first) const {
+  // The first sublist whose running total reaches the position, else the last.
+  u32 total = 0;
+  for (u32 i = 0; i < _tree.size(); ++i) {
+    if (total + _tree[i].numOfkeys >= position) {
+      sublist = i;
+      first = total;
+      return;
+    }
+    total += _tree[i].numOfkeys;
+  }
+  sublist = static_cast<u32>(_tree.size()) - 1;
+  first = total - _tree.back().numOfkeys;
+}
+
+bool KeyObj::sublistHolding(u32 position, u32& sublist, u32& first) const {
+  u32 total = 0;
+  for (u32 i = 0; i < _tree.size(); ++i) {
+    if (position < total + _tree[i].numOfkeys) {
+      sublist = i;
+      first = total;
+      return true;
+    }
+    total += _tree[i].numOfkeys;
+  }
+  return false;
+}
+
+u32 KeyObj::positionOfSubkey(const KeyObj* k) {
+  if (!initSubkeys()) return INVALID_RECORD;
+  // The list is sorted by name: look there first, then walk the offsets
+  // (a damaged list need not be sorted).
+  if (k->_name) {
+    Ref<KeyObj> found;
+    u32 position = INVALID_RECORD;
+    if (binaryFindKey(k->_name, found, position) && position < _keyList.size() &&
+        _keyList[position].offset == k->_offset)
+      return position;
+  }
+  for (u32 i = 0; i < _keyList.size(); ++i) {
+    if (_keyList[i].offset == k->_offset) return i;
+  }
+  return INVALID_RECORD;
+}
+
+bool KeyObj::subkeyHash(u32 position, u32& hash) {
+  hash = 0;
+  if (position >= _keyList.size()) return false;
+  // Read the subkey's name straight from its record: this runs while the
+  // list is being changed, when key(index) may not be used.
+  const u32 nk = _keyList[position].offset;
+  const hive_record* rec = _hive->cacheLoadRecord(nk);
+  if (!rec || rec->signature() != hive_record_nk::SIGNATURE || rec->length() < hive_record_nk::HEADER_SIZE)
+    return false;
+  const u32 nameLength = rec->u16At(hive_record_nk::OFS_NAME_LENGTH);
+  if (nameLength + hive_record_nk::HEADER_SIZE > rec->length()) return false;
+  const bool compressed = (rec->u16At(hive_record_nk::OFS_FLAGS) & hive_record_nk::FLAG_COMP_NAME) != 0;
+  Ref<String> name;
+  _hive->regNameToString(rec->bytes() + hive_record_nk::OFS_NAME, nameLength, compressed, name);
+  if (!name) return false;
+  return makeHash(_listType, name, compressed, true, hash);
+}
+
+bool KeyObj::freeOwnRecord(u32 offset, const char* what) {
+  if (_hive->freeRecord(offset)) return true;
+  HK_LOG(hiveLog, 4) << "Failed to free " << what << " record: " << offset << ", key: " << _offset;
+  return false;
+}
+
+}  // namespace Libraries::Files::Hive

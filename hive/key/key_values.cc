@@ -1,0 +1,271 @@
+// The value list of a key: the list record (one vk offset per value, in
+// creation order), the cache of value objects, and the value operations.
+#include "hive/key/key_iterator.h"
+#include "hive/key/key_obj.h"
+#include "hive/value/value_obj.h"
+#include "platform/check.h"
+#include "platform/error.h"
+
+namespace Libraries::Files::Hive {
+
+namespace {
+using N = hive_record_nk;
+}  // namespace
+
+bool KeyObj::initValues() {
+  if (!_valid) return false;
+  if (_values.size() == _numOfValues) return true;
+  _values.clear();
+  const hive_record* rec = _valueListCell ? _hive->cacheLoadRecord(_valueListCell) : nullptr;
+  if (!rec) {
+    HK_LOG(hiveLog, 4) << "Failed to get value list record, key:" << _offset << ", list: " << _valueListCell;
+    Error::set(Errors::VALUE_LIST_TOO_SMALL);
+    return false;
+  }
+  // The record bounds the count, and so what is allocated for it.
+  if (static_cast<u64>(_numOfValues) * 4 + 4 > rec->length()) {
+    HK_LOG(hiveLog, 4) << "Value list record is too small, key:" << _offset;
+    Error::set(Errors::VALUE_LIST_TOO_SMALL);
+    return false;
+  }
+  _values.resize(_numOfValues);
+  for (u32 i = 0; i < _numOfValues; ++i) _values[i].offset = rec->u32At(4 + 4 * i);
+  return true;
+}
+
+Ref<ValueObj> KeyObj::value(u32 index) {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return nullptr;
+  }
+  if (index >= _numOfValues) return nullptr;
+  if (!initValues()) return nullptr;
+  HK_ASSERT_AS(hiveLog, "_values.size() == _numOfValues", _values.size() == _numOfValues, nullptr);
+  if (Ref<ValueObj> live = _values[index].object.lock()) return live;
+  Ref<ValueObj> v = makeRef<ValueObj>(_hive, _values[index].offset, Ref<KeyObj>(this));
+  if (!v->valid()) {
+    HK_LOG(hiveLog, 4) << "New created ValueObj not valid"
+                       << ", key: " << _offset << ", index: " << index;
+    return nullptr;
+  }
+  _values[index].object = WeakRef<ValueObj>(v);
+  return v;
+}
+
+Ref<Value> KeyObj::value(Ref<String> name) {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return nullptr;
+  }
+  if (!name) {
+    Error::set(Errors::NULL_ARGUMENT);
+    return nullptr;
+  }
+  if (!initValues()) return nullptr;
+  const Ref<String> sought = name->upper();
+  for (u32 i = 0; i < _numOfValues; ++i) {
+    Ref<ValueObj> v = value(i);
+    if (!v) continue;
+    Ref<String> vName = v->name();
+    if (vName && vName->upper()->equal(*sought)) return v;
+  }
+  Error::set(Errors::VALUE_NOT_FOUND);
+  return nullptr;
+}
+
+Ref<Value> KeyObj::createValue(Ref<String> name, ValueType type) {
+  if (_readOnly) {
+    Error::set(Errors::READ_ONLY);
+    return nullptr;
+  }
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return nullptr;
+  }
+  if (!name) {
+    Error::set(Errors::NULL_ARGUMENT);
+    return nullptr;
+  }
+  if (value(name)) {
+    Error::set(Errors::VALUE_EXISTS);
+    return nullptr;
+  }
+  if (_numOfValues > 0 && !initValues()) return nullptr;
+  Ref<ValueObj> v = ValueObj::createValue(_hive, Ref<KeyObj>(this), name, type);
+  if (!v) return nullptr;
+  if (!v->valid() || !linkValue(v)) {
+    v->selfDelete();
+    return nullptr;
+  }
+  return v;
+}
+
+bool KeyObj::linkValue(const Ref<ValueObj>& value) {
+  if (!initValues()) return false;
+  const u32 count = _numOfValues;
+  u32 list = _valueListCell;
+  if (count == 0) {
+    list = _hive->allocateRecord(8);
+  } else {
+    list = _hive->resizeRecord(list, 4 * count + 8, true);
+  }
+  if (list == INVALID_RECORD) {
+    HK_LOG(hiveLog, 4) << "Failed to make room in value list, key:" << _offset;
+    return false;
+  }
+  _valueListCell = list;
+  if (count > 0) setHeader32(N::OFS_VALUE_LIST, list);  // the old record may be gone already
+  u8 entry[4];
+  W32(entry, value->offset());
+  if (!_hive->writeRecord(list, entry, 4 * count + 4, sizeof entry)) {
+    HK_LOG(hiveLog, 4) << "Failed to write value list, key:" << _offset;
+    if (count == 0) {
+      _hive->freeRecord(list);
+      _valueListCell = 0;
+    } else {
+      syncKeyRecord();
+    }
+    return false;
+  }
+  ++_numOfValues;
+  _values.push_back(ValueEntry{WeakRef<ValueObj>(value), value->offset()});
+  setHeader32(N::OFS_NUM_VALUES, _numOfValues);
+  setHeader32(N::OFS_VALUE_LIST, list);
+  // Readers size their buffers by the longest value name.
+  if (Ref<String> name = value->name()) {
+    const u32 nameBytes = static_cast<u32>(name->length()) * 2;
+    if (nameBytes > L32(_header + N::OFS_MAX_VALUE_NAME)) setHeader32(N::OFS_MAX_VALUE_NAME, nameBytes);
+  }
+  if (!syncKeyRecord()) return false;
+  valuesInsertedAt(_numOfValues - 1);
+  return true;
+}
+
+u32 KeyObj::valueIndex(const ValueObj* value) {
+  // Compare live objects only: a dead entry's address may have been reused.
+  for (u32 i = 0; i < _values.size(); ++i) {
+    Ref<ValueObj> live = _values[i].object.lock();
+    if (live && live.get() == value) return i;
+  }
+  // An object of this value made through another object of this key.
+  Ref<KeyObj> parent = value->parent();
+  if (parent && parent->_offset == _offset && parent->_hive.get() == _hive.get()) {
+    for (u32 i = 0; i < _values.size(); ++i) {
+      if (_values[i].offset == value->offset()) return i;
+    }
+  }
+  return INVALID_RECORD;
+}
+
+bool KeyObj::unlinkValue(const Ref<ValueObj>& value) {
+  if (!value || !initValues()) return false;
+  const u32 index = valueIndex(value.get());
+  if (index == INVALID_RECORD) {
+    Error::set(Errors::INVALID_ARGUMENT);
+    return false;
+  }
+  return unlinkValueAt(index);
+}
+
+bool KeyObj::unlinkValueAt(u32 index) {
+  if (index >= _values.size()) return false;
+  const u32 count = _numOfValues - 1;
+  _values.erase(_values.begin() + index);
+  _numOfValues = count;
+  bool ok = true;
+  if (count == 0) {
+    ok = freeOwnRecord(_valueListCell, "value list");
+    _valueListCell = 0;
+  } else {
+    const u32 list = _hive->resizeRecord(_valueListCell, 4 * count + 4, true);
+    if (list == INVALID_RECORD) {
+      HK_LOG(hiveLog, 4) << "Failed to resize value list, key:" << _offset;
+      ok = false;
+    } else {
+      _valueListCell = list;
+    }
+    if (ok && index < count) {
+      std::vector<u8> entries(4 * count);
+      for (u32 i = 0; i < count; ++i) W32(entries.data() + 4 * i, _values[i].offset);
+      if (!_hive->writeRecord(_valueListCell, entries.data(), 4, 4 * count)) {
+        HK_LOG(hiveLog, 4) << "Failed to write value list, key:" << _offset;
+        ok = false;
+      }
+    }
+  }
+  setHeader32(N::OFS_NUM_VALUES, _numOfValues);
+  setHeader32(N::OFS_VALUE_LIST, _valueListCell ? _valueListCell : INVALID_RECORD);
+  ok = syncKeyRecord() && ok;
+  valuesRemovedAt(index);
+  return ok;
+}
+
+bool KeyObj::deleteValue(Ref<Value> value) {
+  if (_readOnly) {
+    Error::set(Errors::READ_ONLY);
+    return false;
+  }
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return false;
+  }
+  if (!value) {
+    Error::set(Errors::NULL_ARGUMENT);
+    return false;
+  }
+  Ref<ValueObj> v = value.cast<ValueObj>();
+  if (!v) {
+    Error::set(Errors::INVALID_ARGUMENT);
+    return false;
+  }
+  if (!unlinkValue(v)) return false;
+  return v->selfDelete();
+}
+
+bool KeyObj::move(Ref<Value> value, Ref<String> newName) {
+  if (_readOnly) {
+    Error::set(Errors::READ_ONLY);
+    return false;
+  }
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return false;
+  }
+  if (!value || !newName) {
+    Error::set(Errors::NULL_ARGUMENT);
+    return false;
+  }
+  if (this->value(newName)) {
+    Error::set(Errors::MOVE_VALUE_EXISTS);
+    return false;
+  }
+  Ref<ValueObj> v = value.cast<ValueObj>();
+  Ref<KeyObj> from = v ? v->parent() : nullptr;
+  if (!v || !from || from->_hive.get() != _hive.get()) {
+    HK_LOG(hiveLog, 4) << "Attempt to move a value form a different hive";
+    Error::set(Errors::INVALID_ARGUMENT);
+    return false;
+  }
+  // A move within this key works on this object's list, even when the
+  // value was reached through another object of the same key.
+  KeyObj* source = from->_offset == _offset ? this : from.get();
+  // Find the old entry while the value still has its old offset.
+  if (!source->initValues()) return false;
+  const u32 oldIndex = source->valueIndex(v.get());
+  if (oldIndex == INVALID_RECORD) {
+    Error::set(Errors::INVALID_ARGUMENT);
+    return false;
+  }
+  if (!v->setName(newName)) return false;
+  if (!linkValue(v)) return false;
+  if (!source->unlinkValueAt(oldIndex)) return false;
+  v->setParent(Ref<KeyObj>(this));
+  return true;
+}
+
+}  // namespace Libraries::Files::Hive

@@ -1,0 +1,368 @@
+// Allocation, resizing and writing of records.
+//
+// Free space is tracked per hbin (its largest free record); allocation is
+// first fit over the hbin table in file order, and the file grows by one
+// appended hbin when nothing fits. writeHBIN is the only place where bytes
+// reach an hbin: into the cache (written out by the next flush) or, in
+// write-through mode, into the file at once.
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "hive/registry_hive.h"
+#include "platform/check.h"
+#include "platform/error.h"
+
+namespace Libraries::Files::Hive {
+
+namespace {
+// Largest record the format can describe: its negated length is an s32,
+// and its hbin (record plus 32-byte header, rounded to pages) fits in u32.
+constexpr u32 MAX_RECORD_LENGTH = 0x7ffff000u;
+
+u32 absLength(s32 size) {
+  return size < 0 ? static_cast<u32>(-static_cast<s64>(size)) : static_cast<u32>(size);
+}
+}  // namespace
+
+u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
+  if (readonly()) {
+    Error::set(Errors::READ_ONLY);
+    return INVALID_RECORD;
+  }
+  if (refuseUnsafe("allocateRecord")) return INVALID_RECORD;
+  if (size == 0 || size > MAX_RECORD_LENGTH) {
+    HK_LOG(hiveLog, 4) << "Invalid record size requested: " << size;
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
+  }
+  const u32 length = roundRecordSize(size);
+  if (allocatedSize) *allocatedSize = length;
+
+  // First fit from table entry `from` on; false when nothing fits. A found
+  // record that cannot be initialised ends the allocation (record stays
+  // INVALID_RECORD).
+  u32 record = INVALID_RECORD;
+  auto firstFit = [&](size_t from) {
+    for (size_t i = from; i < _hbins.size(); ++i) {
+      if (_hbins[i].freeSize < length) continue;
+      const u32 candidate = _hbins[i].freeOffset;
+      if (initRecord(candidate, length))
+        record = candidate;
+      else
+        Error::set(Errors::ALLOCATION_FAILED);
+      return true;
+    }
+    return false;
+  };
+  if (firstFit(0)) return record;
+
+  // Hbins not yet read may have room.
+  const u32 hiveBins = hiveLength();
+  const u64 knownEnd = _hbins.empty() ? 0 : u64{_hbins.back().offset} + _hbins.back().size;
+  if (knownEnd < hiveBins) {
+    const size_t known = _hbins.size();
+    if (hiveBins < 5 || hbinFromOffset(hiveBins - 5) == INVALID_HBIN) {
+      HK_LOG(hiveLog, 4) << "Failed to read the remaining hbins while allocating " << length << " bytes";
+      Error::set(Errors::ALLOCATION_FAILED);
+      return INVALID_RECORD;
+    }
+    if (firstFit(known)) return record;
+  }
+
+  // Grow the file by one hbin that holds the record and the hbin header.
+  const u32 H = hiveBins;
+  const u64 S = ((u64{length} + 31) / hive_hbin::PAGE + 1) * hive_hbin::PAGE;
+  const u64 fileEnd = u64{HIVE_HEADER_SIZE} + H + S;
+  if (fileEnd > 0xffffffffull || _hbins.empty()) {
+    HK_LOG(hiveLog, 4) << "Hive cannot grow by " << S << " bytes beyond " << H;
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
+  }
+  if (fileSize() < fileEnd && _stripe->setElementCount(fileEnd) != fileEnd) {
+    HK_LOG(hiveLog, 4) << "Failed to resize hive file to " << fileEnd
+                       << "; error: " << Log::hex(Error::get());
+    _fileSize = _stripe->elementCount();
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
+  }
+  _fileSize = std::max(_fileSize, fileEnd);
+  W32(_header + hive_header::OFS_LENGTH, static_cast<u32>(H + S));
+  W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
+  const u32 previous = static_cast<u32>(_hbins.size() - 1);
+  const u32 added = static_cast<u32>(_hbins.size());
+  appendHbin(HbinEntry{H, static_cast<u32>(S), 0, 0});
+
+  if (!writeHeader()) {
+    HK_LOG(hiveLog, 4) << "Failed to write header on resize";
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
+  }
+  u8 head[hive_hbin::SIZE + 4] = {};
+  std::memcpy(head, "hbin", 4);
+  W32(head + hive_hbin::OFS_OFFSET, H);
+  W32(head + hive_hbin::OFS_SIZE, static_cast<u32>(S));
+  W32(head + hive_hbin::SIZE, static_cast<u32>(S - hive_hbin::SIZE));
+  if (!writeHBIN(added, 0, head, sizeof head)) {
+    HK_LOG(hiveLog, 4) << "Failed to write new hbin header on resize";
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
+  }
+  u8 ownSize[4];
+  W32(ownSize, _hbins[previous].size);
+  if (!writeHBIN(previous, hive_hbin::OFS_LAST, ownSize, sizeof ownSize)) {
+    HK_LOG(hiveLog, 4) << "Failed to write last hbin offset pointer on resize";
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
+  }
+  record = H + hive_hbin::SIZE;
+  if (!initRecord(record, length)) {
+    HK_LOG(hiveLog, 4) << "Failed to initialize new record after creating a new HBIN. record=" << record;
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
+  }
+  return record;
+}
+
+bool RegistryHiveObj::initRecord(u32 offset, u32 size) {
+  if (readonly()) {
+    Error::set(Errors::READ_ONLY);
+    return false;
+  }
+  if (refuseUnsafe("initRecord")) return false;
+  HK_ASSERT(hiveLog, size >= 8 && size % hive_hbin::RECORD_ALIGNMENT == 0, false);
+  u32 hbin = INVALID_HBIN;
+  const hive_record* record = cacheLoadRecord(offset, &hbin, true);
+  if (!record) return false;
+  const u32 free = record->length();
+  if (free < size || free % hive_hbin::RECORD_ALIGNMENT != 0) {
+    HK_LOG(hiveLog, 4) << "Free record too small or malformed while initializing, record=" << offset
+                       << " length: " << free << " wanted: " << size;
+    return false;
+  }
+  const u32 behind = getFreeSpaceBehindRecord(offset, true);
+  const u32 inHbin = offset - _hbins[hbin].offset;
+  u8 field[4];
+  W32(field, static_cast<u32>(-static_cast<s32>(size)));
+  if (!writeHBIN(hbin, inHbin, field, 4)) {
+    HK_LOG(hiveLog, 4) << "Failed to write record while initializing, record=" << offset;
+    return false;
+  }
+  if (size != free) {
+    W32(field, free - size + behind);
+    if (!writeHBIN(hbin, inHbin + size, field, 4))
+      HK_LOG(hiveLog, 3) << "Failed to write free record while initializing, record=" << offset;
+  }
+  updateFreeSpace(hbin);
+  return true;
+}
+
+u32 RegistryHiveObj::getFreeSpaceBehindRecord(u32 offset, bool recordIsFree) {
+  u32 hbin = INVALID_HBIN;
+  const hive_record* record = cacheLoadRecord(offset, &hbin, recordIsFree);
+  if (!record) return 0;
+  const u8* hb_ptr = _cache + _cachedHbins[_cacheSlot[hbin]].place;
+  const u8* rec_ptr = record->bytes();
+  const u32 hb_size = _hbins[hbin].size;
+  const u32 rec_size = record->length();
+  HK_ASSERT(hiveLog, rec_ptr > hb_ptr, 0);
+  HK_ASSERT(hiveLog, rec_ptr + rec_size <= hb_ptr + hb_size, 0);
+  if (recordIsFree)
+    HK_ASSERT_AS(hiveLog, "static_cast<s32>(L32ToHost(record->size)) >= 0", record->size() >= 0, 0);
+  else
+    HK_ASSERT_AS(hiveLog, "-static_cast<s32>(L32ToHost(record->size)) >= 0", record->size() < 0, 0);
+  u32 total = 0;
+  u64 next = (rec_ptr - hb_ptr) + u64{rec_size};
+  while (next + 4 <= hb_size) {
+    const s32 nextSize = LS32(hb_ptr + next);
+    if (nextSize < 0) break;
+    if (nextSize == 0 || nextSize % hive_hbin::RECORD_ALIGNMENT != 0 || next + nextSize > hb_size) {
+      HK_LOG(hiveLog, 3) << "Invalid unused record after record: " << offset << " next_size: " << nextSize;
+      break;
+    }
+    total += static_cast<u32>(nextSize);
+    next += static_cast<u32>(nextSize);
+  }
+  return total;
+}
+
+bool RegistryHiveObj::updateFreeSpace(u32 hbin_idx) {
+  HK_ASSERT(hiveLog, hbin_idx < _hbins.size(), false);
+  const u64 place = cacheLoadHbin(hbin_idx);
+  if (place == INVALID_CACHE_OFFSET) return false;
+  const u8* hbin = _cache + place;
+  const u32 size = L32(hbin + hive_hbin::OFS_SIZE);
+  HK_ASSERT(hiveLog, size == _hbins[hbin_idx].size, false);
+  u32 best = 0, bestOffset = 0;
+  if (size > hive_hbin::SIZE + 4) {
+    for (u64 pos = hive_hbin::SIZE; pos + 4 <= size;) {
+      const s32 recordSize = LS32(hbin + pos);
+      const u32 length = absLength(recordSize);
+      if (length < 4 || length % hive_hbin::RECORD_ALIGNMENT != 0) {
+        HK_LOG(hiveLog, 3) << "Invalid record size: " << recordSize
+                           << " record: " << _hbins[hbin_idx].offset + pos;
+        return false;
+      }
+      // A free record running past the hbin cannot be handed out.
+      if (recordSize > 0 && length > best && pos + length <= size) {
+        best = length;
+        bestOffset = static_cast<u32>(_hbins[hbin_idx].offset + pos);
+      }
+      pos += length;
+    }
+  }
+  _hbins[hbin_idx].freeSize = best;
+  _hbins[hbin_idx].freeOffset = bestOffset;
+  return true;
+}
+
+u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* allocatedSize,
+                                  bool keepIfLarger) {
+  if (readonly()) {
+    Error::set(Errors::READ_ONLY);
+    return INVALID_RECORD;
+  }
+  if (refuseUnsafe("resizeRecord")) return INVALID_RECORD;
+  if (newSize > MAX_RECORD_LENGTH) {
+    HK_LOG(hiveLog, 4) << "Invalid record size requested: " << newSize;
+    return INVALID_RECORD;
+  }
+  const u32 length = newSize == 0 ? 0 : roundRecordSize(newSize);
+  if (allocatedSize) *allocatedSize = length;
+  u32 hbin = INVALID_HBIN;
+  const hive_record* record = cacheLoadRecord(offset, &hbin, false);
+  if (!record) return INVALID_RECORD;
+  const u32 recordSize = record->length();
+  if (recordSize == length || (recordSize > length && keepIfLarger && length != 0)) return offset;
+
+  const u32 freeBehind = getFreeSpaceBehindRecord(offset, false);
+  HK_ASSERT_AS(hiveLog, "(recordSize + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0",
+               (u64{recordSize} + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0, INVALID_RECORD);
+  const u32 inHbin = offset - _hbins[hbin].offset;
+  const u32 total = recordSize + freeBehind;
+  u8 field[4];
+
+  // A new size of 0 frees the record, merged with the free space behind it.
+  if (length == 0) {
+    W32(field, total);
+    if (!writeHBIN(hbin, inHbin, field, 4)) {
+      HK_LOG(hiveLog, 4) << "Failed to write free record while freeing, record=" << offset;
+      return INVALID_RECORD;
+    }
+    updateFreeSpace(hbin);
+    return offset;
+  }
+
+  if (total >= length) {
+    W32(field, static_cast<u32>(-static_cast<s32>(length)));
+    if (!writeHBIN(hbin, inHbin, field, 4)) {
+      HK_LOG(hiveLog, 4) << "Failed to write record while resizing, record=" << offset;
+      return INVALID_RECORD;
+    }
+    if (total > length) {
+      W32(field, total - length);
+      if (!writeHBIN(hbin, inHbin + length, field, 4)) {
+        HK_LOG(hiveLog, 4) << "Failed to write free record while resizing, record=" << offset;
+        return INVALID_RECORD;
+      }
+    }
+    updateFreeSpace(hbin);
+    return offset;
+  }
+
+  // Move: the payload is copied out first, since allocating may empty the
+  // cache under the record pointer.
+  std::vector<u8> payload;
+  if (copyData) payload.assign(record->bytes() + 4, record->bytes() + recordSize);
+  const u32 moved = allocateRecord(length);
+  if (moved == INVALID_RECORD) {
+    HK_LOG(hiveLog, 3) << "Failed to allocate new record with size: " << length;
+    return INVALID_RECORD;
+  }
+  if (copyData && !writeRecord(moved, payload.data(), 4, static_cast<u32>(payload.size()))) {
+    HK_LOG(hiveLog, 4) << "Failed to copy data to the new record while resizing, record=" << moved;
+    return INVALID_RECORD;
+  }
+  W32(field, recordSize);
+  if (!writeHBIN(hbin, inHbin, field, 4)) {
+    HK_LOG(hiveLog, 4) << "Failed to write free record while resizing (re-allocate), record=" << offset;
+    return INVALID_RECORD;
+  }
+  updateFreeSpace(hbin);
+  return moved;
+}
+
+bool RegistryHiveObj::writeRecord(u32 offset, const void* data, u32 position, u32 length) {
+  if (readonly()) {
+    Error::set(Errors::READ_ONLY);
+    return false;
+  }
+  if (refuseUnsafe("writeRecord")) return false;
+  if (length == 0) return true;
+  if (position < 4) {
+    HK_LOG(hiveLog, 4) << "Attempt to write into the size field of record: " << offset
+                       << " position: " << position;
+    Error::set(Errors::WRITE_IN_SIZE_FIELD);
+    return false;
+  }
+  u32 hbin = INVALID_HBIN;
+  const hive_record* record = cacheLoadRecord(offset, &hbin, false);
+  if (!record) return false;
+  const u32 recordsize = record->length();
+  HK_ASSERT_AS(hiveLog, "-static_cast<s32>(L32ToHost(record->size)) >= 0", record->size() < 0, false);
+  HK_ASSERT(hiveLog, hbin < _hbins.size(), false);
+  const u32 offsetOfRecord = offset;
+  HK_ASSERT_AS(hiveLog,
+               "offsetOfRecord > _hbins[hbin].offset && offsetOfRecord + recordsize <= _hbins[hbin].offset + "
+               "_hbins[hbin].size",
+               offsetOfRecord > _hbins[hbin].offset &&
+                   u64{offsetOfRecord} + recordsize <= u64{_hbins[hbin].offset} + _hbins[hbin].size,
+               false);
+  HK_ASSERT_AS(hiveLog, "position + length <= recordsize", u64{position} + length <= recordsize, false);
+  return writeHBIN(hbin, offsetOfRecord - _hbins[hbin].offset + position, data, length);
+}
+
+bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data, u32 length) {
+  if (readonly()) {
+    Error::set(Errors::READ_ONLY);
+    return false;
+  }
+  if (refuseUnsafe("writeHBIN")) return false;
+  HK_ASSERT(hiveLog, hbin_idx < _hbins.size(), false);
+  const u64 place = cacheLoadHbin(hbin_idx);
+  if (place == INVALID_CACHE_OFFSET) return false;
+  const HbinEntry& entry = _hbins[hbin_idx];
+  if (u64{offsetInHbin} + length > entry.size) {
+    HK_LOG(hiveLog, 4) << "Write exceeds hbin, hbin: " << entry.offset << " offset: " << offsetInHbin
+                       << " length: " << length;
+    return false;
+  }
+  noteHbinWrite(hbin_idx, offsetInHbin, length);
+  std::memcpy(_cache + place + offsetInHbin, data, length);
+
+  if ((_mode & modeWriteThrough) == 0) {
+    const u32 slot = _cacheSlot[hbin_idx];
+    if (slot == NOT_CACHED || slot >= _cachedHbins.size()) {
+      HK_LOG(hiveLog, 4) << "Modified hbin was not found in cache list, hbin: " << entry.offset
+                         << " record: " << entry.offset + offsetInHbin;
+      return false;
+    }
+    _cachedHbins[slot].dirty = 1;
+    return true;
+  }
+
+  HK_ASSERT(hiveLog, _logMode == LogMode::None, false);
+  const u64 filePosition = u64{HIVE_HEADER_SIZE} + entry.offset + offsetInHbin;
+  if (_stripe->seek(filePosition) != filePosition) {
+    HK_LOG(hiveLog, 4) << "Failed to seek to data position: " << filePosition;
+    return false;
+  }
+  if (_stripe->write(data, length) != length) {
+    HK_LOG(hiveLog, 4) << "Failed to write data of record: " << entry.offset + offsetInHbin
+                       << "; error: " << Log::hex(Error::get());
+    return false;
+  }
+  return _sync ? _sync() : true;
+}
+
+}  // namespace Libraries::Files::Hive

@@ -1,0 +1,337 @@
+#include "hive/registry_hive.h"
+
+#include "hive/key/key_obj.h"
+#include "hive/readonly_cache.h"
+#include "hive/security/security_descriptor.h"
+#include "platform/check.h"
+#include "platform/error.h"
+
+namespace Libraries::Files::Hive {
+
+const Platform::Log::Channel hiveLog("Hive");
+
+namespace {
+const char* const LOG_LABELS[3] = {"Primary", "Log1", "Log2"};
+}
+
+RegistryHiveObj::RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& logs, u32 mode,
+                                 HiveCodepage codepage, SyncCallback sync)
+    : _stripe(file),
+      _file(file),
+      _mode(mode),
+      _mon(Mon::create()),
+      _codepage(codepage),
+      _sync(std::move(sync)),
+      _cacheSize(INITIAL_CACHE_SIZE) {
+  _logs[0].name = logs.primaryName;
+  _logs[1].name = logs.log1Name;
+  _logs[2].name = logs.log2Name;
+  _valid = construct(logs);
+}
+
+// The steps of an open, in order; false ends it with the reason logged.
+bool RegistryHiveObj::construct(const LogFiles& logs) {
+  if (!_stripe) return false;
+
+  // Mode flags: unsafe reading and accepting a dirty hive are for read-only
+  // use only.
+  if ((_mode & (modeUnsafe | modeAcceptDirty)) != 0 && (_mode & modeReadOnly) == 0) {
+    HK_LOG(hiveLog, 4) << "Invalid combination of mode flags: " << Log::hex(_mode);
+    Error::set(Errors::INVALID_ARGUMENT);
+    return false;
+  }
+
+  if (_mode & modeUnsafe) {
+    _cacheSize = HBIN_READ_BUFFER_SIZE;
+    _unsafeCache = makeRef<ReadOnlyCache>(_stripe);
+    if (!_unsafeCache->valid()) {
+      HK_LOG(hiveLog, 4) << "Failed to read the hive file for unsafe mode";
+      return false;
+    }
+  }
+  _cacheMem = ShMem::create(_cacheSize);
+  if (!_cacheMem) {
+    HK_LOG(hiveLog, 4) << "Failed to allocate initial buffer size: " << _cacheSize;
+    return false;
+  }
+  _cache = _cacheMem->map();
+  if (!_cache) {
+    HK_LOG(hiveLog, 4) << "Failed to map shared memory for cache; error: " << Log::hex(Error::get());
+    return false;
+  }
+
+  // The base block is read straight into the in-memory copy: the log checks
+  // below compare against it.
+  _stripe->seek(0);
+  u64 got = _stripe->read(_header, hive_header::SIZE);
+  if (got != hive_header::SIZE) {
+    HK_LOG(hiveLog, 4) << "Failed to read file: read " << got << " of " << hive_header::SIZE << " bytes";
+    return false;
+  }
+  u32 signature = L32(_header + hive_header::OFS_SIGNATURE);
+  if (B32(_header) != hive_header::SIGNATURE) {
+    HK_LOG(hiveLog, 4) << "Wrong signature: " << Log::hex(signature);
+    return false;
+  }
+  _fileSize = _stripe->elementCount();
+  u64 minimum = u64{hiveLength()} + HIVE_HEADER_SIZE;
+  if (minimum > 0xffffffffull || minimum > _fileSize) {
+    HK_LOG(hiveLog, 4) << "File too small, file size:    " << _fileSize << ", minimum size: " << minimum;
+    return false;
+  }
+  if (versionMajor() != 1) {
+    HK_LOG(hiveLog, 4) << "Unsupported registry version, major=" << versionMajor()
+                       << " minor=" << versionMinor();
+    return false;
+  }
+
+  // Logs: one that cannot be read is treated as absent.
+  const Ref<Interfaces::Stripe> stripes[3] = {logs.primary, logs.log1, logs.log2};
+  const char* const failures[3] = {"Failed to initialize primary log file",
+                                   "Failed to initialize first log file",
+                                   "Failed to initialize second log file"};
+  for (u32 i = 0; i < 3; ++i) {
+    Ref<String> name = _logs[i].name;
+    if (!initLogFile(stripes[i], name, _header, _logs[i])) {
+      HK_LOG(hiveLog, 4) << failures[i];
+      std::string state = _logs[i].state;
+      _logs[i] = LogFileInfo();
+      _logs[i].name = name;
+      _logs[i].state = state;
+    }
+  }
+
+  const u32 primarySeq = L32(_header + hive_header::OFS_PRIMARY_SEQ);
+  const u32 secondarySeq = L32(_header + hive_header::OFS_SECONDARY_SEQ);
+  if (primarySeq != secondarySeq) {
+    if (!chooseLogMode()) return false;
+    if (_logMode == LogMode::None) {
+      if ((_mode & modeAcceptDirty) == 0) {
+        HK_LOG(hiveLog, 4) << "Primary Sequence Number and Secondary Sequence Number are different";
+        HK_LOG(hiveLog, 4) << "This would require reading the LOG, LOG1 and/or LOG2 files.";
+        HK_LOG(hiveLog, 4) << "Primary  : " << primarySeq;
+        HK_LOG(hiveLog, 4) << "Secondary: " << secondarySeq;
+        return false;
+      }
+      HK_LOG(hiveLog, 3) << "Primary Sequence Number and Secondary Sequence Number are different; hive "
+                            "considered dirty";
+      HK_LOG(hiveLog, 1) << "Primary  : " << primarySeq;
+      HK_LOG(hiveLog, 1) << "Secondary: " << secondarySeq;
+      HK_LOG(hiveLog, 3) << "This would require reading the LOG, LOG1 and/or LOG2 files.";
+    }
+  }
+
+  const u32 stored = L32(_header + hive_header::OFS_CHECKSUM);
+  const u32 calculated = calculateHeaderChecksum(_header);
+  if (stored != calculated) {
+    HK_LOG(hiveLog, 4) << "Checksum wrong, calculated: " << Log::hex(calculated)
+                       << " from header:" << Log::hex(stored);
+    HK_LOG(hiveLog, 4) << "This would require reading the LOG, LOG1 and/or LOG2 files";
+    HK_LOG(hiveLog, 4) << "and restoring the base from a transaction log file";
+    return false;
+  }
+
+  _rootOffset = L32(_header + hive_header::OFS_ROOT);
+
+  if (_logMode != LogMode::None) {
+    LogFileInfo* current = currentLogFile();
+    if (!current) {
+      HK_LOG(hiveLog, 4) << "Failed to determine log file for log mode " << static_cast<u32>(_logMode);
+      HK_LOG(hiveLog, 4) << "Seq Nrs: primary = " << primarySeq << ", secondary = " << secondarySeq;
+      for (u32 i = 0; i < 3; ++i)
+        HK_LOG(hiveLog, 4) << LOG_LABELS[i] << ": has file: " << (_logs[i].stripe ? 1 : 0)
+                           << ", new log format: " << _logs[i].newFormat() << ", primary seq "
+                           << _logs[i].primarySequence() << ", secondary seq " << _logs[i].secondarySequence()
+                           << (_logs[i].state.empty() ? "" : ", ") << _logs[i].state;
+      return false;
+    }
+    // A writable hive is repaired in place from an old-format log; otherwise
+    // the log's pages are laid over the untouched file.
+    const bool keepLog = current->newFormat() || readonly();
+    if (keepLog) {
+      _mapped = makeRef<MappedStripe>(_file, this);
+      _stripe = _mapped;
+    }
+    if (!applyLogMappings()) {
+      HK_LOG(hiveLog, 4) << "Failed to apply log file mappings";
+      return false;
+    }
+    if (!keepLog) {
+      W32(_header + hive_header::OFS_SECONDARY_SEQ, primarySeq);
+      W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
+      if (_stripe->seek(0) != 0) {
+        HK_LOG(hiveLog, 4) << "Failed to seek to start of hive to update header; error: "
+                           << Log::hex(Error::get());
+        return false;
+      }
+      if (_stripe->write(_header, hive_header::SIZE) != hive_header::SIZE) {
+        HK_LOG(hiveLog, 4) << "Failed to write updated header for hive; error: " << Log::hex(Error::get());
+        return false;
+      }
+      _logMode = LogMode::None;
+    }
+  }
+
+  if ((_mode & modeWriteThrough) && _logMode != LogMode::None) {
+    HK_LOG(hiveLog, 3) << "Write through not supported together with log mode";
+    _mode &= ~static_cast<u32>(modeWriteThrough);
+  }
+
+  logDump();
+
+  if (!checkRootRecord()) {
+    HK_LOG(hiveLog, 4) << "Root key not valid";
+    Error::set(Errors::ROOT_INVALID);
+    return false;
+  }
+  return true;
+}
+
+// The root key object is made on first use (rootObj): a KeyObj holds a
+// counted reference to its hive, which the hive cannot hand out while it is
+// still being constructed. So the open checks the root record the way a
+// KeyObj is checked when it is made, with the same messages.
+bool RegistryHiveObj::checkRootRecord() {
+  const hive_record* hr = cacheLoadRecord(_rootOffset);
+  if (!hr) {
+    HK_LOG(hiveLog, 4) << "Failed to get hive record for key:" << _rootOffset;
+    return false;
+  }
+  if (hr->signature() != hive_record_nk::SIGNATURE) {
+    HK_LOG(hiveLog, 4) << "Key record is no nk record: " << _rootOffset;
+    return false;
+  }
+  if (hr->length() < hive_record_nk::HEADER_SIZE ||
+      hr->u16At(hive_record_nk::OFS_NAME_LENGTH) + hive_record_nk::HEADER_SIZE > hr->length()) {
+    HK_LOG(hiveLog, 4) << "Name of key exceeds length of record";
+    return false;
+  }
+  return true;
+}
+
+std::u16string RegistryHiveObj::fullFileName() const {
+  std::u16string name;
+  for (u32 i = 0; i < hive_header::FILENAME_UNITS; ++i) {
+    const char16_t c = L16(_header + hive_header::OFS_FILENAME + 2 * i);
+    if (c == 0) break;
+    name.push_back(c);
+  }
+  return name;
+}
+
+std::u16string RegistryHiveObj::fileName() const {
+  std::u16string name = fullFileName();
+  const size_t cut = name.find_last_of(u"/\\");
+  return cut == std::u16string::npos ? name : name.substr(cut + 1);
+}
+
+RegistryHiveObj::~RegistryHiveObj() {
+  // The last flush's result has nowhere to go; its messages are in the log.
+  flush();
+  if (_mapped) _mapped->setHook(nullptr);
+}
+
+Ref<KeyObj> RegistryHiveObj::rootObj() {
+  Mon::Lock lock(_mon);
+  Ref<KeyObj> root = _root.lock();
+  if (root && root->valid()) return root;
+  root = makeRef<KeyObj>(Ref<RegistryHiveObj>(this), _rootOffset, nullptr);
+  if (!root->valid()) {
+    HK_LOG(hiveLog, 4) << "Root key not valid";
+    Error::set(Errors::ROOT_INVALID);
+    return nullptr;
+  }
+  _root = root;
+  return root;
+}
+
+Ref<Key> RegistryHiveObj::root() {
+  return rootObj();
+}
+
+Ref<Key> RegistryHiveObj::path(Ref<String> path) {
+  Ref<KeyObj> root = rootObj();
+  if (!root) return nullptr;
+  if (!path) return root;
+  const std::u16string& units = path->units();
+  size_t begin = 0, end = units.size();
+  while (begin < end && (units[begin] == u' ' || units[begin] == u'\t')) ++begin;
+  while (end > begin && (units[end - 1] == u' ' || units[end - 1] == u'\t')) --end;
+  Ref<Key> key = root;
+  size_t i = begin;
+  while (i < end) {
+    size_t j = i;
+    while (j < end && units[j] != u'\\' && units[j] != u'/') ++j;
+    if (j > i) {
+      key = key->key(String::fromUtf16(units.substr(i, j - i)));
+      if (!key) return nullptr;
+    }
+    i = j + 1;
+  }
+  return key;
+}
+
+Ref<SecurityDescriptorIterator> RegistryHiveObj::securityDescriptorIterator() {
+  Ref<KeyObj> root = rootObj();
+  if (!root) return nullptr;
+  return makeRef<SecurityDescriptorIteratorObj>(Ref<RegistryHiveObj>(this), root->sdOffset());
+}
+
+bool RegistryHiveObj::dirty() {
+  return L32(_header + hive_header::OFS_PRIMARY_SEQ) != L32(_header + hive_header::OFS_SECONDARY_SEQ);
+}
+
+bool RegistryHiveObj::refuseUnsafe(const char* function) const {
+  if ((_mode & modeUnsafe) == 0) return false;
+  HK_LOG(hiveLog, 4) << "Call of " << function << " in unsafe mode";
+  return true;
+}
+
+bool RegistryHiveObj::stringToRegName(const Ref<String>& name, std::vector<u8>& out, u64& length,
+                                      bool& ascii) {
+  if (!name) return false;
+  const size_t n = name->length();
+  out.clear();
+  out.reserve(n + 2);
+  bool converted = true;
+  for (size_t i = 0; i < n && converted; ++i) {
+    u8 byte;
+    converted = charToCodepage(_codepage, name->at(i), byte);
+    if (converted) out.push_back(byte);
+  }
+  if (converted) {
+    if (out.size() == n) {
+      out.push_back(0);
+      length = n;
+      ascii = true;
+      return true;
+    }
+    HK_LOG(hiveLog, 3) << "Unexpected length of name as ascii: " << out.size();
+  }
+  out.clear();
+  for (size_t i = 0; i < n; ++i) {
+    char16_t c = name->at(i);
+    out.push_back(static_cast<u8>(c));
+    out.push_back(static_cast<u8>(c >> 8));
+  }
+  out.push_back(0);
+  out.push_back(0);
+  length = 2 * static_cast<u64>(n);
+  ascii = false;
+  return true;
+}
+
+bool RegistryHiveObj::regNameToString(const u8* bytes, u32 length, bool ascii, Ref<String>& out) const {
+  if (ascii) {
+    std::u16string units;
+    bool ok = decodeCodepageName(_codepage, bytes, length, units);
+    out = String::fromUtf16(std::move(units));
+    return ok;
+  }
+  std::u16string units(length / 2, u'\0');
+  for (u32 i = 0; i < length / 2; ++i) units[i] = static_cast<char16_t>(L16(bytes + 2 * i));
+  out = String::fromUtf16(std::move(units));
+  return true;
+}
+
+}  // namespace Libraries::Files::Hive

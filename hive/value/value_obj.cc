@@ -1,0 +1,679 @@
+#include "hive/value/value_obj.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "hive/key/key_obj.h"
+#include "platform/check.h"
+#include "platform/error.h"
+
+namespace Libraries::Files::Hive {
+
+namespace {
+
+using VK = hive_record_vk;
+using DB = hive_record_db;
+
+constexpr u32 CHUNK = VK::V1_5_MAX_DATA_WITHOUT_DB;  // data bytes per fragment
+constexpr u32 FRAGMENT_RECORD = CHUNK + 4;           // requested size of one fragment
+constexpr u32 MAX_FRAGMENTS = 0xffff;                // the db record counts them in 16 bits
+
+u32 fragmentsFor(u32 size) {
+  return (size - 1) / CHUNK + 1;
+}
+
+}  // namespace
+
+ValueObj::ValueObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent)
+    : _hive(std::move(hive)), _parent(std::move(parent)), _offset(offset) {
+  _readOnly = _hive->readonly();
+  Mon::Lock lock(_hive->mon());
+  const hive_record* hr = _hive->cacheLoadRecord(offset);
+  if (!hr) {
+    HK_LOG(hiveLog, 4) << "Failed to get hive record for value:" << Log::hex(offset);
+    return;
+  }
+  if (hr->signature() != VK::SIGNATURE) {
+    HK_LOG(hiveLog, 4) << "Value record is no vk record:" << Log::hex(hr->signature());
+    return;
+  }
+  HK_CHECK_AS(hiveLog, "-static_cast<s32>(L32ToHost(hr->size)) >= 0", hr->used());
+  const u32 nameLength = hr->u16At(VK::OFS_NAME_LENGTH);
+  if (nameLength + VK::HEADER_SIZE > hr->length()) {
+    HK_LOG(hiveLog, 4) << "Name of value exceeds length of record";
+    return;
+  }
+  _isV13 = _hive->versionMinor() <= 3;
+
+  const bool compressed = (hr->u16At(VK::OFS_FLAGS) & VK::FLAG_COMP_NAME) != 0;
+  if (!_hive->regNameToString(hr->bytes() + VK::OFS_NAME, nameLength, compressed, _name) && compressed)
+    HK_LOG(hiveLog, 3) << "Name of value could not be converted from codepaged name to Ref<String>. value:"
+                       << Log::hex(offset);
+  if (!_name) _name = String::empty();
+
+  _type = hr->u32At(VK::OFS_TYPE);
+  const u32 sizeField = hr->u32At(VK::OFS_DATA_SIZE);
+  _dataResident = (sizeField & VK::DATA_RESIDENT) != 0;
+  _dataSize = sizeField & ~VK::DATA_RESIDENT;
+  if (_dataSize == 0) _dataResident = true;
+  if (_dataResident && _dataSize > 4) {
+    HK_LOG(hiveLog, 4) << "Invalid length of data! Data is resident, size is:" << _dataSize;
+    Error::set(Errors::BAD_VALUE_RECORD);
+    return;
+  }
+  std::memcpy(_recordData, hr->bytes(), VK::HEADER_SIZE);
+  _resizable =
+      (_hive->mode() & modeResizableValues) != 0 || _type == Interfaces::Config::Hive::ValueTypes::Binary;
+  _valid = true;
+}
+
+ValueObj::~ValueObj() = default;
+
+Ref<KeyObj> ValueObj::parent() const {
+  return _parent;
+}
+void ValueObj::setParent(Ref<KeyObj> parent) {
+  _parent = std::move(parent);
+}
+
+u32 ValueObj::datasizeFormType(ValueType type) {
+  namespace T = Interfaces::Config::Hive::ValueTypes;
+  switch (type) {
+    case T::Dword:
+    case T::DwordBigEndian:
+      return 4;
+    case T::Qword:
+      return 8;
+    default:
+      return 0;
+  }
+}
+
+Ref<ValueObj> ValueObj::createValue(Ref<RegistryHiveObj> hive, Ref<KeyObj> parent, Ref<String> name,
+                                    ValueType type) {
+  if (!hive || !name) {
+    Error::set(Errors::NULL_ARGUMENT);
+    return nullptr;
+  }
+  Mon::Lock lock(hive->mon());
+  if (name->length() > MAX_VALUE_NAME_LENGTH) {
+    Error::set(Errors::VALUE_NAME_TOO_LONG);
+    return nullptr;
+  }
+  std::vector<u8> stored;
+  u64 length = 0;
+  bool ascii = false;
+  if (!hive->stringToRegName(name, stored, length, ascii)) {
+    Error::set(Errors::VALUE_NAME_TOO_LONG);
+    return nullptr;
+  }
+  HK_ASSERT(hiveLog, length <= 0xffff && length <= stored.size(), nullptr);
+
+  std::vector<u8> record(VK::HEADER_SIZE + length, 0);
+  WB16(record.data() + 4, VK::SIGNATURE);
+  W16(record.data() + VK::OFS_NAME_LENGTH, static_cast<u16>(length));
+  W32(record.data() + VK::OFS_DATA_SIZE, VK::DATA_RESIDENT);
+  W32(record.data() + VK::OFS_TYPE, type);
+  W16(record.data() + VK::OFS_FLAGS, ascii ? VK::FLAG_COMP_NAME : 0);
+  if (length) std::memcpy(record.data() + VK::OFS_NAME, stored.data(), length);
+
+  const u32 offset = hive->allocateRecord(static_cast<u32>(record.size()));
+  if (offset == INVALID_RECORD) return nullptr;
+  if (!hive->writeRecord(offset, record.data() + 4, 4, static_cast<u32>(record.size() - 4))) {
+    HK_LOG(hiveLog, 4) << "Failed to write new value record, record = " << Log::hex(offset);
+    hive->freeRecord(offset);
+    return nullptr;
+  }
+  Ref<ValueObj> value = makeRef<ValueObj>(hive, offset, parent);
+  if (!value->valid()) {
+    HK_LOG(hiveLog, 4) << "New initialized value is not valid, record = " << Log::hex(offset);
+    hive->freeRecord(offset);
+    return nullptr;
+  }
+  const u32 initial = datasizeFormType(type);
+  if (initial) {
+    const u8 zeros[8] = {};
+    if (value->size(initial) != initial || value->write(zeros, 0, initial) != initial)
+      HK_LOG(hiveLog, 4) << "Failed to initial resize new record, record = " << Log::hex(offset);
+  }
+  return value;
+}
+
+// ---------------------------------------------------------------- extents
+
+bool ValueObj::inDbForm() const {
+  return !_isV13 && !_dataResident && _dataSize > CHUNK;
+}
+
+u32 ValueObj::extentCapacity() const {
+  return _isV13 ? MAX_VALUE_DATA_SIZE : CHUNK;
+}
+
+bool ValueObj::initExtents() {
+  if (!_valid) return false;
+  if (!_extents.empty()) return true;
+  HK_ASSERT(hiveLog, !_dataResident, false);
+  const u32 dataCell = L32(_recordData + VK::OFS_DATA);
+  auto fail = [](void) {
+    Error::set(Errors::BAD_VALUE_RECORD);
+    return false;
+  };
+  if (dataCell == _offset) {
+    HK_LOG(hiveLog, 4) << "Data record of value is its vk record: " << Log::hex(dataCell);
+    return fail();
+  }
+  const hive_record* hr = _hive->cacheLoadRecord(dataCell);
+  if (!hr) {
+    HK_LOG(hiveLog, 4) << "Failed to load data record of value: " << Log::hex(_offset)
+                       << " data_cell: " << Log::hex(dataCell);
+    return fail();
+  }
+
+  if (!inDbForm()) {
+    if (static_cast<u64>(hr->length()) < static_cast<u64>(_dataSize) + 4) {
+      HK_LOG(hiveLog, 4) << "Size of data element is smaller than size value in vk record"
+                         << " size in vk: " << _dataSize << " size of data element: " << hr->length()
+                         << " data_cell: " << Log::hex(dataCell);
+      return fail();
+    }
+    _extents.push_back(dataCell);
+    return true;
+  }
+
+  if (hr->length() < DB::SIZE) {
+    HK_LOG(hiveLog, 4) << "Size too small for db record: " << hr->length();
+    return fail();
+  }
+  if (hr->signature() != DB::SIGNATURE) {
+    HK_LOG(hiveLog, 4) << "Invalid record type: Expected db, is: " << Log::hex(hr->signature());
+    return fail();
+  }
+  const u32 count = hr->u16At(DB::OFS_COUNT);
+  const u32 listCell = hr->u32At(DB::OFS_LIST);
+  if (static_cast<u64>(count) * CHUNK < _dataSize) {
+    HK_LOG(hiveLog, 4) << "Size of all fragments smaller than length of data"
+                       << " num of fragments: " << count << " length of data: " << _dataSize
+                       << " data_cell: " << Log::hex(dataCell);
+    return fail();
+  }
+  const hive_record* list = _hive->cacheLoadRecord(listCell);
+  if (!list) {
+    HK_LOG(hiveLog, 4) << "Failed to load fragment list: " << Log::hex(listCell);
+    return fail();
+  }
+  if (list->length() < 4 * count + 4) {
+    HK_LOG(hiveLog, 4) << "Size of fragment list is smaller than size of expected entries"
+                       << " minimum expected size: " << 4 * count + 4 << " size of list: " << list->length()
+                       << " data_cell: " << Log::hex(dataCell) << " fragment_list: " << Log::hex(listCell);
+    return fail();
+  }
+  // Copy the entries out: loading the fragments may move the cache.
+  std::vector<u32> fragments(count);
+  for (u32 i = 0; i < count; ++i) fragments[i] = list->u32At(4 + 4 * i);
+
+  // A fragment must be a record of its own: writing or freeing one that is
+  // also the vk, db or list record (or another fragment) would damage them.
+  std::vector<u32> sorted(fragments);
+  sorted.push_back(_offset);
+  sorted.push_back(dataCell);
+  sorted.push_back(listCell);
+  std::sort(sorted.begin(), sorted.end());
+  if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) {
+    HK_LOG(hiveLog, 4) << "Fragment list shares records with its value: " << Log::hex(_offset)
+                       << " fragment_list: " << Log::hex(listCell);
+    return fail();
+  }
+
+  _extents.reserve(count);
+  for (u32 i = 0; i < count; ++i) {
+    const hive_record* fragment = _hive->cacheLoadRecord(fragments[i]);
+    if (!fragment) {
+      HK_LOG(hiveLog, 4) << "Failed to load fragment: " << Log::hex(fragments[i]);
+      _extents.clear();
+      return fail();
+    }
+    if (i + 1 < count && fragment->length() != VK::FRAGMENT_CELL) {
+      HK_LOG(hiveLog, 4) << "Invalid size for non-last fragment: " << fragment->length()
+                         << " value: " << Log::hex(_offset) << " extent: " << Log::hex(fragments[i]);
+      _extents.clear();
+      return fail();
+    }
+    _extents.push_back(fragments[i]);
+  }
+  _dbListDataRecord = listCell;
+  return true;
+}
+
+bool ValueObj::storageRecords(std::vector<u32>& records) {
+  records.clear();
+  if (_dataResident) return true;
+  if (!initExtents()) return false;
+  records = _extents;
+  if (inDbForm()) {
+    HK_CHECK_AS(hiveLog, "_dbListDataRecord != INVALID_RECORD", _dbListDataRecord != INVALID_RECORD);
+    records.push_back(L32(_recordData + VK::OFS_DATA));
+    if (_dbListDataRecord != INVALID_RECORD) records.push_back(_dbListDataRecord);
+  }
+  return true;
+}
+
+bool ValueObj::freeRecords(const std::vector<u32>& records) {
+  bool ok = true;
+  for (u32 r : records) {
+    if (_hive->freeRecord(r)) continue;
+    HK_LOG(hiveLog, 3) << "Failed to free data record: " << Log::hex(r) << " value: " << Log::hex(_offset);
+    ok = false;
+  }
+  return ok;
+}
+
+bool ValueObj::freeAllExtents() {
+  std::vector<u32> records;
+  return storageRecords(records) && freeRecords(records);
+}
+
+// ---------------------------------------------------------------- data
+
+namespace {
+
+// Clamps a request at `offset` to the data: 0 at or past the end.
+u32 clampCount(u32 dataSize, u32 offset, u32 size) {
+  if (offset >= dataSize) return 0;
+  return std::min(size, dataSize - offset);
+}
+
+}  // namespace
+
+// Walks the extents from `offset` for `count` bytes, handing each piece to
+// `piece(extent, record, position in extent, bytes done, length)`. Every
+// fragment of a db list but the last holds exactly CHUNK bytes (checked by
+// initExtents), so the walk starts at the right fragment without loading
+// the ones before it. Returns the bytes handed over.
+template <class Piece>
+u32 ValueObj::walkExtents(u32 offset, u32 count, Piece piece) {
+  const u32 limit = extentCapacity();
+  size_t index = 0;
+  u64 start = 0;  // offset in the data of the current extent's first byte
+  if (_extents.size() > 1) {
+    index = std::min<size_t>(offset / CHUNK, _extents.size() - 1);
+    start = static_cast<u64>(index) * CHUNK;
+  }
+  u32 done = 0;
+  for (; index < _extents.size() && done < count; ++index) {
+    const u32 extent = _extents[index];
+    const hive_record* hr = _hive->cacheLoadRecord(extent);
+    if (!hr) break;
+    const u32 capacity = std::min(hr->length() - 4, limit);
+    const u64 at = static_cast<u64>(offset) + done;
+    if (start + capacity <= at) {
+      start += capacity;
+      continue;
+    }
+    const u32 position = static_cast<u32>(at - start);
+    const u32 n = std::min(count - done, capacity - position);
+    if (!piece(extent, hr, position, done, n)) break;
+    done += n;
+    start += capacity;
+  }
+  return done;
+}
+
+u32 ValueObj::read(void* buffer, u32 offset, u32 size) {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return 0;
+  }
+  const u32 count = clampCount(_dataSize, offset, size);
+  if (count == 0) return 0;
+  u8* out = static_cast<u8*>(buffer);
+  if (_dataResident) {
+    std::memcpy(out, _recordData + VK::OFS_DATA + offset, count);
+    return count;
+  }
+  if (!initExtents()) return 0;
+  return walkExtents(offset, count, [&](u32 extent, const hive_record* hr, u32 position, u32 done, u32 n) {
+    (void)extent;
+    std::memcpy(out + done, hr->bytes() + 4 + position, n);
+    return true;
+  });
+}
+
+u32 ValueObj::write(const void* buffer, u32 offset, u32 size) {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return 0;
+  }
+  if (_readOnly) {
+    Error::set(Errors::READ_ONLY);
+    return 0;
+  }
+  const u32 count = clampCount(_dataSize, offset, size);
+  if (count == 0) return 0;
+  const u8* in = static_cast<const u8*>(buffer);
+  if (_dataResident) {
+    std::memcpy(_recordData + VK::OFS_DATA + offset, in, count);
+    if (!writeRecordData()) {
+      HK_LOG(hiveLog, 4) << "Failed to update vk record for write resident. record:" << Log::hex(_offset);
+      return 0;
+    }
+    return count;
+  }
+  if (!initExtents()) return 0;
+  return walkExtents(offset, count, [&](u32 extent, const hive_record*, u32 position, u32 done, u32 n) {
+    if (_hive->writeRecord(extent, in + done, 4 + position, n)) return true;
+    HK_LOG(hiveLog, 4) << "Failed to write data record: " << Log::hex(extent);
+    return false;
+  });
+}
+
+bool ValueObj::writeRecordData() {
+  return _hive->writeRecord(_offset, _recordData + 4, 4, VK::OFS_NAME - 4);
+}
+
+// ---------------------------------------------------------------- resizing
+//
+// Every change of form follows one order: the new storage is made and
+// filled, the vk record is pointed at it, and only then are the old records
+// freed. A failure before the switch gives back what it made and leaves the
+// value as it was; a failure to free afterwards only leaks records.
+
+u32 ValueObj::size(u32 newSize) {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return 0;
+  }
+  if (_readOnly) {
+    Error::set(Errors::READ_ONLY);
+    return 0;
+  }
+  if (newSize == _dataSize) return _dataSize;
+  // Bit 31 of the size field is the resident flag; hives of minor version
+  // 3 have no db lists to hold more than one record; a db list counts its
+  // fragments in 16 bits.
+  if ((newSize & VK::DATA_RESIDENT) || (_isV13 && newSize > MAX_VALUE_DATA_SIZE) ||
+      (newSize > CHUNK && fragmentsFor(newSize) > MAX_FRAGMENTS)) {
+    HK_LOG(hiveLog, 4) << "Value data size too large: " << newSize << " record: " << Log::hex(_offset);
+    Error::set(Errors::INVALID_ARGUMENT);
+    return _dataSize;
+  }
+  const u32 keep = std::min(_dataSize, newSize);
+  std::vector<u32> old;
+
+  if (newSize <= 4) {
+    u8 bytes[4] = {};
+    if (keep && read(bytes, 0, keep) != keep) {
+      HK_LOG(hiveLog, 4) << "Read data for resize to resident failed. record: " << Log::hex(_offset);
+      return _dataSize;
+    }
+    if (!storageRecords(old)) {
+      HK_LOG(hiveLog, 4) << "Failed to free some data reords for resize to resident. record: "
+                         << Log::hex(_offset);
+      return _dataSize;
+    }
+    _extents.clear();
+    _dbListDataRecord = INVALID_RECORD;
+    _dataResident = true;
+    std::memcpy(_recordData + VK::OFS_DATA, bytes, 4);
+    commitSize(newSize, "Failed to update vk record for resize. record: ");
+    freeRecords(old);
+    return _dataSize;
+  }
+
+  if (!_isV13 && newSize > CHUNK) return resizeDbList(newSize);
+
+  if (_dataResident || inDbForm()) {
+    if (!storageRecords(old)) {
+      HK_LOG(hiveLog, 4) << "Failed to free some data records for resize to single extent. record: "
+                         << Log::hex(_offset);
+      return _dataSize;
+    }
+    const u32 record = _hive->allocateRecord(newSize + 4);
+    if (record == INVALID_RECORD) {
+      HK_LOG(hiveLog, 4) << "Failed to allocate new record for resize to single extent. record: "
+                         << Log::hex(_offset);
+      return _dataSize;
+    }
+    if (keep) {
+      std::vector<u8> data(keep);
+      const u32 got = read(data.data(), 0, keep);
+      if (got != keep)
+        HK_LOG(hiveLog, 4) << "Read data for resize to single extent failed. record: " << Log::hex(_offset);
+      if (got && !_hive->writeRecord(record, data.data(), 4, got))
+        HK_LOG(hiveLog, 4) << "Restore data for resize to single extent failed. record: "
+                           << Log::hex(_offset);
+    }
+    _extents.assign(1, record);
+    _dbListDataRecord = INVALID_RECORD;
+    _dataResident = false;
+    W32(_recordData + VK::OFS_DATA, record);
+    commitSize(newSize, "Failed to update vk record for resize. record: ");
+    freeRecords(old);
+    return _dataSize;
+  }
+
+  if (!initExtents() || _extents.size() != 1) {
+    HK_LOG(hiveLog, 4) << "Failed to initExtents() for resize to single extent. record: "
+                       << Log::hex(_offset);
+    return _dataSize;
+  }
+  const u32 record = _hive->resizeRecord(_extents[0], newSize + 4, true);
+  if (record == INVALID_RECORD) {
+    HK_LOG(hiveLog, 4) << "Failed to resizeRecord for resize to single extent. record: " << Log::hex(_offset);
+    return _dataSize;
+  }
+  _extents[0] = record;
+  W32(_recordData + VK::OFS_DATA, record);
+  return commitSize(newSize, "Failed to update vk record for resize. record: ");
+}
+
+u32 ValueObj::commitSize(u32 newSize, const char* failure) {
+  _dataSize = newSize;
+  W32(_recordData + VK::OFS_DATA_SIZE, newSize | (_dataResident ? VK::DATA_RESIDENT : 0));
+  if (!writeRecordData()) HK_LOG(hiveLog, 4) << failure << Log::hex(_offset);
+  return _dataSize;
+}
+
+bool ValueObj::writeDbList(u32 dbRecord, u32 listRecord, const std::vector<u32>& fragments) {
+  const u32 count = static_cast<u32>(fragments.size());
+  std::vector<u8> entries(4 * fragments.size());
+  for (u32 i = 0; i < count; ++i) W32(entries.data() + 4 * i, fragments[i]);
+  if (!_hive->writeRecord(listRecord, entries.data(), 4, 4 * count)) {
+    HK_LOG(hiveLog, 4) << "Failed to write fragment list during resize of db list";
+    return false;
+  }
+  u8 db[8];
+  WB16(db, DB::SIGNATURE);
+  W16(db + 2, static_cast<u16>(count));
+  W32(db + 4, listRecord);
+  if (!_hive->writeRecord(dbRecord, db, 4, sizeof db)) {
+    HK_LOG(hiveLog, 4) << "Failed to write db record during resize of db list";
+    return false;
+  }
+  return true;
+}
+
+u32 ValueObj::resizeDbList(u32 newSize) {
+  HK_ASSERT(hiveLog, !_isV13, _dataSize);
+  HK_ASSERT(hiveLog, newSize > CHUNK, _dataSize);
+  const u32 needed = fragmentsFor(newSize);
+  std::vector<u32> made;    // records made here, given back on failure
+  std::vector<u32> retire;  // records to free once nothing points to them
+  auto allocate = [&](u32 size, const char* failure) {
+    const u32 r = _hive->allocateRecord(size);
+    if (r == INVALID_RECORD) {
+      HK_LOG(hiveLog, 4) << failure;
+      for (u32 m : made) _hive->freeRecord(m);
+    } else {
+      made.push_back(r);
+    }
+    return r;
+  };
+
+  if (inDbForm()) {
+    if (!initExtents()) {
+      HK_LOG(hiveLog, 4) << "Failed to initExtents() during resize of db list";
+      return _dataSize;
+    }
+    const u32 db = L32(_recordData + VK::OFS_DATA);
+    std::vector<u32> fragments = _extents;
+    const size_t have = fragments.size();
+    const char* noFragment = "Failed to allocate new fragment data record for existing db list.";
+    // The last fragment may have been made for less data; once data grows
+    // into it or past it, it must be a full fragment.
+    if (newSize > _dataSize) {
+      const hive_record* last = _hive->cacheLoadRecord(fragments.back());
+      if (!last) return _dataSize;
+      if (last->length() != VK::FRAGMENT_CELL) {
+        std::vector<u8> data(last->bytes() + 4, last->bytes() + 4 + std::min(last->length() - 4, CHUNK));
+        const u32 r = allocate(FRAGMENT_RECORD, noFragment);
+        if (r == INVALID_RECORD) return _dataSize;
+        if (!_hive->writeRecord(r, data.data(), 4, static_cast<u32>(data.size()))) {
+          for (u32 m : made) _hive->freeRecord(m);
+          return _dataSize;
+        }
+        retire.push_back(fragments.back());
+        fragments.back() = r;
+      }
+    }
+    for (size_t i = have; i < needed; ++i) {
+      const u32 r = allocate(FRAGMENT_RECORD, noFragment);
+      if (r == INVALID_RECORD) return _dataSize;
+      fragments.push_back(r);
+    }
+    if (needed < have) {
+      retire.insert(retire.end(), fragments.begin() + needed, fragments.end());
+      fragments.resize(needed);
+    }
+    u32 list = _dbListDataRecord;
+    if (fragments.size() > have) {
+      const hive_record* hr = _hive->cacheLoadRecord(list);
+      if (!hr || hr->length() < 4 * needed + 4) {
+        list = allocate(4 * needed + 4, "Failed to resize fragment list during resize of db list");
+        if (list == INVALID_RECORD) return _dataSize;
+        retire.push_back(_dbListDataRecord);
+      }
+    }
+    if (fragments != _extents || list != _dbListDataRecord) {
+      if (!writeDbList(db, list, fragments)) {
+        for (u32 m : made) _hive->freeRecord(m);
+        return _dataSize;
+      }
+    }
+    // A shorter list shrinks in place.
+    if (fragments.size() < have && list == _dbListDataRecord)
+      _hive->resizeRecord(list, 4 * needed + 4, false);
+    _extents = std::move(fragments);
+    _dbListDataRecord = list;
+    commitSize(newSize, "Failed to update vk record for resize to db list. record: ");
+    freeRecords(retire);
+    return _dataSize;
+  }
+
+  HK_ASSERT(hiveLog, _dataSize <= CHUNK, _dataSize);
+  HK_ASSERT(hiveLog, _dataSize < newSize, _dataSize);
+  std::vector<u32> old;
+  if (!storageRecords(old)) {
+    HK_LOG(hiveLog, 4) << "Failed to initExtents() during resize to db list. record: " << Log::hex(_offset);
+    return _dataSize;
+  }
+  const u32 db = allocate(DB::SIZE, "Failed to allocate record for new db list.");
+  if (db == INVALID_RECORD) return _dataSize;
+  const u32 list = allocate(4 * needed + 4, "Failed to allocate fragment list record for new db list.");
+  if (list == INVALID_RECORD) return _dataSize;
+  std::vector<u32> fragments;
+  fragments.reserve(needed);
+  for (u32 i = 0; i < needed; ++i) {
+    const u32 r = allocate(FRAGMENT_RECORD, "Failed to allocate fragment data record for new db list.");
+    if (r == INVALID_RECORD) return _dataSize;
+    fragments.push_back(r);
+  }
+  if (_dataSize) {
+    std::vector<u8> data(_dataSize);
+    const u32 got = read(data.data(), 0, _dataSize);
+    if (got != _dataSize)
+      HK_LOG(hiveLog, 4) << "Failed to read old data during resize to db list (from single or resident)";
+    if (got && !_hive->writeRecord(fragments[0], data.data(), 4, got))
+      HK_LOG(hiveLog, 4) << "Failed to restore old data during resize to db list (from single or resident)";
+  }
+  if (!writeDbList(db, list, fragments)) {
+    for (u32 m : made) _hive->freeRecord(m);
+    return _dataSize;
+  }
+  _extents = std::move(fragments);
+  _dbListDataRecord = list;
+  _dataResident = false;
+  W32(_recordData + VK::OFS_DATA, db);
+  commitSize(newSize, "Failed to update vk record for resize to db list. record: ");
+  freeRecords(old);
+  return _dataSize;
+}
+
+// ---------------------------------------------------------------- record
+
+bool ValueObj::selfDelete() {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return false;
+  }
+  if (_readOnly) {
+    Error::set(Errors::READ_ONLY);
+    return false;
+  }
+  if (!freeAllExtents()) return false;
+  _extents.clear();
+  _dbListDataRecord = INVALID_RECORD;
+  _valid = false;
+  const bool freed = _hive->freeRecord(_offset);
+  _offset = 0;
+  return freed;
+}
+
+bool ValueObj::setName(const Ref<String>& name) {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return false;
+  }
+  if (_readOnly) {
+    Error::set(Errors::READ_ONLY);
+    return false;
+  }
+  std::vector<u8> stored;
+  u64 length = 0;
+  bool ascii = false;
+  if (!name || name->length() > MAX_VALUE_NAME_LENGTH ||
+      !_hive->stringToRegName(name, stored, length, ascii)) {
+    Error::set(Errors::VALUE_NEW_NAME_INVALID);
+    return false;
+  }
+  HK_ASSERT(hiveLog, length < 0x10000 && length <= stored.size(), false);
+
+  std::vector<u8> record(VK::HEADER_SIZE + length);
+  std::memcpy(record.data(), _recordData, VK::HEADER_SIZE);
+  W16(record.data() + VK::OFS_NAME_LENGTH, static_cast<u16>(length));
+  u16 flags = L16(record.data() + VK::OFS_FLAGS);
+  flags = ascii ? (flags | VK::FLAG_COMP_NAME) : (flags & ~VK::FLAG_COMP_NAME);
+  W16(record.data() + VK::OFS_FLAGS, flags);
+  if (length) std::memcpy(record.data() + VK::OFS_NAME, stored.data(), length);
+
+  const u32 moved = _hive->resizeRecord(_offset, static_cast<u32>(record.size()), true);
+  if (moved == INVALID_RECORD) {
+    HK_LOG(hiveLog, 4) << "Failed to resize vk record for new name. record: " << Log::hex(_offset);
+    return false;
+  }
+  // The old place is gone once the record moved, whatever happens next.
+  _offset = moved;
+  if (!_hive->writeRecord(moved, record.data() + 4, 4, static_cast<u32>(record.size() - 4))) {
+    HK_LOG(hiveLog, 4) << "Failed to write vk record for new name. record: " << Log::hex(moved);
+    return false;
+  }
+  std::memcpy(_recordData, record.data(), VK::HEADER_SIZE);
+  _name = name;
+  return true;
+}
+
+}  // namespace Libraries::Files::Hive

@@ -1,0 +1,332 @@
+// Typed access to value data: strings, string lists, numbers, raw bytes.
+// Thin layers over ValueObj::read, write and size(newSize); what is
+// particular here is which types each accepts, the byte layouts and the
+// error codes.
+#include <algorithm>
+#include <cstring>
+
+#include "hive/value/stripe_value.h"
+#include "hive/value/value_obj.h"
+#include "platform/error.h"
+
+namespace Libraries::Files::Hive {
+
+namespace {
+
+namespace T = Interfaces::Config::Hive::ValueTypes;
+using VK = hive_record_vk;
+
+constexpr u64 ALL_ONES = ~0ull;
+// Above any size a value can hold; size(newSize) applies the exact limits.
+constexpr u64 DATA_SIZE_LIMIT = 0x80000000ull;
+
+bool isStringType(ValueType t) {
+  return t == T::String || t == T::ExpandString;
+}
+bool isNumberType(ValueType t) {
+  return t == T::Dword || t == T::DwordBigEndian || t == T::Qword;
+}
+
+// The units of a string up to (not including) its first zero unit.
+std::u16string_view untilZero(const String& s) {
+  std::u16string_view v(s.data(), s.length());
+  return v.substr(0, std::min(v.size(), v.find(u'\0')));
+}
+
+// Appends units as UTF-16LE bytes.
+void putUnits(std::vector<u8>& out, std::u16string_view units) {
+  const size_t at = out.size();
+  out.resize(at + 2 * units.size());
+  for (size_t i = 0; i < units.size(); ++i) W16(out.data() + at + 2 * i, units[i]);
+}
+
+// Reads `units` UTF-16LE units of the value's data into `out`, in host
+// order. Returns the bytes read.
+u32 readUnits(ValueObj& value, u32 units, std::u16string& out) {
+  out.assign(units, u'\0');
+  const u32 got = value.read(out.data(), 0, 2 * units);
+  // The bytes are little-endian; fix them in place for any host.
+  u8* bytes = reinterpret_cast<u8*>(out.data());
+  for (u32 i = 0; i < units; ++i) out[i] = static_cast<char16_t>(L16(bytes + 2 * i));
+  return got;
+}
+
+// Keeps an error already set by the failed read (a damaged record says
+// more than "short read").
+void shortRead() {
+  if (Error::get() == 0) Error::set(Errors::SHORT_READ);
+}
+
+}  // namespace
+
+bool ValueObj::setType(ValueType type) {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return false;
+  }
+  const u32 previous = L32(_recordData + VK::OFS_TYPE);
+  W32(_recordData + VK::OFS_TYPE, type);
+  if (!writeRecordData()) {
+    HK_LOG(hiveLog, 4) << "Failed to update vk record for setType(). record: " << Log::hex(_offset);
+    W32(_recordData + VK::OFS_TYPE, previous);
+    return false;
+  }
+  _type = type;
+  _resizable = (_hive->mode() & modeResizableValues) != 0 || _type == T::Binary;
+  return true;
+}
+
+Ref<Interfaces::Stripe> ValueObj::binary() {
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return nullptr;
+  }
+  return makeRef<StripeValue>(Ref<ValueObj>(this));
+}
+
+Ref<String> ValueObj::string(u32 maxLength) {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return nullptr;
+  }
+  if (!isStringType(_type)) {
+    Error::set(Errors::WRONG_TYPE);
+    return nullptr;
+  }
+  Error::set(0);
+  const u32 units = _dataSize / 2;  // an odd last byte is ignored
+  if (units > maxLength) {
+    Error::set(Errors::DATA_TOO_LONG);
+    return nullptr;
+  }
+  if (units == 0) {
+    if (_dataSize == 0) return String::empty();
+    Error::set(Errors::STRING_ONE_BYTE);
+    return nullptr;
+  }
+  std::u16string text;
+  const u32 got = readUnits(*this, units, text);
+  if (got != 2 * units) {
+    HK_LOG(hiveLog, 4) << "Wrong read result when reading string, record = " << Log::hex(_offset)
+                       << " string length (bytes): " << 2 * units << " read result: " << got;
+    shortRead();
+    return nullptr;
+  }
+  // Stored strings end in a zero unit, often followed by slack: the text is
+  // what comes before the first zero.
+  const size_t end = text.find(u'\0');
+  if (end != std::u16string::npos) text.resize(end);
+  return String::fromUtf16(std::move(text));
+}
+
+bool ValueObj::setString(Ref<String> text) {
+  Mon::Lock lock(_hive->mon());
+  if (!text) {
+    Error::set(Errors::NULL_ARGUMENT);
+    return false;
+  }
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return false;
+  }
+  if (_readOnly) {
+    Error::set(Errors::READ_ONLY);
+    return false;
+  }
+  if (!isStringType(_type)) {
+    Error::set(Errors::WRONG_TYPE);
+    return false;
+  }
+  const std::u16string_view units = untilZero(*text);
+  if (units.size() >= DATA_SIZE_LIMIT / 2) {
+    Error::set(Errors::INVALID_ARGUMENT);
+    return false;
+  }
+  std::vector<u8> bytes;
+  bytes.reserve(2 * units.size() + 2);
+  putUnits(bytes, units);
+  bytes.push_back(0);
+  bytes.push_back(0);
+  const u32 newSize = static_cast<u32>(bytes.size());
+  if (size(newSize) != newSize) {
+    HK_LOG(hiveLog, 4) << "Failed to resize record to set string, record = " << Log::hex(_offset);
+    return false;
+  }
+  if (write(bytes.data(), 0, newSize) != newSize) {
+    HK_LOG(hiveLog, 4) << "Failed to write new string, record = " << Log::hex(_offset);
+    Error::set(Errors::SHORT_WRITE);
+    return false;
+  }
+  Error::set(0);
+  return true;
+}
+
+u64 ValueObj::number() {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return ALL_ONES;
+  }
+  if (!isNumberType(_type)) {
+    Error::set(Errors::WRONG_TYPE);
+    return ALL_ONES;
+  }
+  const u32 width = datasizeFormType(_type);
+  if (_dataSize != width) {
+    Error::set(Errors::NUMBER_WRONG_SIZE);
+    return ALL_ONES;
+  }
+  u8 bytes[8] = {};
+  if (read(bytes, 0, width) != width) {
+    HK_LOG(hiveLog, 4) << (width == 8 ? "Wrong read result when reading u64 value, record = "
+                                      : "Wrong read result when reading u32 value, record = ")
+                       << Log::hex(_offset);
+    Error::set(Errors::SHORT_READ);
+    return ALL_ONES;
+  }
+  Error::set(0);
+  if (_type == T::Qword) return L64(bytes);
+  if (_type == T::DwordBigEndian) return B32(bytes);
+  return L32(bytes);
+}
+
+bool ValueObj::setNumber(u64 number) {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return false;
+  }
+  if (_readOnly) {
+    Error::set(Errors::READ_ONLY);
+    return false;
+  }
+  if (!isNumberType(_type)) {
+    Error::set(Errors::WRONG_TYPE);
+    return false;
+  }
+  const u32 width = datasizeFormType(_type);
+  if (_dataSize != width) {
+    Error::set(Errors::NUMBER_WRONG_SIZE);
+    return false;
+  }
+  u8 bytes[8];
+  if (_type == T::Qword) {
+    W64(bytes, number);
+  } else {
+    if (number > 0xffffffffull) {
+      Error::set(Errors::NUMBER_TOO_LARGE);
+      return false;
+    }
+    const u32 v = static_cast<u32>(number);
+    if (_type == T::DwordBigEndian) {
+      WB16(bytes, static_cast<u16>(v >> 16));
+      WB16(bytes + 2, static_cast<u16>(v));
+    } else {
+      W32(bytes, v);
+    }
+  }
+  if (write(bytes, 0, width) != width) {
+    HK_LOG(hiveLog, 4) << (width == 8 ? "Wrong write result when writing u64 value, record = "
+                                      : "Wrong write result when writing u32 value, record = ")
+                       << Log::hex(_offset);
+    Error::set(Errors::SHORT_WRITE);
+    return false;
+  }
+  Error::set(0);
+  return true;
+}
+
+Ref<TVector<Ref<String>>> ValueObj::strings(u32 maxLength) {
+  Mon::Lock lock(_hive->mon());
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return nullptr;
+  }
+  if (_type != T::MultiString) {
+    Error::set(Errors::WRONG_TYPE);
+    return nullptr;
+  }
+  Error::set(0);
+  const u32 units = _dataSize / 2;
+  if (units > maxLength) {
+    Error::set(Errors::DATA_TOO_LONG);
+    return nullptr;
+  }
+  std::u16string text;
+  const u32 got = readUnits(*this, units, text);
+  if (got != 2 * units) {
+    HK_LOG(hiveLog, 4) << "Wrong read result when reading string, record = " << Log::hex(_offset)
+                       << " string length (bytes): " << 2 * units << " read result: " << got;
+    shortRead();
+    return nullptr;
+  }
+  auto list = TVector<Ref<String>>::create();
+  // Each string ends in a zero unit; an empty string (a zero unit right
+  // after a terminator, or at the start) ends the list.
+  size_t start = 0;
+  bool terminated = units == 0;
+  while (start < text.size()) {
+    size_t end = text.find(u'\0', start);
+    if (end == start) {
+      terminated = true;
+      break;
+    }
+    if (end == std::u16string::npos) end = text.size();
+    list->push_back(String::fromUtf16(text.data() + start, end - start));
+    start = end + 1;
+  }
+  if (!terminated) HK_LOG(hiveLog, 2) << "String list not terminated!, record = " << Log::hex(_offset);
+  return list;
+}
+
+bool ValueObj::setStrings(Ref<TVector<Ref<String>>> strings) {
+  Mon::Lock lock(_hive->mon());
+  if (!strings) {
+    Error::set(Errors::NULL_ARGUMENT);
+    return false;
+  }
+  if (!_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return false;
+  }
+  if (_readOnly) {
+    Error::set(Errors::READ_ONLY);
+    return false;
+  }
+  if (_type != T::MultiString) {
+    Error::set(Errors::WRONG_TYPE);
+    return false;
+  }
+  std::vector<u8> bytes;
+  for (const Ref<String>& s : strings->items()) {
+    if (!s) {
+      Error::set(Errors::NULL_ARGUMENT);
+      return false;
+    }
+    putUnits(bytes, untilZero(*s));
+    bytes.push_back(0);
+    bytes.push_back(0);
+    if (bytes.size() >= DATA_SIZE_LIMIT) {
+      Error::set(Errors::INVALID_ARGUMENT);
+      return false;
+    }
+  }
+  bytes.push_back(0);
+  bytes.push_back(0);
+  const u32 newSize = static_cast<u32>(bytes.size());
+  if (size(newSize) != newSize) {
+    HK_LOG(hiveLog, 4) << "Failed to resize record to set string list, record = " << Log::hex(_offset);
+    return false;
+  }
+  if (write(bytes.data(), 0, newSize) != newSize) {
+    HK_LOG(hiveLog, 4) << "Failed to write new string list, record = " << Log::hex(_offset);
+    Error::set(Errors::SHORT_WRITE);
+    return false;
+  }
+  Error::set(0);
+  return true;
+}
+
+}  // namespace Libraries::Files::Hive

@@ -1,0 +1,560 @@
+// The hivekit command-line tool, run as a separate process.
+//
+// Hives are made with the test builder or copied from ../shared/testdata
+// into a temporary folder; nothing under the test data is ever written.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "hive/format.h"
+#include "tests/support/hive_builder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using hivekit::test::HiveBuilder;
+using hivekit::test::u32;
+using hivekit::test::u8;
+
+struct Result {
+  int status = -1;
+  std::string out, err;
+};
+
+std::string readFile(const fs::path& p) {
+  std::ifstream in(p, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+void writeFile(const fs::path& p, const std::string& bytes) {
+  std::ofstream out(p, std::ios::binary);
+  out << bytes;
+}
+
+void writeFile(const fs::path& p, const std::vector<u8>& bytes) {
+  writeFile(p, std::string(bytes.begin(), bytes.end()));
+}
+
+class CliTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string tmpl = (fs::temp_directory_path() / "hivekit-cli-XXXXXX").string();
+    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
+    _dir = tmpl;
+  }
+  void TearDown() override { fs::remove_all(_dir); }
+
+  fs::path path(const std::string& name) const { return _dir / name; }
+
+  // Runs `program args...` with the given standard input; output is
+  // collected through files so that neither pipe can fill up.
+  Result exec(const std::string& program, const std::vector<std::string>& args,
+              const std::string& input = "") {
+    fs::path in = path(".stdin"), out = path(".stdout"), err = path(".stderr");
+    writeFile(in, input);
+    pid_t pid = fork();
+    if (pid == 0) {
+      int fds[3] = {open(in.c_str(), O_RDONLY), open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
+                    open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
+      for (int i = 0; i < 3; ++i) dup2(fds[i], i);
+      std::vector<char*> argv{const_cast<char*>(program.c_str())};
+      for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+      argv.push_back(nullptr);
+      execv(program.c_str(), argv.data());
+      _exit(127);
+    }
+    Result r;
+    int status = 0;
+    waitpid(pid, &status, 0);
+    r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    r.out = readFile(out);
+    r.err = readFile(err);
+    return r;
+  }
+  Result hivekit(const std::vector<std::string>& args, const std::string& input = "") {
+    return exec(HIVEKIT_CLI, args, input);
+  }
+
+  fs::path _dir;
+};
+
+fs::path testdata() {
+  return fs::path(HIVEKIT_SOURCE_DIR) / ".." / "shared" / "testdata";
+}
+
+#define REQUIRE_TESTDATA() \
+  if (!fs::is_directory(testdata() / "expected")) GTEST_SKIP() << "no ../shared/testdata"
+
+// expected/X.lst and expected/D/X.lst list hives/X and hives/D/X.
+std::vector<std::pair<fs::path, fs::path>> expectedListings() {
+  std::vector<std::pair<fs::path, fs::path>> out;
+  fs::path expected = testdata() / "expected";
+  for (const auto& e : fs::recursive_directory_iterator(expected)) {
+    std::string name = e.path().filename().string();
+    if (!e.is_regular_file() || e.path().extension() != ".lst" ||
+        name.find(".recovered.") != std::string::npos)
+      continue;
+    fs::path rel = fs::relative(e.path(), expected);
+    fs::path hive = testdata() / "hives" / rel.parent_path() / rel.stem();
+    out.emplace_back(hive, e.path());
+  }
+  std::sort(out.begin(), out.end());
+  return out;
+}
+
+// The value after "Label:" in `info` output.
+std::string field(const std::string& text, const std::string& label) {
+  std::string head(label);
+  head += ':';
+  size_t at = text.find('\n' + head);
+  if (at == std::string::npos) at = text.compare(0, head.size(), head) == 0 ? 0 : std::string::npos;
+  if (at == std::string::npos) return std::string("<missing ").append(label).append(">");
+  size_t start = text.find(':', at) + 1;
+  while (start < text.size() && text[start] == ' ') ++start;
+  return text.substr(start, text.find('\n', start) - start);
+}
+
+bool hasLine(const std::string& text, const std::string& line) {
+  return ("\n" + text).find("\n" + line + "\n") != std::string::npos;
+}
+
+size_t countLines(const std::string& text, const std::string& prefix) {
+  size_t n = 0;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) n += line.rfind(prefix, 0) == 0;
+  return n;
+}
+
+// ---------------------------------------------------------------- usage
+
+TEST_F(CliTest, UsageErrorsExitTwoWithUsageLine) {
+  const std::vector<std::vector<std::string>> bad = {
+      {},
+      {"frobnicate", "x"},
+      {"info"},
+      {"info", "a", "b"},
+      {"info", "--bogus", "x"},
+      {"info", "--codepage", "klingon", "x"},
+      {"info", "--codepage"},
+      {"info", "--dirty", "--dirty", "x"},
+      {"ls", "--no-logs", "--log", "x.LOG1", "h"},
+      {"new", "--dirty", "h"},
+      {"new", "h", "--minor", "4"},
+      {"set", "h", "k", "v", "dword", "0x100000000"},
+      {"set", "h", "k", "v", "qword", "12x"},
+      {"set", "h", "k", "v", "binary", "0g"},
+      {"set", "h", "k", "v", "nonsense", "1"},
+      {"set", "h", "k", "v", "sz", "a", "b"},
+      {"rm", "h", "\\"},
+      {"mv", "h", "", "x"},
+  };
+  for (const auto& args : bad) {
+    Result r = hivekit(args);
+    std::string shown;
+    for (const auto& a : args) shown += a + " ";
+    EXPECT_EQ(r.status, 2) << shown << r.err;
+    EXPECT_NE(r.err.find("usage: hivekit"), std::string::npos) << shown << r.err;
+    EXPECT_TRUE(r.out.empty()) << shown;
+  }
+}
+
+TEST_F(CliTest, HelpEverywhere) {
+  Result r = hivekit({"--help"});
+  EXPECT_EQ(r.status, 0);
+  for (const char* c :
+       {"info", "ls", "get", "export", "dump", "sd", "new", "mkkey", "set", "rm", "mv", "import"}) {
+    EXPECT_NE(r.out.find(std::string("  ") + c + " "), std::string::npos) << c;
+    Result h = hivekit({c, "--help"});
+    EXPECT_EQ(h.status, 0) << c;
+    EXPECT_EQ(h.out.rfind(std::string("usage: hivekit ") + c, 0), 0u) << c << h.out;
+    EXPECT_NE(h.out.find("--codepage"), std::string::npos) << c;
+  }
+  EXPECT_NE(hivekit({"export", "-h"}).out.find("import"),
+            std::string::npos);  // the default heading is explained
+}
+
+TEST_F(CliTest, MissingAndUnreadableFilesFail) {
+  std::string missing = path("nope").string();
+  Result r = hivekit({"info", missing});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("hivekit: cannot open '" + missing + "': no such file (error 0x20)"),
+            std::string::npos)
+      << r.err;
+  writeFile(path("short"), std::string(100, 'x'));
+  r = hivekit({"dump", path("short").string()});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("cannot open hive"), std::string::npos) << r.err;
+  EXPECT_EQ(hivekit({"ls", _dir.string()}).status, 1);  // a directory
+}
+
+// ---------------------------------------------------------------- reading
+
+std::vector<u8> as(size_t n, u8 byte = 'a') {
+  return std::vector<u8>(n, byte);
+}
+
+class BuiltHiveTest : public CliTest {
+ protected:
+  void SetUp() override {
+    CliTest::SetUp();
+    HiveBuilder b(5);
+    u32 root = b.root();
+    u32 names = b.key(root, u"names");
+    b.key(names, u"ctl\x01name");
+    b.key(names, u"back\\slash");
+    b.key(names, u"per%cent");
+    b.key(names, u"\x00e4rger");
+    b.key(names, u"\x65e5\x672c");
+    b.key(names, u"pair\xD83D\xDE00");
+    b.key(names, u"lone\xD800x");
+    b.key(names, u"slash/inside");
+    u32 data = b.key(root, u"data");
+    b.value(data, u"", 1, {'d', 0, 'f', 0, 0, 0});
+    b.value(data, u"empty", 3, {});
+    b.value(data, u"dword", 4, {0x78, 0x56, 0x34, 0x12});
+    b.value(data, u"dwordbe", 5, {0x12, 0x34, 0x56, 0x78});
+    b.value(data, u"qword", 11, {1, 0, 0, 0, 0, 0, 0, 0x80});
+    b.value(data, u"multi", 7, {'a', 0, 0, 0, 'b', 0, 'c', 0, 0, 0, 0, 0});
+    std::vector<u8> exact32(32);
+    for (size_t i = 0; i < 32; ++i) exact32[i] = static_cast<u8>(i);
+    b.value(data, u"exact32", 3, exact32);
+    b.value(data, u"a33", 3, as(33));
+    b.value(data, u"a56", 3, as(56));
+    b.value(data, u"a64", 0x20, as(64));
+    b.value(data, u"a1000", 3, as(1000));
+    std::vector<u8> big(20000);
+    for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<u8>(i % 251);
+    b.value(data, u"big", 3, big);  // a db record in a 1.5 hive
+    b.value(data, u"tab\tname%", 1, {'x', 0, 0, 0});
+    writeFile(path("built"), b.build());
+  }
+};
+
+TEST_F(BuiltHiveTest, DumpEscapesNamesAndDigestsLongData) {
+  Result r = hivekit({"dump", path("built").string()});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const std::string& o = r.out;
+  EXPECT_EQ(o.rfind("K\t\\\t01d9c1a2b3c4d5e6\t2\t0\n", 0), 0u) << o.substr(0, 200);
+  EXPECT_TRUE(hasLine(o, "K\t\\names\t01d9c1a2b3c4d5e6\t8\t0"));
+  for (const char* name :
+       {"ctl%0001name", "back%005Cslash", "per%0025cent", "\xC3\xA4rger", "\xE6\x97\xA5\xE6\x9C\xAC",
+        "pair\xF0\x9F\x98\x80", "lone%D800x", "slash/inside"}) {
+    EXPECT_TRUE(hasLine(o, std::string("K\t\\names\\") + name + "\t01d9c1a2b3c4d5e6\t0\t0")) << name;
+  }
+  // Values in value-list order, right after their key.
+  std::string values =
+      "K\t\\data\t01d9c1a2b3c4d5e6\t0\t13\n"
+      "V\t\\data\t\t1\t6\t640066000000\n"
+      "V\t\\data\tempty\t3\t0\t\n"
+      "V\t\\data\tdword\t4\t4\t78563412\n"
+      "V\t\\data\tdwordbe\t5\t4\t12345678\n"
+      "V\t\\data\tqword\t11\t8\t0100000000000080\n"
+      "V\t\\data\tmulti\t7\t12\t610000006200630000000000\n"
+      "V\t\\data\texact32\t3\t32\t000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f\n"
+      "V\t\\data\ta33\t3\t33\tsha256:852785c805c77e71a22340a54e9d95933ed49121e7d2bf3c2d358854bc1359ea\n"
+      "V\t\\data\ta56\t3\t56\tsha256:b35439a4ac6f0948b6d6f9e3c6af0f5f590ce20f1bde7090ef7970686ec6738a\n"
+      "V\t\\data\ta64\t32\t64\tsha256:ffe054fe7ae0cb6dc65c3af9b61d5209f439851db43d0ba5997337df154668eb\n"
+      "V\t\\data\ta1000\t3\t1000\tsha256:41edece42d63e8d9bf515a9ba6932e1c20cbc9f5a5d134645adb5db1b9737ea3\n"
+      "V\t\\data\tbig\t3\t20000\tsha256:93a6015a3874a774dd59fdd5db19414b301525381eb5ddcc265cdcc68bb9d350\n"
+      "V\t\\data\ttab%0009name%0025\t1\t4\t78000000\n";
+  EXPECT_NE(o.find(values), std::string::npos) << o;
+}
+
+TEST_F(BuiltHiveTest, LsAndGetShowTypedData) {
+  std::string hive = path("built").string();
+  Result r = hivekit({"ls", hive, "\\data"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("Keys (0):"), std::string::npos);
+  EXPECT_NE(r.out.find("Values (13):"), std::string::npos);
+  EXPECT_NE(r.out.find("(default)"), std::string::npos);
+  EXPECT_NE(r.out.find("REG_DWORD_BIG_ENDIAN"), std::string::npos);
+  EXPECT_NE(r.out.find("305419896 (0x12345678)"), std::string::npos);
+  r = hivekit({"ls", hive});
+  EXPECT_NE(r.out.find("2023-07-28T22:27:32Z"), std::string::npos) << r.out;  // the builder's FILETIME
+
+  EXPECT_EQ(hivekit({"get", hive, "data"}).out, "df\n");
+  EXPECT_EQ(hivekit({"get", hive, "DATA", "DWORD"}).out, "305419896 (0x12345678)\n");  // names ignore case
+  EXPECT_EQ(hivekit({"get", hive, "data", "dwordbe"}).out, "305419896 (0x12345678)\n");
+  EXPECT_EQ(hivekit({"get", hive, "data", "qword"}).out, "9223372036854775809 (0x8000000000000001)\n");
+  EXPECT_EQ(hivekit({"get", hive, "\\data", "multi"}).out, "a\nbc\n");
+  EXPECT_EQ(hivekit({"get", hive, "data", "a33"}).out,
+            "00000000  61 61 61 61 61 61 61 61  61 61 61 61 61 61 61 61  |aaaaaaaaaaaaaaaa|\n"
+            "00000010  61 61 61 61 61 61 61 61  61 61 61 61 61 61 61 61  |aaaaaaaaaaaaaaaa|\n"
+            "00000020  61                                                |a|\n");
+  Result missing = hivekit({"get", hive, "data\\nothing"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.err.find("key not found: \\data\\nothing (error 0x1003)"), std::string::npos)
+      << missing.err;
+  missing = hivekit({"get", hive, "data", "nothing"});
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_NE(missing.err.find("value not found: nothing (error 0x1004)"), std::string::npos) << missing.err;
+  // A name holding "/" is one component.
+  EXPECT_EQ(hivekit({"ls", hive, "names\\slash/inside"}).status, 0);
+}
+
+TEST_F(BuiltHiveTest, InfoAndSecurityDescriptors) {
+  std::string hive = path("built").string();
+  Result r = hivekit({"info", hive});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(field(r.out, "File name field"), "\\hivekit\\sample.hiv");
+  const std::string bins = field(r.out, "Hive bins");  // 20000 bytes of data need more than one hbin
+  EXPECT_GE(std::strtoul(bins.c_str(), nullptr, 10), 2u) << bins;
+  EXPECT_EQ(field(r.out, "Checksum").find("MISMATCH"), std::string::npos);
+  EXPECT_EQ(field(r.out, "Log mode"), "none");
+  EXPECT_EQ(field(hivekit({"info", "--unsafe", hive}).out, "Hive bins"), "not counted in unsafe mode");
+
+  r = hivekit({"sd", hive});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::vector<u8> sd = HiveBuilder::sampleDescriptor();
+  EXPECT_NE(r.out.find("references 11  length " + std::to_string(sd.size()) + "\n"), std::string::npos)
+      << r.out;
+  char first[64];
+  std::snprintf(first, sizeof(first), "  0000  %02x %02x %02x %02x", sd[0], sd[1], sd[2], sd[3]);
+  EXPECT_NE(r.out.find(first), std::string::npos) << r.out;
+  EXPECT_TRUE(hasLine(r.out, "1 security descriptors"));
+}
+
+TEST_F(CliTest, DumpRefusesCyclesAndDeepTrees) {
+  HiveBuilder b(5);
+  u32 root = b.root();
+  u32 a = b.key(root, u"a");
+  u32 bKey = b.key(a, u"b");
+  b.key(bKey, u"c");
+  b.layout();
+  // b's only subkey list entry now leads back to a.
+  u32 list =
+      hivekit::test::u32(Platform::L32(b.at(bKey) + Libraries::Files::Hive::hive_record_nk::OFS_KEY_LIST));
+  Platform::W32(b.at(list) + Libraries::Files::Hive::hive_record_list::OFS_ITEMS, a);
+  writeFile(path("cycle"), b.build());
+  Result r = hivekit({"dump", path("cycle").string()});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("cycle"), std::string::npos) << r.err;
+  EXPECT_TRUE(hasLine(r.out, "K\t\\a\\b\t01d9c1a2b3c4d5e6\t1\t0")) << r.out;
+
+  HiveBuilder deep(5);
+  u32 k = deep.root();
+  for (int i = 0; i < 600; ++i) k = deep.key(k, u"k");
+  writeFile(path("deep"), deep.build());
+  r = hivekit({"dump", path("deep").string()});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("deeper than 512"), std::string::npos) << r.err;
+  EXPECT_EQ(countLines(r.out, "K\t"), 512u);
+}
+
+TEST_F(CliTest, InfoReportsTheBaseBlock) {
+  REQUIRE_TESTDATA();
+  for (const auto& [hive, listing] : expectedListings()) {
+    std::string block = readFile(hive).substr(0, 4096);
+    ASSERT_EQ(block.size(), 4096u) << hive;
+    const u8* b = reinterpret_cast<const u8*>(block.data());
+    using H = Libraries::Files::Hive::hive_header;
+    Result r = hivekit({"info", "--dirty", "--no-logs", hive.string()});
+    ASSERT_EQ(r.status, 0) << hive << r.err;
+    EXPECT_EQ(field(r.out, "Primary sequence"), std::to_string(Platform::L32(b + H::OFS_PRIMARY_SEQ)))
+        << hive;
+    EXPECT_EQ(field(r.out, "Secondary sequence"), std::to_string(Platform::L32(b + H::OFS_SECONDARY_SEQ)))
+        << hive;
+    EXPECT_EQ(field(r.out, "Version"), std::to_string(Platform::L32(b + H::OFS_MAJOR)) + "." +
+                                           std::to_string(Platform::L32(b + H::OFS_MINOR)))
+        << hive;
+    u32 length = Platform::L32(b + H::OFS_LENGTH);
+    EXPECT_EQ(field(r.out, "Hive bins data size").substr(0, field(r.out, "Hive bins data size").find(' ')),
+              std::to_string(length))
+        << hive;
+    EXPECT_EQ(field(r.out, "State"),
+              Platform::L32(b + H::OFS_PRIMARY_SEQ) == Platform::L32(b + H::OFS_SECONDARY_SEQ)
+                  ? "clean"
+                  : "dirty (sequence numbers differ)")
+        << hive;
+  }
+  // Without --dirty a dirty hive without logs is refused, with a hint.
+  Result r = hivekit({"info", (testdata() / "hives" / "amcache.hve").string()});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("--dirty"), std::string::npos) << r.err;
+}
+
+TEST_F(CliTest, DumpMatchesEveryExpectedListing) {
+  REQUIRE_TESTDATA();
+  std::string report;
+  size_t checked = 0;
+  for (const auto& [hive, listing] : expectedListings()) {
+    ++checked;
+    Result r = hivekit({"dump", "--dirty", "--no-logs", hive.string()});
+    std::string want = readFile(listing);
+    if (r.out == want && r.status == 0) continue;
+    std::istringstream got(r.out), exp(want);
+    std::string g, e;
+    size_t line = 0;
+    while (true) {
+      ++line;
+      bool hg = static_cast<bool>(std::getline(got, g)), he = static_cast<bool>(std::getline(exp, e));
+      if (!hg && !he) break;
+      if (!hg || !he || g != e) break;
+    }
+    report += hive.filename().string() + " (exit " + std::to_string(r.status) + "): line " +
+              std::to_string(line) + "\n  got:      " + g + "\n  expected: " + e + "\n";
+  }
+  EXPECT_GT(checked, 40u);
+  EXPECT_TRUE(report.empty()) << report;
+}
+
+// Dirty hives read through the logs found beside them.
+TEST_F(CliTest, DumpThroughLogsMatchesRecoveredListings) {
+  REQUIRE_TESTDATA();
+  fs::path expected = testdata() / "expected";
+  size_t checked = 0;
+  for (const auto& e : fs::recursive_directory_iterator(expected)) {
+    std::string name = e.path().filename().string();
+    const std::string suffix = ".recovered.lst";
+    if (name.size() <= suffix.size() || name.compare(name.size() - suffix.size(), suffix.size(), suffix) != 0)
+      continue;
+    fs::path rel = fs::relative(e.path(), expected);
+    fs::path hive = testdata() / "hives" / rel.parent_path() / name.substr(0, name.size() - suffix.size());
+    ++checked;
+    Result r = hivekit({"dump", hive.string()});
+    EXPECT_EQ(r.status, 0) << hive << r.err;
+    EXPECT_TRUE(r.out == readFile(e.path())) << hive << " differs from " << e.path();
+  }
+  EXPECT_GE(checked, 4u);
+}
+
+TEST_F(CliTest, ReadingLeavesHiveAndLogsUntouchedAndFindsLogsInAnyCase) {
+  REQUIRE_TESTDATA();
+  fs::path src = testdata() / "hives" / "NewDirtyHive1";
+  fs::copy_file(src / "NewDirtyHive", path("H"));
+  fs::copy_file(src / "NewDirtyHive.LOG1", path("H.log1"));
+  fs::copy_file(src / "NewDirtyHive.LOG2", path("H.Log2"));
+  std::string before = readFile(path("H")) + readFile(path("H.log1")) + readFile(path("H.Log2"));
+  Result r = hivekit({"info", "--dirty", path("H").string()});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(field(r.out, "Log (.LOG)"), "none");
+  EXPECT_EQ(field(r.out, "Log (.LOG1)").rfind(path("H.log1").string(), 0), 0u) << r.out;
+  EXPECT_EQ(field(r.out, "Log (.LOG2)").rfind(path("H.Log2").string(), 0), 0u) << r.out;
+  for (const char* cmd : {"dump", "sd", "ls"}) hivekit({cmd, "--dirty", path("H").string()});
+  hivekit({"export", "--dirty", path("H").string(), "-o", path("out.reg").string()});
+  EXPECT_EQ(readFile(path("H")) + readFile(path("H.log1")) + readFile(path("H.Log2")), before);
+  r = hivekit({"info", "--dirty", "--no-logs", path("H").string()});
+  EXPECT_EQ(field(r.out, "Log (.LOG1)"), "none");
+}
+
+// ---------------------------------------------------------------- writing
+
+TEST_F(CliTest, WriteCommandsChangeAHive) {
+  std::string h = path("w.hiv").string();
+  ASSERT_EQ(hivekit({"new", h}).status, 0);
+  EXPECT_EQ(hivekit({"new", h}).status, 1);  // exists
+  EXPECT_EQ(field(hivekit({"info", h}).out, "Version"), "1.5");
+  ASSERT_EQ(hivekit({"mkkey", h, "A\\B\\C"}).status, 0);
+  ASSERT_EQ(hivekit({"mkkey", h, "\\A\\B"}).status, 0);  // exists: fine
+  struct Case {
+    std::vector<std::string> set;
+    std::string get;
+  };
+  const std::vector<Case> cases = {
+      {{"s", "sz", "h\xC3\xA9llo"}, "h\xC3\xA9llo\n"},
+      {{"e", "expand_sz", "%PATH%"}, "%PATH%\n"},
+      {{"m", "multi_sz", "one", "two\nthree"}, "one\ntwo\nthree\n"},
+      {{"d", "dword", "0x12345678"}, "305419896 (0x12345678)\n"},
+      {{"be", "dword_be", "7"}, "7 (0x7)\n"},
+      {{"q", "REG_QWORD", "18446744073709551615"}, "18446744073709551615 (0xffffffffffffffff)\n"},
+      {{"b", "binary", "00 01,ff"}, "00000000  00 01 ff                                          |...|\n"},
+      {{"", "sz", "default"}, "default\n"},
+      {{"n", "0x20", "abcd"}, "00000000  ab cd                                             |..|\n"},
+      {{"d", "sz", "retyped"}, "retyped\n"},
+      {{"s", "dword", "9"}, "9 (0x9)\n"},
+  };
+  for (const Case& c : cases) {
+    std::vector<std::string> args = {"set", h, "A"};
+    args.insert(args.end(), c.set.begin(), c.set.end());
+    Result r = hivekit(args);
+    ASSERT_EQ(r.status, 0) << c.set[0] << r.err;
+    EXPECT_EQ(hivekit({"get", h, "A", c.set[0]}).out, c.get) << c.set[0];
+  }
+  ASSERT_EQ(hivekit({"set", h, "A", "in", "sz", "--stdin"}, "piped\n").status, 0);
+  EXPECT_EQ(hivekit({"get", h, "A", "in"}).out, "piped\n");
+  EXPECT_EQ(hivekit({"set", h, "missing", "x", "sz", "y"}).status, 1);
+
+  ASSERT_EQ(hivekit({"rm", h, "A", "be"}).status, 0);
+  EXPECT_EQ(hivekit({"get", h, "A", "be"}).status, 1);
+  EXPECT_EQ(hivekit({"get", h, "A", "s"}).out, "9 (0x9)\n");  // its neighbour is intact
+  ASSERT_EQ(hivekit({"mv", h, "A\\B", "\\", "B2"}).status, 0);
+  EXPECT_EQ(hivekit({"ls", h, "B2\\C"}).status, 0);
+  EXPECT_EQ(hivekit({"ls", h, "A\\B"}).status, 1);
+  ASSERT_EQ(hivekit({"rm", h, "B2"}).status, 0);
+  EXPECT_EQ(hivekit({"ls", h, "B2"}).status, 1);
+  Result d = hivekit({"dump", h});
+  EXPECT_EQ(d.status, 0) << d.err;
+  EXPECT_EQ(countLines(d.out, "K\t"), 2u) << d.out;  // root and A
+
+  // Another reader agrees with what we wrote.
+  if (system("/usr/bin/python3 -c 'import hivex' 2>/dev/null") == 0) {
+    fs::path tool = fs::path(HIVEKIT_SOURCE_DIR) / ".." / "shared" / "tools" / "hive-listing";
+    if (fs::exists(tool)) {
+      Result peer = exec("/usr/bin/python3", {tool.string(), h});
+      EXPECT_EQ(peer.status, 0) << peer.err;
+      EXPECT_EQ(peer.out, d.out);
+    }
+  }
+}
+
+TEST_F(CliTest, ExportHeadingsAndImportRoundTrip) {
+  std::string h = path("src.hiv").string();
+  ASSERT_EQ(hivekit({"new", h, "--minor", "3"}).status, 0);
+  ASSERT_EQ(hivekit({"mkkey", h, "Top\\Sub"}).status, 0);
+  ASSERT_EQ(hivekit({"set", h, "Top\\Sub", "v", "dword", "1"}).status, 0);
+  ASSERT_EQ(hivekit({"set", h, "Top", "bin", "binary", std::string(60, 'a')}).status, 0);
+
+  auto utf16 = [](const std::string& ascii) {
+    std::string s;
+    for (char c : ascii) s += std::string{c, '\0'};
+    return s;
+  };
+  const std::string bom = "\xFF\xFE";
+  Result r = hivekit({"export", h, "Top"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out.rfind(bom + utf16("Windows Registry Editor Version 5.00\r\n\r\n[ROOT\\Top]\r\n"), 0), 0u);
+  EXPECT_NE(r.out.find(utf16("[ROOT\\Top\\Sub]\r\n\"v\"=dword:00000001\r\n")), std::string::npos);
+  r = hivekit({"export", h, "Top\\Sub", "--as", "HKEY_LOCAL_MACHINE\\SOFTWARE\\X"});
+  EXPECT_NE(r.out.find(utf16("\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\X]\r\n")), std::string::npos);
+  r = hivekit({"export", h, "--as", "HKLM\\S", "--append", "--binary-only"});
+  EXPECT_EQ(r.out.rfind(utf16("[HKLM\\S]\r\n\r\n[HKLM\\S\\Top]\r\n\"bin\"=hex(3):aa,aa,"), 0), 0u);
+  EXPECT_NE(r.out.find(utf16("\"v\"=hex(4):01,00,00,00")), std::string::npos);
+
+  std::string before = readFile(h);
+  EXPECT_EQ(hivekit({"export", h, "-o", h}).status, 1);  // would empty the hive it reads
+  EXPECT_EQ(readFile(h), before);
+
+  // Export, import into a new hive, export again: the same text.
+  std::string reg = path("a.reg").string(), again = path("b.reg").string(), copy = path("copy.hiv").string();
+  ASSERT_EQ(hivekit({"export", h, "-o", reg}).status, 0);
+  ASSERT_EQ(hivekit({"new", copy}).status, 0);
+  r = hivekit({"import", copy, reg});
+  ASSERT_EQ(r.status, 0) << r.err;
+  ASSERT_EQ(hivekit({"export", copy, "-o", again}).status, 0);
+  EXPECT_EQ(readFile(reg), readFile(again));
+  // An --as export imports with the matching --prefix.
+  ASSERT_EQ(hivekit({"export", h, "Top", "--as", "HKLM\\Soft", "-o", reg}).status, 0);
+  EXPECT_EQ(hivekit({"import", copy, reg}).status, 1);  // outside ROOT
+  r = hivekit({"import", copy, reg, "--prefix", "HKLM\\Soft"});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(hivekit({"get", copy, "Sub", "v"}).out, "1 (0x1)\n");
+  // UTF-8 text from standard input, LF line ends.
+  r = hivekit({"import", copy, "-"}, "Windows Registry Editor Version 5.00\n\n[ROOT\\New]\n\"t\"=\"x\"\n");
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(hivekit({"get", copy, "New", "t"}).out, "x\n");
+  r = hivekit({"import", copy, "-"},
+              "Windows Registry Editor Version 5.00\n\n[ROOT\\Bad]\n\"t\"=dword:xyz\n");
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("hivekit: import"), std::string::npos) << r.err;
+}
+
+}  // namespace

@@ -1,0 +1,286 @@
+// The hbin table and the record cache: the lazy hbin scan and its
+// refusals, the free-space fields, record validation, cache growth and
+// emptying, the record-start index staying exact under writes, and unsafe
+// mode.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "hive/errors.h"
+#include "hive/registry_hive.h"
+#include "platform/error.h"
+#include "platform/memory_stripe.h"
+#include "tests/support/hive_builder.h"
+
+namespace Libraries::Files::Hive {
+namespace {
+
+using hivekit::test::HiveBuilder;
+
+Ref<RegistryHiveObj> openBytes(std::vector<u8> image, u32 mode, Ref<MemoryStripe>* stripe = nullptr) {
+  Ref<MemoryStripe> s = MemoryStripe::create(std::move(image));
+  if (stripe) *stripe = s;
+  return HiveFile::open(s, mode, latin1, nullptr).cast<RegistryHiveObj>();
+}
+
+// Looks a record up and tells whether the log holds `message`.
+bool loadFailsWith(RegistryHiveObj& hive, u32 offset, const std::string& message) {
+  Log::Capture capture(1);
+  const bool failed = hive.cacheLoadRecord(offset) == nullptr;
+  EXPECT_TRUE(capture.contains(message)) << "offset " << offset << " expected: " << message;
+  return failed;
+}
+
+// A hive whose second hbin (at 4096) holds one used record; `damage` may
+// patch its header (file offset 8192).
+std::vector<u8> twoHbins(u32* record, const std::function<void(HiveBuilder&)>& damage = {}) {
+  HiveBuilder b;
+  b.root();
+  b.newHbin();
+  *record = b.cell(16);
+  if (damage) damage(b);
+  return b.build();
+}
+
+TEST(HbinScan, DamagedHeaderStopsTheScan) {
+  struct Case {
+    std::function<void(HiveBuilder&)> damage;
+    const char* message;
+  };
+  const std::vector<Case> cases = {
+      {[](HiveBuilder& b) { b.patch(8192, {'h', 'b', 'i', 'x'}); }, "Unexpected hbin signature: "},
+      {[](HiveBuilder& b) { b.patch32(8192 + 4, 0); }, "Wrong offset for hbin, offset = 0 does not match file offset 4096"},
+      {[](HiveBuilder& b) { b.patch32(8192 + 8, 100); }, "Invalid size for hbin: 100"},
+      {[](HiveBuilder& b) { b.patch32(8192 + 8, 0); }, "Invalid size for hbin: 0"},
+      {[](HiveBuilder& b) { b.patch32(8192 + 8, 8192); }, "Hbin exeeds total length"},
+  };
+  for (const Case& c : cases) {
+    for (u32 mode : {0u, 1u}) {
+      u32 record;
+      Ref<RegistryHiveObj> hive = openBytes(twoHbins(&record, c.damage), mode);
+      ASSERT_TRUE(hive) << c.message;
+      EXPECT_TRUE(loadFailsWith(*hive, record, c.message));
+      EXPECT_EQ(hive->hbinCount(), 1u) << "a refused hbin is not added";
+      EXPECT_NE(hive->cacheLoadRecord(hive->rootOffset()), nullptr) << "the hbins before it stay readable";
+    }
+  }
+}
+
+TEST(HbinScan, WritableHivesLearnTheLargestFreeRecord) {
+  HiveBuilder b;
+  b.root();
+  b.newHbin();
+  const u32 small = b.cell(48);
+  const u32 used = b.cell(8);
+  const u32 first = b.cell(96);
+  b.cell(8);
+  const u32 second = b.cell(96);
+  b.cell(4096 - 32 - (48 + 8 + 96 + 8 + 96));  // fill the hbin: no trailing free record
+  for (u32 r : {small, first, second}) b.freeCell(r);
+  const std::vector<u8> image = b.build();
+
+  Ref<RegistryHiveObj> writable = openBytes(image, 0);
+  ASSERT_NE(writable->cacheLoadRecord(used), nullptr);
+  ASSERT_EQ(writable->hbinCount(), 2u);
+  EXPECT_EQ(writable->hbins()[1].freeSize, 96u);
+  EXPECT_EQ(writable->hbins()[1].freeOffset, first) << "of equal free records the first wins";
+
+  Ref<RegistryHiveObj> readOnly = openBytes(image, 1);
+  ASSERT_NE(readOnly->cacheLoadRecord(used), nullptr);
+  EXPECT_EQ(readOnly->hbins()[1].freeSize, 0u);
+  EXPECT_EQ(readOnly->hbins()[1].freeOffset, 0u);
+}
+
+TEST(RecordValidity, OffsetsThatAreNoUsedRecordStartFail) {
+  HiveBuilder b;
+  b.root();
+  b.newHbin();
+  const u32 big = b.cell(64);
+  const u32 freed = b.cell(16);
+  const u32 a = b.cell(16);
+  const u32 zero = b.cell(16);
+  const u32 after = b.cell(16);
+  b.freeCell(freed);
+  b.patch32(4096 + zero, 0);
+  const u32 hbin = 4096;
+  Ref<RegistryHiveObj> hive = openBytes(b.build(), 1);
+  ASSERT_TRUE(hive);
+
+  EXPECT_NE(hive->cacheLoadRecord(hbin + 32), nullptr) << "the first record of an hbin";
+  EXPECT_EQ(hive->cacheLoadRecord(big)->length(), 64u);
+  EXPECT_NE(hive->cacheLoadRecord(a), nullptr);
+  EXPECT_TRUE(loadFailsWith(*hive, hbin + 8, "Record intersects with HBIN header, record ofs: 4104"));
+  EXPECT_TRUE(loadFailsWith(*hive, hbin, "Record intersects with HBIN header, record ofs: 4096"));
+  EXPECT_TRUE(loadFailsWith(*hive, big + 8, "Record is not valid: " + std::to_string(big + 8)));
+  EXPECT_TRUE(loadFailsWith(*hive, freed, "Attempt to access an unused record, record=" + std::to_string(freed)));
+  EXPECT_TRUE(loadFailsWith(*hive, zero, "Attempt to access an unused record, record="));
+  EXPECT_TRUE(loadFailsWith(*hive, after, "Record with 0 size -> HBIN is invalid, hbin: 4096"));
+  EXPECT_TRUE(loadFailsWith(*hive, 0x7ffff000, "No hbin holds record: "));
+
+  Log::Capture capture(4);
+  Error::set(0);
+  EXPECT_EQ(hive->cacheLoadRecord(a + 4), nullptr);
+  EXPECT_EQ(Error::get(), Errors::MISALIGNED_RECORD);
+  EXPECT_TRUE(capture.contains("Attempt to access record with invalid alignment, offset: " + std::to_string(a + 4)));
+}
+
+TEST(RecordValidity, RecordRunningPastItsHbinIsRefused) {
+  HiveBuilder b;
+  b.root();
+  b.newHbin();
+  const u32 last = b.cell(4096 - 32);
+  b.patch32(4096 + last, static_cast<u32>(-8192));
+  Ref<RegistryHiveObj> hive = openBytes(b.build(), 1);
+  ASSERT_TRUE(hive);
+  EXPECT_TRUE(loadFailsWith(*hive, last, "Length of record exceeds hbin"));
+}
+
+TEST(RecordCache, HbinLargerThanTheCacheGrowsIt) {
+  HiveBuilder b;
+  b.root();
+  b.newHbin(2u << 20);
+  const u32 record = b.cell(40);
+  b.at(record)[4] = 'x';
+  Ref<RegistryHiveObj> hive = openBytes(b.build(), 0);
+  ASSERT_TRUE(hive);
+  EXPECT_EQ(hive->cacheSize(), 1u << 20);
+  const hive_record* r = hive->cacheLoadRecord(record);
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(r->bytes()[4], 'x');
+  EXPECT_EQ(hive->cacheSize(), 4u << 20);
+  EXPECT_EQ(hive->cacheUsed(), 2u << 20) << "the cache was emptied before the big hbin was loaded";
+  EXPECT_NE(hive->cacheLoadRecord(hive->rootOffset()), nullptr);
+}
+
+TEST(RecordCache, FullCacheIsFlushedAndEmptied) {
+  HiveBuilder b;
+  b.root();
+  std::vector<u32> records;
+  for (int i = 0; i < 300; ++i) {
+    b.newHbin();
+    records.push_back(b.cell(16));
+  }
+  Ref<MemoryStripe> stripe;
+  Ref<RegistryHiveObj> hive = openBytes(b.build(), 0, &stripe);
+  ASSERT_TRUE(hive);
+  const u8 mark[4] = {'d', 'i', 'r', 't'};
+  ASSERT_TRUE(hive->writeRecord(records[0], mark, 4, 4));
+  EXPECT_NE(stripe->bytes()[4096 + records[0] + 4], 'd') << "not yet flushed";
+  u32 highest = 0;
+  for (u32 r : records) {
+    ASSERT_NE(hive->cacheLoadRecord(r), nullptr) << r;
+    highest = std::max(highest, hive->cacheUsed());
+  }
+  EXPECT_EQ(highest, 1u << 20);
+  EXPECT_LT(hive->cacheUsed(), 300u * 4096) << "the cache was emptied on the way";
+  EXPECT_EQ(hive->cacheSize(), 1u << 20) << "emptying does not grow the cache";
+  EXPECT_EQ(stripe->bytes()[4096 + records[0] + 4], 'd') << "the dirty hbin was written before the cache emptied";
+  // And the change is what a reload of that hbin shows.
+  EXPECT_EQ(hive->cacheLoadRecord(records[0])->bytes()[4], 'd');
+}
+
+// Reference: the records of an hbin as a walk of the stored bytes finds them.
+std::vector<bool> usedStarts(const std::vector<u8>& file, u32 hbin, u32 size) {
+  std::vector<bool> used(size / 8, false);
+  for (u32 pos = 32; pos + 4 <= size;) {
+    const s32 s = LS32(file.data() + 4096 + hbin + pos);
+    if (s == 0) break;
+    if (s < 0) used[pos / 8] = true;
+    pos += s < 0 ? static_cast<u32>(-s) : static_cast<u32>(s);
+  }
+  return used;
+}
+
+// The record-start index must answer exactly as a fresh walk would after
+// allocation, resizing, freeing, and size fields written directly.
+TEST(RecordCache, RecordStartIndexFollowsEveryBoundaryChange) {
+  HiveBuilder b;
+  b.root();
+  Ref<MemoryStripe> stripe;
+  Ref<RegistryHiveObj> hive = openBytes(b.build(), 0, &stripe);
+  ASSERT_TRUE(hive);
+  std::mt19937 rng(7);
+  std::vector<u32> live;
+  // Payloads of all ones look like used size fields wherever a stale index
+  // would still claim a record start.
+  const std::vector<u8> ones(8192, 0xff);
+  const auto fill = [&](u32 r) { return hive->writeRecord(r, ones.data(), 4, hive->cacheLoadRecord(r)->length() - 4); };
+  for (int step = 0; step < 150; ++step) {
+    const u32 op = rng() % 5;
+    if (op <= 1 || live.empty()) {
+      const u32 r = hive->allocateRecord(1 + rng() % 1000);
+      ASSERT_NE(r, INVALID_RECORD);
+      ASSERT_TRUE(fill(r));
+      live.push_back(r);
+    } else if (op == 2) {
+      const size_t i = rng() % live.size();
+      const u32 r = hive->resizeRecord(live[i], 1 + rng() % 5000, true);
+      ASSERT_NE(r, INVALID_RECORD);
+      ASSERT_TRUE(fill(r));
+      live[i] = r;
+    } else if (op == 3) {
+      const size_t i = rng() % live.size();
+      ASSERT_TRUE(hive->freeRecord(live[i]));
+      live.erase(live.begin() + i);
+    } else {
+      // A caller freeing a record by writing its size field itself.
+      const size_t i = rng() % live.size();
+      u32 hbin = hive->hbinFromOffset(live[i]);
+      const hive_record* rec = hive->cacheLoadRecord(live[i]);
+      ASSERT_NE(rec, nullptr);
+      u8 field[4];
+      W32(field, rec->length());
+      ASSERT_TRUE(hive->writeHBIN(hbin, live[i] - hive->hbins()[hbin].offset, field, 4));
+      live.erase(live.begin() + i);
+    }
+    ASSERT_TRUE(hive->flush());
+    const std::vector<u8>& file = stripe->bytes();
+    for (u32 h = 0; h < hive->hbinCount(); ++h) {
+      const auto& entry = hive->hbins()[h];
+      const std::vector<bool> used = usedStarts(file, entry.offset, entry.size);
+      for (u32 pos = 32; pos < entry.size; pos += 8)
+        ASSERT_EQ(hive->cacheLoadRecord(entry.offset + pos) != nullptr, used[pos / 8])
+            << "step " << step << " offset " << entry.offset + pos;
+    }
+  }
+  EXPECT_GT(hive->hbinCount(), 3u);
+}
+
+TEST(UnsafeMode, ServesRecordsFromTheWholeFileCopy) {
+  HiveBuilder b;
+  b.root();
+  b.newHbin();
+  const u32 beyond = b.cell(24);
+  b.at(beyond)[4] = 'q';
+  const u32 freed = b.cell(16);
+  b.freeCell(freed);
+  b.patch(8192, {'j', 'u', 'n', 'k'});  // the hbin scan stops here
+  const std::vector<u8> image = b.build();
+
+  Ref<RegistryHiveObj> safe = openBytes(image, 1);
+  ASSERT_TRUE(safe);
+  EXPECT_EQ(safe->cacheLoadRecord(beyond), nullptr);
+
+  Ref<RegistryHiveObj> hive = openBytes(image, 0x5);
+  ASSERT_TRUE(hive);
+  EXPECT_EQ(hive->cacheSize(), 4096u);
+  const hive_record* r = hive->cacheLoadRecord(beyond);
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(r->bytes()[4], 'q');
+  EXPECT_TRUE(loadFailsWith(*hive, freed, "Attempt to access an unused record in unsafe mode, record="));
+  EXPECT_TRUE(loadFailsWith(*hive, 0x100000, "Failed to get record in unsafe mode, record="));
+
+  Log::Capture capture(4);
+  u32 hbin;
+  EXPECT_EQ(hive->cacheLoadRecord(beyond, &hbin, false), nullptr);
+  EXPECT_TRUE(capture.contains("Call of internal cacheLoadRecord in unsafe mode"));
+  EXPECT_EQ(hive->hbinFromOffset(beyond), RegistryHiveObj::INVALID_HBIN);
+  EXPECT_TRUE(capture.contains("Call of hbinFromOffset in unsafe mode"));
+  EXPECT_TRUE(hive->flush());
+}
+
+}  // namespace
+}  // namespace Libraries::Files::Hive

@@ -1,0 +1,297 @@
+// Loading subkey lists of every kind, lookups by name, and lists damaged in
+// the ways a hostile or broken hive can damage them.
+#include <algorithm>
+
+#include "platform/log.h"
+#include "tests/key/key_test_util.h"
+
+namespace hivekit::test {
+namespace {
+
+namespace Error = Platform::Error;
+using Platform::W16;
+using Platform::W32;
+constexpr u16 LF = hive_record_list::SIGNATURE_LF;
+constexpr u16 LH = hive_record_list::SIGNATURE_LH;
+constexpr u16 LI = hive_record_list::SIGNATURE_LI;
+constexpr u16 RI = hive_record_list::SIGNATURE_RI;
+
+// A root with the four subkeys below (in sorted order), laid out; tests
+// then point the root at lists of their own making.
+struct FourKeys {
+  explicit FourKeys(u32 minor = 5) : b(minor) {
+    root = b.root();
+    for (const char16_t* n : {u"alpha", u"Beta", u"delta", u"GAMMA"}) keys.push_back(b.key(root, n));
+    b.layout();
+  }
+  void setList(u32 list, u32 numKeys) {
+    W32(b.at(root) + hive_record_nk::OFS_KEY_LIST, list);
+    W32(b.at(root) + hive_record_nk::OFS_NUM_KEYS, numKeys);
+  }
+  std::vector<u32> hashes(u32 first, u32 count, bool lf) const {
+    static const std::u16string names[] = {u"alpha", u"Beta", u"delta", u"GAMMA"};
+    std::vector<u32> h;
+    for (u32 i = first; i < first + count; ++i)
+      h.push_back(lf ? HiveBuilder::lfHint(names[i]) : HiveBuilder::lhHash(names[i], true));
+    return h;
+  }
+  std::vector<u32> slice(u32 first, u32 count) const {
+    return std::vector<u32>(keys.begin() + first, keys.begin() + first + count);
+  }
+  Ref<RegistryHiveObj> open(u32 mode = Hive::modeReadOnly) { return openImage(b.build(), mode); }
+
+  HiveBuilder b;
+  u32 root = 0;
+  std::vector<u32> keys;
+};
+
+const std::vector<std::string> kSorted = {"alpha", "Beta", "delta", "GAMMA"};
+
+void expectFourKeys(const Ref<RegistryHiveObj>& hive) {
+  ASSERT_TRUE(hive);
+  Ref<Hive::Key> root = hive->root();
+  EXPECT_EQ(subkeyNames(root), kSorted);
+  for (const char* n : {"ALPHA", "beta", "Delta", "gamma"}) EXPECT_TRUE(root->key(str(n))) << n;
+  EXPECT_FALSE(root->key(str("epsilon")));
+  EXPECT_EQ(Error::get(), Errors::KEY_NOT_FOUND);
+  EXPECT_FALSE(root->key(str("")));
+  EXPECT_FALSE(root->key(str("zzz")));
+}
+
+TEST(KeyListRead, EveryKindOfListLoads) {
+  {
+    FourKeys f;
+    f.setList(f.b.writeList(LF, f.keys, f.hashes(0, 4, true)), 4);
+    expectFourKeys(f.open());
+  }
+  {
+    FourKeys f;
+    f.setList(f.b.writeList(LH, f.keys, f.hashes(0, 4, false)), 4);
+    expectFourKeys(f.open());
+  }
+  {
+    FourKeys f;
+    f.setList(f.b.writeList(LI, f.keys), 4);
+    expectFourKeys(f.open());
+  }
+  {
+    FourKeys f;
+    const u32 a = f.b.writeList(LI, f.slice(0, 1));
+    const u32 b = f.b.writeList(LI, f.slice(1, 3));
+    f.setList(f.b.writeList(RI, {a, b}), 4);
+    expectFourKeys(f.open());
+  }
+  {  // lh and li sublists mixed under one ri
+    FourKeys f;
+    const u32 a = f.b.writeList(LH, f.slice(0, 2), f.hashes(0, 2, false));
+    const u32 b = f.b.writeList(LI, f.slice(2, 2));
+    f.setList(f.b.writeList(RI, {a, b}), 4);
+    expectFourKeys(f.open());
+  }
+}
+
+TEST(KeyListRead, MixedRiTakesNewEntriesAndHashesLiEntries) {
+  FourKeys f;
+  const u32 a = f.b.writeList(LI, f.slice(0, 2));
+  const u32 b = f.b.writeList(LH, f.slice(2, 2), f.hashes(2, 2, false));
+  f.setList(f.b.writeList(RI, {a, b}), 4);
+  Ref<RegistryHiveObj> hive = f.open(0);
+  ASSERT_TRUE(hive);
+  Ref<KeyObj> root = hive->rootObj();
+  ASSERT_TRUE(root->createKey(str("Aardvark")));  // goes into the li sublist
+  EXPECT_EQ(subkeyNames(root), (std::vector<std::string>{"Aardvark", "alpha", "Beta", "delta", "GAMMA"}));
+  // The rewritten sublist takes the lh form of a 1.5 hive, hashes and all.
+  const u32 list = hive->cacheLoadRecord(root->offset())->u32At(hive_record_nk::OFS_KEY_LIST);
+  const hive_record* ri = hive->cacheLoadRecord(list);
+  ASSERT_TRUE(ri);
+  EXPECT_EQ(ri->signature(), RI);
+  const u32 first = ri->u32At(hive_record_list::OFS_ITEMS);
+  const hive_record* sub = hive->cacheLoadRecord(first);
+  ASSERT_TRUE(sub);
+  EXPECT_EQ(sub->signature(), LH);
+  EXPECT_EQ(sub->u16At(hive_record_list::OFS_COUNT), 3u);
+  EXPECT_EQ(sub->u32At(hive_record_list::OFS_ITEMS + 12), HiveBuilder::lhHash(u"alpha", true));
+}
+
+struct Damage {
+  const char* what;
+  const char* message;
+};
+
+TEST(KeyListRead, DamagedListsAreRefusedWithoutHarm) {
+  auto check = [](FourKeys& f, const Damage& d) {
+    SCOPED_TRACE(d.what);
+    Ref<RegistryHiveObj> hive = f.open();
+    ASSERT_TRUE(hive);
+    Ref<Hive::Key> root = hive->root();
+    Platform::Log::Capture log;
+    Error::set(0);
+    EXPECT_FALSE(root->key(str("alpha")));
+    EXPECT_EQ(Error::get(), Errors::BAD_KEY_LIST);
+    EXPECT_TRUE(log.contains(d.message)) << (log.messages().empty() ? "" : log.messages().back().text);
+    EXPECT_FALSE(root->keyIterator()->next());
+    // A later call tries again and fails the same way.
+    log.clear();
+    EXPECT_FALSE(root->key(str("beta")));
+    EXPECT_TRUE(log.contains(d.message));
+  };
+  {
+    FourKeys f;
+    f.setList(f.b.writeList(LH, f.slice(0, 2), f.hashes(0, 2, false), 40), 40);
+    check(f, {"count beyond the record", "Size of items of lh list exceeds size of record"});
+  }
+  {
+    FourKeys f;
+    f.setList(f.b.writeList(LF, f.keys, f.hashes(0, 4, true)), 3);
+    check(f, {"more entries than subkeys", "More items in lf list than expected"});
+  }
+  {
+    FourKeys f;
+    f.setList(f.b.writeList(LI, f.slice(0, 3)), 4);
+    check(f, {"fewer entries than subkeys", "Failed to load li (top level) key list: "});
+  }
+  {
+    FourKeys f;
+    f.setList(f.b.writeList(LH, f.slice(0, 3), f.hashes(0, 3, false)), 70000);
+    check(f, {"a count no single list can hold", "Failed to load lh key list, list:"});
+  }
+  {
+    FourKeys f;
+    f.setList(f.keys[1], 4);  // an nk record where the list should be
+    check(f, {"not a list", "Invalid list type for key list: "});
+  }
+  {
+    FourKeys f;
+    const u32 lf = f.b.writeList(LF, f.keys, f.hashes(0, 4, true));
+    f.setList(f.b.writeList(RI, {lf}), 4);
+    check(f, {"ri over lf", "Invalid list type for key sub list: "});
+  }
+  {
+    FourKeys f;
+    const u32 li = f.b.writeList(LI, f.keys);
+    const u32 inner = f.b.writeList(RI, {li});
+    f.setList(f.b.writeList(RI, {inner}), 4);
+    check(f, {"ri over ri", "Invalid list type for key sub list: "});
+  }
+  {
+    FourKeys f;
+    const u32 a = f.b.writeList(LI, f.slice(0, 2));
+    const u32 b = f.b.writeList(LI, f.slice(2, 1));
+    f.setList(f.b.writeList(RI, {a, b}), 4);
+    check(f, {"sublists short of the count", "Wrong number of items in sublists of ri list"});
+  }
+  {
+    FourKeys f;
+    const u32 a = f.b.writeList(LI, f.keys);
+    f.setList(f.b.writeList(RI, {a}, {}, 50), 4);
+    check(f, {"ri count beyond the record", "Size of items of ri list exceeds size of record"});
+  }
+  {
+    // An absurd key count: refused before anything of that size is allocated.
+    FourKeys f;
+    const u32 li = f.b.writeList(LI, f.keys);
+    f.setList(f.b.writeList(RI, {li}), 0xfffffff0u);
+    check(f, {"a key count no hive can hold", "Wrong number of items in sublists of ri list"});
+  }
+  {
+    FourKeys f;
+    const u32 a = f.b.writeList(LI, f.slice(0, 2));
+    f.setList(f.b.writeList(RI, {a, a}), 4);
+    check(f, {"ri naming one sublist twice", "Failed to load sub list of ri list: "});
+  }
+}
+
+TEST(KeyListRead, EmptyListLoadsOnlyWithoutSubkeys) {
+  {
+    FourKeys f;
+    f.setList(f.b.writeList(LH, {}), 0);
+    Ref<RegistryHiveObj> hive = f.open(0);
+    ASSERT_TRUE(hive);
+    Ref<KeyObj> root = hive->rootObj();
+    EXPECT_TRUE(subkeyNames(root).empty());
+    EXPECT_FALSE(root->key(str("alpha")));
+    EXPECT_EQ(Error::get(), Errors::KEY_NOT_FOUND);
+    ASSERT_TRUE(root->createKey(str("new")));
+    EXPECT_EQ(subkeyNames(root), (std::vector<std::string>{"new"}));
+    const ListShape shape = listShape(*hive, root->offset());
+    EXPECT_EQ(shape.top, LH);
+    EXPECT_EQ(shape.lists.size(), 1u);
+  }
+  {
+    FourKeys f;
+    f.setList(f.b.writeList(LH, {}), 2);
+    Ref<RegistryHiveObj> hive = f.open();
+    ASSERT_TRUE(hive);
+    EXPECT_FALSE(hive->root()->key(str("alpha")));
+    EXPECT_EQ(Error::get(), Errors::BAD_KEY_LIST);
+  }
+}
+
+TEST(KeyListRead, ListsNamingTheKeyItselfOrGarbageDoNotHang) {
+  FourKeys f;
+  // alpha's own list names alpha itself; the root's list holds a record
+  // that is not a key at its last position.
+  const u32 self = f.b.writeList(LI, {f.keys[0]});
+  W32(f.b.at(f.keys[0]) + hive_record_nk::OFS_KEY_LIST, self);
+  W32(f.b.at(f.keys[0]) + hive_record_nk::OFS_NUM_KEYS, 1);
+  const u32 junk = f.b.writeList(LI, {});
+  f.setList(f.b.writeList(LI, {f.keys[0], f.keys[1], f.keys[2], junk}), 4);
+  Ref<RegistryHiveObj> hive = f.open();
+  ASSERT_TRUE(hive);
+  Ref<KeyObj> root = hive->rootObj();
+
+  Ref<Hive::Key> alpha = root->key(str("alpha"));
+  ASSERT_TRUE(alpha);
+  Ref<Hive::Key> again = alpha->key(str("ALPHA"));
+  ASSERT_TRUE(again);
+  EXPECT_TRUE(again->key(str("alpha")));
+  EXPECT_FALSE(alpha->key(str("beta")));
+
+  Platform::Log::Capture log;
+  EXPECT_TRUE(root->key(str("delta")));
+  EXPECT_FALSE(root->key(str("zzz")));  // the probe at position 3 fails
+  EXPECT_TRUE(log.contains("New created KeyObj not valid"));
+  EXPECT_TRUE(log.contains("Failed to open sub key for binary search. key: "));
+  Ref<Hive::KeyIterator> it = root->keyIterator();
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(it->next());
+  EXPECT_FALSE(it->next());  // position 3 cannot be opened
+  EXPECT_FALSE(it->next());  // and the walk is over
+}
+
+TEST(KeyListRead, LinearFallbackWhenAProbedNameIsEmpty) {
+  FourKeys f;
+  W16(f.b.at(f.keys[1]) + hive_record_nk::OFS_NAME_LENGTH, 0);  // "Beta" loses its name
+  f.setList(f.b.writeList(LI, f.keys), 4);
+  Ref<RegistryHiveObj> hive = f.open(Hive::modeReadOnly | Hive::modeLinearFallback);
+  ASSERT_TRUE(hive);
+  Platform::Log::Capture log;
+  EXPECT_TRUE(hive->root()->key(str("alpha")));
+  EXPECT_TRUE(log.contains("Can't get name of other key for binary search, using linear fallback"));
+  EXPECT_TRUE(hive->root()->key(str("gamma")));
+}
+
+TEST(KeyListRead, MakeHash) {
+  Ref<RegistryHiveObj> hive = newHive(5);
+  ASSERT_TRUE(hive);
+  Ref<KeyObj> root = hive->rootObj();
+  u32 hash = 0;
+  ASSERT_TRUE(root->makeHash(Hive::keyListLF, str("ab"), true, false, hash));
+  EXPECT_EQ(hash, 0x00006261u);  // zero padded
+  ASSERT_TRUE(root->makeHash(Hive::keyListLF, str("Software"), true, false, hash));
+  EXPECT_EQ(hash, HiveBuilder::lfHint(u"Software"));
+  ASSERT_TRUE(root->makeHash(Hive::keyListLH, str("Software"), false, false, hash));
+  EXPECT_EQ(hash, HiveBuilder::lhHash(u"Software", false));
+  // A character outside the codepage: refused unless allowed (then 0).
+  const Ref<String> wide = String::fromUtf16(u"a\u4e2d", 2);
+  EXPECT_FALSE(root->makeHash(Hive::keyListLH, wide, true, false, hash));
+  ASSERT_TRUE(root->makeHash(Hive::keyListLH, wide, true, true, hash));
+  EXPECT_EQ(hash, u32{'A'} * 37);
+  ASSERT_TRUE(root->makeHash(Hive::keyListLH, wide, false, false, hash));
+  EXPECT_EQ(hash, u32{'A'} * 37 + 0x4e2d);
+  Platform::Log::Capture log;
+  EXPECT_FALSE(root->makeHash(Hive::keyListLI, str("x"), false, false, hash));
+  EXPECT_TRUE(log.contains("Can't calculate hash for hash type: 0"));
+}
+
+}  // namespace
+}  // namespace hivekit::test

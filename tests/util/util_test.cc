@@ -1,0 +1,132 @@
+// Path utilities: both path spellings, opening and creating by path (with
+// the cleanup of a half-made path), and recursive deletion, which must
+// refuse a key tree whose lists lead back up.
+#include "hive/util/util.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "hive/errors.h"
+#include "hive/hive_file.h"
+#include "hive/registry_hive.h"
+#include "platform/error.h"
+#include "platform/memory_stripe.h"
+#include "tests/support/hive_builder.h"
+
+namespace hivekit::test {
+namespace {
+
+namespace Hive = Libraries::Files::Hive;
+namespace Errors = Hive::Errors;
+using Hive::Util;
+using Interfaces::Config::Hive::Key;
+using Platform::Ref;
+using Platform::String;
+
+Ref<String> str(const char* s) {
+  return String::create(s);
+}
+std::string toWin(const char* s) {
+  return Util::regPathToWindowsStyle(str(s))->toUtf8();
+}
+std::string fromWin(const char* s) {
+  return Util::regPathFromWindowsStyle(str(s))->toUtf8();
+}
+
+Ref<Hive::HiveFile> newHive() {
+  return Hive::HiveFile::create(Platform::MemoryStripe::create(), 5, Hive::latin1, {});
+}
+
+u32 subkeyCount(const Ref<Key>& key) {
+  return key->keyIterator()->count();
+}
+
+TEST(UtilPaths, ConvertBetweenSlashAndBackslashForms) {
+  EXPECT_EQ(toWin("//a//b/"), "a\\b");
+  EXPECT_EQ(toWin("a\\/b/c"), "a/b\\c");
+  EXPECT_EQ(toWin("a\\"), "a");       // a trailing lone backslash vanishes
+  EXPECT_EQ(toWin("a\\\\b"), "ab");   // so does an escaped backslash
+  EXPECT_EQ(toWin("\\x/y"), "x\\y");  // an escaped ordinary character
+  EXPECT_EQ(toWin(""), "");
+  EXPECT_EQ(fromWin("\\a\\\\b/c\\"), "a/b\\/c");
+  EXPECT_EQ(fromWin(""), "");
+  EXPECT_EQ(Util::regPathToWindowsStyle(nullptr)->length(), 0u);
+  // Names with slashes survive the way there and back.
+  EXPECT_EQ(toWin(fromWin("x/y\\z").c_str()), "x/y\\z");
+}
+
+TEST(UtilPaths, OpenPathChecksItsArguments) {
+  Ref<Hive::HiveFile> hive = newHive();
+  ASSERT_TRUE(hive);
+  Ref<Key> root = hive->root();
+  ASSERT_TRUE(root->createKey(str("A")));
+  ASSERT_TRUE(Util::openOrCreatePath(root, str("A/B/C")));
+
+  EXPECT_EQ(Util::openPath(root, str("/")).get(), root.get());
+  EXPECT_EQ(Util::openPath(root, str("//a/b/c/"))->name()->toUtf8(), "C");
+
+  EXPECT_FALSE(Util::openPath(root, str("")));
+  EXPECT_EQ(Platform::Error::get(), Errors::INVALID_ARGUMENT);
+  EXPECT_FALSE(Util::openPath(nullptr, str("A")));
+  EXPECT_EQ(Platform::Error::get(), Errors::NULL_ARGUMENT);
+  EXPECT_FALSE(Util::openPath(root, str("A/X/C")));
+  EXPECT_EQ(Platform::Error::get(), Errors::KEY_NOT_FOUND);
+}
+
+TEST(UtilPaths, OpenOrCreatePathRemovesWhatItMadeWhenALevelFails) {
+  Ref<Hive::HiveFile> hive = newHive();
+  ASSERT_TRUE(hive);
+  Ref<Key> root = hive->root();
+  ASSERT_TRUE(root->createKey(str("keep")));
+  // A name of 300 characters cannot be stored: "y" fails after "x" was made.
+  const std::string path = "keep/x/" + std::string(300, 'y') + "/z";
+  EXPECT_FALSE(Util::openOrCreatePath(root, str(path.c_str())));
+  EXPECT_EQ(Platform::Error::get(), Errors::INVALID_FILE);
+  Ref<Key> keep = root->key(str("keep"));
+  ASSERT_TRUE(keep);
+  EXPECT_EQ(subkeyCount(keep), 0u);  // "x" is gone again, "keep" existed before
+  EXPECT_EQ(subkeyCount(root), 1u);
+}
+
+TEST(UtilDelete, RemovesAWholeTreeAndNothingBeside) {
+  Ref<Hive::HiveFile> hive = newHive();
+  ASSERT_TRUE(hive);
+  Ref<Key> root = hive->root();
+  Ref<Key> c = Util::openOrCreatePath(root, str("A/B/C"));
+  ASSERT_TRUE(c);
+  ASSERT_TRUE(Util::openOrCreatePath(root, str("A/B2")));
+  ASSERT_TRUE(Util::openOrCreatePath(root, str("Z")));
+  ASSERT_TRUE(c->createValue(str("v"), 4));
+  ASSERT_TRUE(Util::openPath(root, str("A"))->createValue(str("w"), 1));
+
+  EXPECT_TRUE(Util::recursiveKeyDelete(root, Util::openPath(root, str("A"))));
+  EXPECT_FALSE(Util::openPath(root, str("A")));
+  EXPECT_TRUE(Util::openPath(root, str("Z")));
+  EXPECT_EQ(subkeyCount(root), 1u);
+}
+
+TEST(UtilDelete, RefusesASubkeyListThatLeadsBackToAnAncestor) {
+  // ROOT -> A -> B, and B's subkey list names A again.
+  HiveBuilder b;
+  const u32 root = b.root();
+  const u32 a = b.key(root, u"A");
+  const u32 bk = b.key(a, u"B");
+  const u32 list = b.writeList(Hive::hive_record_list::SIGNATURE_LH, {a}, {HiveBuilder::lhHash(u"A", true)});
+  b.layout();
+  Platform::W32(b.at(bk) + Hive::hive_record_nk::OFS_NUM_KEYS, 1);
+  Platform::W32(b.at(bk) + Hive::hive_record_nk::OFS_KEY_LIST, list);
+  Ref<Hive::HiveFile> hive =
+      Hive::HiveFile::open(Platform::MemoryStripe::create(b.build()), 0, Hive::latin1, {});
+  ASSERT_TRUE(hive);
+
+  Platform::Log::Capture log;
+  Ref<Key> keyA = hive->root()->key(str("A"));
+  ASSERT_TRUE(keyA);
+  EXPECT_FALSE(Util::recursiveKeyDelete(hive->root(), keyA));
+  EXPECT_TRUE(log.contains("Cycle in key tree at: A\\B\\A"));
+  EXPECT_TRUE(Util::openPath(hive->root(), str("A/B")));
+}
+
+}  // namespace
+}  // namespace hivekit::test

@@ -1,0 +1,282 @@
+// Value data in its three storage forms: reading what real layouts hold,
+// moving between the forms as the size changes, and refusing damaged
+// records.
+#include <algorithm>
+
+#include "hive/errors.h"
+#include "platform/error.h"
+#include "tests/value/value_test_util.h"
+
+namespace hivekit::test {
+namespace {
+
+namespace Hive = Libraries::Files::Hive;
+using Hive::hive_record_db;
+using Hive::hive_record_vk;
+namespace Errors = Hive::Errors;
+namespace Error = Platform::Error;
+using Platform::W32;
+
+enum class Form { resident, single, db };
+
+// Checks the form the value's data is stored in, as the records show it.
+void expectForm(RegistryHiveObj& hive, ValueObj& v, Form form, u32 fragments = 0) {
+  const auto* vk = hive.cacheLoadRecord(v.offset());
+  ASSERT_NE(vk, nullptr);
+  const u32 sizeField = vk->u32At(hive_record_vk::OFS_DATA_SIZE);
+  EXPECT_EQ(sizeField & ~hive_record_vk::DATA_RESIDENT, v.size());
+  if (form == Form::resident) {
+    EXPECT_TRUE(v.resident());
+    EXPECT_NE(sizeField & hive_record_vk::DATA_RESIDENT, 0u);
+    return;
+  }
+  EXPECT_FALSE(v.resident());
+  EXPECT_EQ(sizeField & hive_record_vk::DATA_RESIDENT, 0u);
+  const auto* data = dataRecord(hive, v);
+  ASSERT_NE(data, nullptr);
+  if (form == Form::single) {
+    EXPECT_GE(data->length(), v.size() + 4);
+    EXPECT_LE(data->length(), Hive::roundRecordSize(v.size() + 4));
+  } else {
+    EXPECT_EQ(data->signature(), hive_record_db::SIGNATURE);
+    EXPECT_EQ(data->u16At(hive_record_db::OFS_COUNT), fragments);
+  }
+}
+
+TEST(ValueStorage, ResizingMovesDataBetweenFormsAndKeepsIt) {
+  Ref<MemoryStripe> stripe;
+  Ref<RegistryHiveObj> hive = newHive(5, &stripe);
+  ASSERT_TRUE(hive);
+  Ref<ValueObj> v = ValueObj::createValue(hive, nullptr, str("data"), 3);
+  ASSERT_TRUE(v && v->valid());
+  EXPECT_EQ(v->size(), 0u);
+
+  struct Step {
+    u32 size;
+    Form form;
+    u32 fragments;
+  };
+  const Step steps[] = {{4, Form::resident, 0}, {5, Form::single, 0},   {16344, Form::single, 0},
+                        {16345, Form::db, 2},   {32688, Form::db, 2},   {32689, Form::db, 3},
+                        {70000, Form::db, 5},   {20000, Form::db, 2},   {16344, Form::single, 0},
+                        {40000, Form::db, 3},   {9, Form::single, 0},   {3, Form::resident, 0},
+                        {50000, Form::db, 4},   {2, Form::resident, 0}, {0, Form::resident, 0}};
+  std::vector<u8> expect;
+  u32 seed = 1;
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.size);
+    const u32 kept = std::min<u32>(static_cast<u32>(expect.size()), step.size);
+    ASSERT_EQ(v->size(step.size), step.size);
+    std::vector<u8> now = readAll(*v);
+    ASSERT_EQ(now.size(), step.size);
+    EXPECT_TRUE(std::equal(expect.begin(), expect.begin() + kept, now.begin()));
+    expectForm(*hive, *v, step.form, step.fragments);
+
+    expect = pattern(step.size, seed++);
+    EXPECT_EQ(v->write(expect.data(), 0, step.size), step.size);
+    EXPECT_EQ(readAll(*v), expect);
+
+    // What reached the file reads the same from a fresh open.
+    Ref<RegistryHiveObj> again = reopen(hive, stripe);
+    ASSERT_TRUE(again);
+    auto fresh = makeRef<ValueObj>(again, v->offset(), nullptr);
+    ASSERT_TRUE(fresh->valid());
+    expectForm(*again, *fresh, step.form, step.fragments);
+    EXPECT_EQ(readAll(*fresh), expect);
+  }
+}
+
+TEST(ValueStorage, MinorVersion3KeepsLargeDataInOneRecord) {
+  Ref<MemoryStripe> stripe;
+  Ref<RegistryHiveObj> hive = newHive(3, &stripe);
+  ASSERT_TRUE(hive);
+  Ref<ValueObj> v = ValueObj::createValue(hive, nullptr, str("big"), 3);
+  ASSERT_TRUE(v);
+  const std::vector<u8> data = pattern(100000, 7);
+  ASSERT_EQ(v->size(100000), 100000u);
+  ASSERT_EQ(v->write(data.data(), 0, 100000), 100000u);
+  expectForm(*hive, *v, Form::single);
+
+  Error::set(0);
+  EXPECT_EQ(v->size(ValueObj::MAX_VALUE_DATA_SIZE + 1), 100000u);
+  EXPECT_EQ(Error::get(), Errors::INVALID_ARGUMENT);
+
+  Ref<RegistryHiveObj> again = reopen(hive, stripe);
+  auto fresh = makeRef<ValueObj>(again, v->offset(), nullptr);
+  EXPECT_EQ(readAll(*fresh), data);
+  ASSERT_EQ(fresh->size(16345), 16345u);
+  expectForm(*again, *fresh, Form::single);
+  EXPECT_TRUE(std::equal(data.begin(), data.begin() + 16345, readAll(*fresh).begin()));
+}
+
+TEST(ValueStorage, ReadsWhatTheLayoutsHold) {
+  HiveBuilder b(5);
+  const u32 root = b.root();
+  const std::vector<u8> small = pattern(5000, 1), big = pattern(40000, 2);
+  // The first data record lies in the first 16 KiB of hive data.
+  const u32 vSmall = b.value(root, u"small", 3, small);
+  const u32 vBig = b.value(root, u"big", 3, big);
+  const u32 vTiny = b.writeVk(
+      {.name = HiveBuilder::latin1(u"tiny"), .nameLength = {}, .dataSize = 0x80000003u, .data = 0x00332211u});
+  const u32 vEmpty = b.writeVk(
+      {.name = HiveBuilder::latin1(u"empty"), .nameLength = {}, .dataSize = 0, .data = 0x12345678u});
+  Ref<RegistryHiveObj> hive = openImage(b.build());
+  ASSERT_TRUE(hive);
+
+  auto s = makeRef<ValueObj>(hive, vSmall, nullptr);
+  ASSERT_LT(hive->cacheLoadRecord(vSmall)->u32At(hive_record_vk::OFS_DATA), 5000u);
+  EXPECT_EQ(readAll(*s), small);
+  EXPECT_EQ(s->name()->toUtf8(), "small");
+
+  // Pieces that start and end anywhere, fragment boundaries included.
+  auto g = makeRef<ValueObj>(hive, vBig, nullptr);
+  for (u32 piece : {1000u, 16344u, 16345u, 7u}) {
+    std::vector<u8> got;
+    std::vector<u8> buf(piece);
+    for (u32 at = 0;; at += piece) {
+      const u32 n = g->read(buf.data(), at, piece);
+      if (n == 0) break;
+      got.insert(got.end(), buf.begin(), buf.begin() + n);
+    }
+    EXPECT_EQ(got, big) << piece;
+  }
+  u8 two[2];
+  EXPECT_EQ(g->read(two, 16343, 2), 2u);
+  EXPECT_EQ(two[0], big[16343]);
+  EXPECT_EQ(two[1], big[16344]);
+
+  // Resident data obeys the offset like any other data.
+  auto t = makeRef<ValueObj>(hive, vTiny, nullptr);
+  u8 buf[10] = {};
+  EXPECT_EQ(t->read(buf, 0, 10), 3u);
+  EXPECT_EQ(buf[0], 0x11);
+  EXPECT_EQ(buf[2], 0x33);
+  EXPECT_EQ(t->read(buf, 2, 10), 1u);
+  EXPECT_EQ(buf[0], 0x33);
+  EXPECT_EQ(t->read(buf, 3, 10), 0u);
+
+  auto e = makeRef<ValueObj>(hive, vEmpty, nullptr);
+  EXPECT_TRUE(e->valid());
+  EXPECT_TRUE(e->resident());
+  EXPECT_EQ(e->read(buf, 0, 10), 0u);
+}
+
+// A value whose records are damaged: construction or every data access
+// fails with 0x200c, nothing crashes, and resizing leaves it alone.
+TEST(ValueStorage, DamagedRecordsAreRefused) {
+  HiveBuilder b(5);
+  b.root();
+  auto vk = [&](const std::u16string& name, u32 size, u32 data) {
+    return b.writeVk(
+        {.name = HiveBuilder::latin1(name), .nameLength = {}, .dataSize = size, .data = data, .type = 3});
+  };
+  const u32 full = b.writeData(pattern(16344, 1));
+  const u32 tail = b.writeData(pattern(3656, 2));
+  const u32 shortFragment = b.writeData(pattern(100, 3));
+
+  const u32 residentTooLarge = vk(u"resident5", 0x80000005u, 0);
+  const u32 wrongNonLast = vk(u"nonlast", 20000, b.writeDb(2, b.writeOffsets({shortFragment, tail})));
+  const u32 listTooSmall = vk(u"list", 20000, b.writeDb(2, b.writeOffsets({full})));
+  const u32 tooFewFragments = vk(u"few", 20000, b.writeDb(1, b.writeOffsets({full})));
+  const u32 notDb = vk(u"notdb", 20000, b.writeData(pattern(20000, 4)));
+  const u32 cellTooShort = vk(u"short", 200, b.writeData(pattern(100, 5)));
+  const u32 selfData = b.cell(32);
+  {
+    u8* p = b.at(selfData);
+    p[4] = 'v';
+    p[5] = 'k';
+    W32(p + hive_record_vk::OFS_DATA_SIZE, 8);
+    W32(p + hive_record_vk::OFS_DATA, selfData);
+  }
+  const u32 sharedFragment = b.cell(32);
+  {
+    // The vk record is the last fragment of its own data.
+    const u32 db = b.writeDb(2, b.writeOffsets({full, sharedFragment}));
+    u8* p = b.at(sharedFragment);
+    p[4] = 'v';
+    p[5] = 'k';
+    W32(p + hive_record_vk::OFS_DATA_SIZE, 20000);
+    W32(p + hive_record_vk::OFS_DATA, db);
+  }
+  const u32 nowhere = vk(u"nowhere", 100, 0x7ffffff8u);
+  const u32 misaligned = vk(u"misaligned", 100, full + 4);
+  const u32 residentOk = vk(u"fine", 0x80000002u, 0xbeef);
+
+  Ref<RegistryHiveObj> hive = openImage(b.build());
+  ASSERT_TRUE(hive);
+
+  Error::set(0);
+  auto r = makeRef<ValueObj>(hive, residentTooLarge, nullptr);
+  EXPECT_FALSE(r->valid());
+  EXPECT_TRUE(r->readOnly());
+  EXPECT_EQ(Error::get(), Errors::BAD_VALUE_RECORD);
+
+  for (u32 offset :
+       {wrongNonLast, listTooSmall, tooFewFragments, notDb, cellTooShort, selfData, sharedFragment}) {
+    SCOPED_TRACE(offset);
+    auto v = makeRef<ValueObj>(hive, offset, nullptr);
+    ASSERT_TRUE(v->valid());
+    u8 buf[64];
+    Error::set(0);
+    EXPECT_EQ(v->read(buf, 0, sizeof buf), 0u);
+    EXPECT_EQ(Error::get(), Errors::BAD_VALUE_RECORD);
+    Error::set(0);
+    EXPECT_EQ(v->write(buf, 0, sizeof buf), 0u);
+    EXPECT_EQ(Error::get(), Errors::BAD_VALUE_RECORD);
+    const u32 size = v->size();
+    EXPECT_EQ(v->size(2), size);
+    EXPECT_EQ(v->size(size + 100), size);
+    EXPECT_FALSE(v->selfDelete());
+    EXPECT_TRUE(v->valid());
+  }
+  for (u32 offset : {nowhere, misaligned}) {
+    auto v = makeRef<ValueObj>(hive, offset, nullptr);
+    u8 buf[64];
+    EXPECT_EQ(v->read(buf, 0, sizeof buf), 0u);
+  }
+  // Damage elsewhere leaves a sound neighbour alone.
+  auto ok = makeRef<ValueObj>(hive, residentOk, nullptr);
+  u8 two[2];
+  EXPECT_EQ(ok->read(two, 0, 2), 2u);
+  EXPECT_EQ(two[0], 0xef);
+}
+
+TEST(ValueStorage, DeleteRenameAndReadOnly) {
+  Ref<MemoryStripe> stripe;
+  Ref<RegistryHiveObj> hive = newHive(5, &stripe);
+  ASSERT_TRUE(hive);
+  Ref<ValueObj> gone = ValueObj::createValue(hive, nullptr, str("gone"), 3);
+  ASSERT_EQ(gone->size(40000), 40000u);
+  const u32 goneOffset = gone->offset();
+  const u32 goneDb = hive->cacheLoadRecord(goneOffset)->u32At(hive_record_vk::OFS_DATA);
+  EXPECT_TRUE(gone->selfDelete());
+  EXPECT_EQ(hive->cacheLoadRecord(goneOffset), nullptr);
+  EXPECT_EQ(hive->cacheLoadRecord(goneDb), nullptr);
+  u8 buf[4];
+  EXPECT_EQ(gone->read(buf, 0, 4), 0u);
+  EXPECT_EQ(Error::get(), Errors::OBJECT_INVALID);
+
+  Ref<ValueObj> v = ValueObj::createValue(hive, nullptr, str("a"), 3);
+  const std::vector<u8> data = pattern(300, 9);
+  ASSERT_EQ(v->size(300), 300u);
+  ASSERT_EQ(v->write(data.data(), 0, 300), 300u);
+  const std::u16string wide = u"\u0416" + std::u16string(200, u'x');  // stored as UTF-16LE
+  ASSERT_TRUE(v->setName(String::fromUtf16(wide)));
+  EXPECT_FALSE(v->setName(String::fromUtf16(std::u16string(16384, u'y'))));
+  EXPECT_EQ(Error::get(), Errors::VALUE_NEW_NAME_INVALID);
+
+  Ref<RegistryHiveObj> ro = reopen(hive, stripe, Hive::modeReadOnly);
+  ASSERT_TRUE(ro);
+  auto fresh = makeRef<ValueObj>(ro, v->offset(), nullptr);
+  EXPECT_EQ(fresh->name()->units(), wide);
+  EXPECT_EQ(readAll(*fresh), data);
+  EXPECT_EQ(fresh->write(data.data(), 0, 4), 0u);
+  EXPECT_EQ(Error::get(), Errors::READ_ONLY);
+  EXPECT_EQ(fresh->size(10), 0u);
+  EXPECT_EQ(fresh->size(), 300u);
+  EXPECT_FALSE(fresh->selfDelete());
+  EXPECT_TRUE(fresh->valid());
+}
+
+}  // namespace
+}  // namespace hivekit::test
