@@ -56,21 +56,23 @@ bool parseHex32(std::u16string_view digits, u32& out) {
   return true;
 }
 
-// The text between the quotes of a string entry. Escapes ("\\", "\"") are
-// undone only when every backslash starts one: text written raw (as this
-// library's export writes it) keeps its backslashes, as in "C:\Windows".
-std::u16string unquote(std::u16string_view text) {
-  bool escaped = true;
+// True when every backslash of a string's text starts an escape ("\\" or
+// "\""), as in text written by regedit.
+bool validlyEscaped(std::u16string_view text) {
   for (size_t i = 0; i < text.size(); ++i) {
     if (text[i] != u'\\') continue;
-    if (i + 1 < text.size() && (text[i + 1] == u'\\' || text[i + 1] == u'"')) {
+    if (i + 1 < text.size() && (text[i + 1] == u'\\' || text[i + 1] == u'"'))
       ++i;
-    } else {
-      escaped = false;
-      break;
-    }
+    else
+      return false;
   }
-  if (!escaped) return std::u16string(text);
+  return true;
+}
+
+// The text between the quotes of a string entry, with escapes undone in a
+// file whose strings are escaped.
+std::u16string unquote(std::u16string_view text, bool escapedFile) {
+  if (!escapedFile || !validlyEscaped(text)) return std::u16string(text);
   std::u16string out;
   out.reserve(text.size());
   for (size_t i = 0; i < text.size(); ++i) {
@@ -79,6 +81,24 @@ std::u16string unquote(std::u16string_view text) {
   }
   return out;
 }
+
+// First pass over a file: are its strings escaped? Regedit escapes every
+// backslash and quote in a string; this library's export writes text raw.
+// One string with a backslash that starts no escape marks the whole file
+// as raw, so a raw "\\server\share" is not mistaken for an escaped one.
+class EscapeScanner : public Platform::IniParserInterface {
+ public:
+  bool section(const std::u16string&) override { return true; }
+  bool other(const std::u16string&) override { return true; }
+  bool entry(const std::u16string&, bool, const std::u16string& data) override {
+    if (data.size() >= 2 && data.front() == u'"') {
+      const size_t last = data.rfind(u'"');
+      if (last > 0 && !validlyEscaped(std::u16string_view(data).substr(1, last - 1))) escaped = false;
+    }
+    return true;
+  }
+  bool escaped = true;
+};
 
 // Parses a comma-separated list of one- or two-digit hex bytes, blanks
 // allowed around each; an empty (or all blank) list is no bytes.
@@ -324,7 +344,8 @@ bool RegFileImportHandler::setString(const Ref<String>& name, const std::u16stri
     report(3, {{u"Invalid string value: ", name->units()}, {u"data: ", quoted(data)}});
     return false;
   }
-  Ref<String> text = String::fromUtf16(unquote(std::u16string_view(data).substr(1, last - 1)));
+  Ref<String> text =
+      String::fromUtf16(unquote(std::u16string_view(data).substr(1, last - 1), _escapedStrings));
   Ref<Value> value = createValue(name, Interfaces::Config::Hive::ValueTypes::String);
   if (!value) return false;
   if (!value->setString(text)) {
@@ -405,6 +426,12 @@ void RegFileImportHandler::report(int level, std::initializer_list<Line> lines) 
     out << std::u16string(line.first) << std::u16string(line.second);
     first = false;
   }
+}
+
+bool RegFileImportHandler::stringsEscaped(Platform::CharReader& reader) {
+  EscapeScanner scanner;
+  Platform::IniParser::parse(reader, scanner, nullptr);
+  return scanner.escaped;
 }
 
 }  // namespace Libraries::Files::Hive

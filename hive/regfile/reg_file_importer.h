@@ -53,6 +53,11 @@ class RegFileImportHandler : public Platform::IniParserInterface {
   bool section(const std::u16string& text) override;
   bool entry(const std::u16string& name, bool quoted, const std::u16string& data) override;
   bool other(const std::u16string& line) override;
+  // Whether quoted strings of the file carry regedit's escapes (see
+  // stringsEscaped); true unless told otherwise.
+  void setEscapedStrings(bool escaped) { _escapedStrings = escaped; }
+  // Reads a whole file and tells whether its strings are escaped.
+  static bool stringsEscaped(Platform::CharReader& reader);
 
   // The key of the latest creating section; null before the first section
   // and after a deleting one.
@@ -83,6 +88,7 @@ class RegFileImportHandler : public Platform::IniParserInterface {
   RegFileDiagnostics _errors;
   bool _trace;
   bool _versionSeen = false;
+  bool _escapedStrings = true;
   Ref<Key> _current;
   // _current was created by its section: its only values are the ones set
   // since, whose upper-cased names _namesSet holds. Spares a value lookup

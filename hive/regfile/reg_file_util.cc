@@ -83,9 +83,12 @@ bool RegFileUtil::importRegFile(const Ref<RegistryHive>& hive, const Ref<Interfa
     Platform::Error::set(Errors::NULL_ARGUMENT);
     return fail(errors, "No hive to import into", "No hive to import into");
   }
+  // Two passes: the first tells whether the file's strings are escaped.
+  Ref<Platform::CharReader> scan = Platform::CharReader::create(source);
   Ref<Platform::CharReader> reader = Platform::CharReader::create(source);
-  if (!reader) return fail(errors, "Failed to create reader", "Failed to create reader");
+  if (!scan || !reader) return fail(errors, "Failed to create reader", "Failed to create reader");
   RegFileImportHandler handler(hive, prefix, errors, trace);
+  handler.setEscapedStrings(RegFileImportHandler::stringsEscaped(*scan));
   u64 line = 0;
   const int result = Platform::IniParser::parse(*reader, handler, &line);
   if (result != Platform::IniParser::OK) {

@@ -111,8 +111,6 @@ TEST(RegImport, ReadsRegeditStyleEscapesInUtf16) {
                            "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test]\r\n"
                            "\"Path\"=\"C:\\\\Windows\\\\System32\"\r\n"  // "C:\\Windows\\System32"
                            "\"Quote\"=\"say \\\"hi\\\"\"\r\n"            // "say \"hi\""
-                           "\"Raw\"=\"C:\\Windows\\\"\r\n"               // "C:\Windows\" as written raw
-                           "\"Mixed\"=\"a\\\\b\\c\"\r\n"                 // "a\\b\c": not all escapes
                            "\"na\\\"me\"=\"v\"\r\n"                      // an escaped quote in a name
                            "\"\xC3\x9C\x6E\xC3\xAF\"=\"\xE2\x82\xAC\"\r\n";
   Diagnostics d;
@@ -125,8 +123,16 @@ TEST(RegImport, ReadsRegeditStyleEscapesInUtf16) {
   };
   EXPECT_EQ(textOf("Path"), "C:\\Windows\\System32");
   EXPECT_EQ(textOf("Quote"), "say \"hi\"");
-  EXPECT_EQ(textOf("Raw"), "C:\\Windows\\");
-  EXPECT_EQ(textOf("Mixed"), "a\\\\b\\c");
+
+  // One string whose backslashes are not all escapes marks the file as
+  // written raw (as our export writes it): no string of it is unescaped.
+  const std::string raw = HEADER +
+                          "[ROOT]\r\n"
+                          "\"unc\"=\"\\\\server\\\\share\"\r\n"  // "\\server\\share": escapes only
+                          "\"dir\"=\"C:\\Windows\\\"\r\n";       // "C:\Windows\": raw
+  ASSERT_TRUE(importText(hive, utf16(raw), "ROOT", &d)) << d.all();
+  EXPECT_EQ(hive->root()->value(str("unc"))->string(100)->toUtf8(), "\\\\server\\\\share");
+  EXPECT_EQ(hive->root()->value(str("dir"))->string(100)->toUtf8(), "C:\\Windows\\");
   EXPECT_EQ(textOf("na\"me"), "v");
   EXPECT_EQ(textOf("\xC3\x9C\x6E\xC3\xAF"), "\xE2\x82\xAC");
 }
@@ -139,6 +145,7 @@ TEST(RegImport, RoundTripGivesTheSameText) {
   b.key(root, u"Empty");
   b.value(root, u"", 1, sz(u"root"));
   b.value(sw, u"path", 1, sz(u"C:\\Program Files\\x\\"));
+  b.value(sw, u"unc", 1, sz(u"\\\\server\\\\share"));
   b.value(sw, u"quote", 1, sz(u"a \"b\" c"));
   b.value(sw, u"dir\\", 1, sz(u"name ending in a backslash"));
   b.value(sw, u"a=b", 4, {0x78, 0x56, 0x34, 0x12});
