@@ -8,6 +8,7 @@
 // otherwise "sha256:" and the digest. Names are escaped as in
 // appendEscapedName.
 #include <algorithm>
+#include <unordered_set>
 
 #include "cli/commands.h"
 #include "cli/open_hive.h"
@@ -40,7 +41,8 @@ class Dumper {
   // everything that could.
   bool run(const KeyRef& root) {
     _path.assign(1, '\\');
-    enter(root, 0);
+    _entered.insert(offsetOf(root));
+    enter(root, 0, false);
     while (!_stack.empty()) {
       Frame& top = _stack.back();
       if (top.next == top.subkeys.size()) {
@@ -66,7 +68,11 @@ class Dumper {
         report("subkey " + _path + " leads back to a key above it (cycle); not descending");
         continue;
       }
-      enter(child, offset);
+      // A key listed under several parents (or twice in one list) is
+      // listed each time, but its subtree only once: otherwise a chain of
+      // lists that each name the next key twice doubles the work per level.
+      const bool again = offset != 0 && !_entered.insert(offset).second;
+      enter(child, offset, again);
       _out.maybeFlush();
     }
     return _ok && _out.flush();
@@ -88,8 +94,9 @@ class Dumper {
     return k ? k->offset() : 0;
   }
 
-  // Writes the key's line and its values, then pushes it with its subkeys.
-  void enter(const KeyRef& key, u32 offset) {
+  // Writes the key's line and its values, then pushes it with its subkeys
+  // (none when its subtree was listed before).
+  void enter(const KeyRef& key, u32 offset, bool listedBefore) {
     Frame frame;
     frame.offset = offset ? offset : offsetOf(key);
     frame.pathLength = _path.size();
@@ -135,6 +142,10 @@ class Dumper {
       o += '\n';
     }
     _values.clear();
+    if (listedBefore && !frame.subkeys.empty()) {
+      report("subkey " + _path + " is listed more than once; its subkeys are listed the first time only");
+      frame.subkeys.clear();
+    }
     _stack.push_back(std::move(frame));
   }
 
@@ -142,6 +153,7 @@ class Dumper {
   std::string _path;
   std::vector<Frame> _stack;
   std::vector<ValueRef> _values;
+  std::unordered_set<u32> _entered;  // nk offsets whose subtree has been listed
   std::vector<u8> _data;
   Sha256 _sha;
   bool _ok = true;
@@ -176,7 +188,8 @@ const Command DUMP_COMMAND = {
     "hex digest. In names, characters below U+0020, U+007F, \\, % and unpaired\n"
     "surrogates are written %XXXX; all text is UTF-8.\n"
     "A cycle in the key tree or nesting beyond 512 levels is reported and not\n"
-    "followed; anything unreadable makes the exit status 1 after the listing.\n",
+    "followed, and a key listed more than once has its subkeys listed the first\n"
+    "time only; anything unreadable makes the exit status 1 after the listing.\n",
     {},
     1,
     1,

@@ -39,23 +39,41 @@ const char* fileTypeName(u32 t) {
   }
 }
 
+const char* const LOG_LABELS[3] = {".LOG", ".LOG1", ".LOG2"};
+
+// One log's state: where it was found, its format and sequence numbers,
+// what it holds, whether it can serve recovery (or why not) and how much of
+// it was replayed when the hive was opened.
 std::string logLine(const LogFileInfo& l, const std::string& found) {
-  std::string s = found.empty() ? std::string("none") : found;
-  if (!l.present()) {
-    if (!found.empty()) s += l.state.empty() ? ": not read" : ": " + l.state;
-    return s;
-  }
+  if (found.empty()) return "none";
+  std::string s = found;
+  if (!l.present()) return s + ": not usable: " + (l.state.empty() ? std::string("not read") : l.state);
   s += l.newFormat() ? ": new format" : ": old format";
   s += ", sequence " + std::to_string(l.primarySequence()) + "/" + std::to_string(l.secondarySequence());
-  if (l.newFormat())
-    s += ", " + std::to_string(l.entries.size()) + " entries";
-  else
+  if (l.newFormat()) {
+    s += ", " + std::to_string(l.entries.size()) + (l.entries.size() == 1 ? " entry" : " entries");
+    if (!l.entries.empty())
+      s += " (" + std::to_string(l.entries.front().sequence()) + ".." +
+           std::to_string(l.entries.back().sequence()) + ")";
+  } else {
     s += ", " + std::to_string(l.pages.size()) + " dirty pages";
-  if (!l.entries.empty())
-    s += " (" + std::to_string(l.entries.front().sequence()) + ".." +
-         std::to_string(l.entries.back().sequence()) + ")";
-  s += l.state.empty() ? ", usable" : ", not used: " + l.state;
+  }
+  s += l.state.empty() ? ", usable" : ", not usable: " + l.state;
+  s += ", " + (l.applied ? std::to_string(l.applied) : std::string("none")) + " applied";
   return s;
+}
+
+std::string logModeLine(const RegistryHiveObj& hive) {
+  static const char* const modes[] = {"none", "single log", "dual logs"};
+  u32 mode = static_cast<u32>(hive.logMode());
+  std::string s = mode < 3 ? modes[mode] : std::to_string(mode);
+  if (mode == 0) return s;
+  u32 last = hive.appliedLog();
+  if (last == RegistryHiveObj::NO_LOG) return s + ", nothing applied";
+  if (hive.logFile(last).newFormat())
+    return s + ", entries applied up to sequence " + std::to_string(hive.appliedSequence()) + " (" +
+           LOG_LABELS[last] + ")";
+  return s + ", dirty pages of " + LOG_LABELS[last] + " applied";
 }
 
 int runInfo(Context& ctx) {
@@ -111,9 +129,7 @@ int runInfo(Context& ctx) {
   appendPrintable(nameText, name);
   line(out, "File name field:", nameText);
 
-  static const char* const modes[] = {"none", "single log", "dual logs"};
-  u32 logMode = static_cast<u32>(hive.logMode());
-  line(out, "Log mode:", logMode < 3 ? modes[logMode] : std::to_string(logMode));
+  line(out, "Log mode:", logModeLine(hive));
   line(out, "Log (.LOG):", logLine(hive.logFile(0), h.logs.primary));
   line(out, "Log (.LOG1):", logLine(hive.logFile(1), h.logs.log1));
   line(out, "Log (.LOG2):", logLine(hive.logFile(2), h.logs.log2));
@@ -132,7 +148,12 @@ const Command INFO_COMMAND = {
     "type and format, the root key offset, the hive bins data size, the number of\n"
     "hive bins (not in --unsafe mode), the clustering factor, the stored and the\n"
     "computed checksum, the file name field, and the state of each transaction log.\n"
-    "Values are those of the base block as the hive sees it, after any log was applied.\n",
+    "Values are those of the base block as the hive sees it, after any log was applied.\n"
+    "Log mode: none (the hive is clean, or --dirty without a usable log), single\n"
+    "log (.LOG) or dual logs (.LOG1/.LOG2), and what was applied. Per log: the\n"
+    "file found, its format (old: dirty pages; new: numbered entries), its\n"
+    "sequence numbers, what it holds, whether it can serve recovery or why not\n"
+    "(stale: older than the hive), and how many entries or pages were applied.\n",
     {},
     1,
     1,

@@ -11,6 +11,7 @@ extern const Command GET_COMMAND;
 extern const Command EXPORT_COMMAND;
 extern const Command DUMP_COMMAND;
 extern const Command SD_COMMAND;
+extern const Command RECOVER_COMMAND;
 extern const Command NEW_COMMAND;
 extern const Command MKKEY_COMMAND;
 extern const Command SET_COMMAND;

@@ -1,6 +1,7 @@
 // Flushing: dirty hbins of the record cache reach the hive file (or, in a
 // log mode, the current log) here, and the base block is rewritten when
 // the file grows.
+#include <cstring>
 #include <vector>
 
 #include "hive/registry_hive.h"
@@ -25,25 +26,39 @@ bool RegistryHiveObj::internalFlush() {
   if (dirty.empty()) return true;
   if (_logMode != LogMode::None) return flushToLog(dirty);
 
-  bool ok = true;
-  for (u32 slot : dirty) {
-    CachedHbin& cached = _cachedHbins[slot];
-    const HbinEntry& hbin = _hbins[cached.hbinIdx];
-    const u64 filePosition = u64{HIVE_HEADER_SIZE} + hbin.offset;
-    if (_stripe->seek(filePosition) != filePosition) {
-      HK_LOG(hiveLog, 4) << "Failed to seek to data position: " << filePosition;
-      ok = false;
-      continue;
+  // Hbins the file's base block does not count yet go first, then the base
+  // block that counts them, then the rest: if any of the first two steps
+  // fails, the file stays the hive it was, and no old hbin is written that
+  // could point into hbins the file does not have.
+  const u32 onDisk = L32(_diskHeader + hive_header::OFS_LENGTH);
+  auto writeHbins = [&](bool beyondDisk) {
+    bool ok = true;
+    for (u32 slot : dirty) {
+      CachedHbin& cached = _cachedHbins[slot];
+      const HbinEntry& hbin = _hbins[cached.hbinIdx];
+      if ((hbin.offset >= onDisk) != beyondDisk) continue;
+      const u64 filePosition = u64{HIVE_HEADER_SIZE} + hbin.offset;
+      if (_stripe->seek(filePosition) != filePosition) {
+        HK_LOG(hiveLog, 4) << "Failed to seek to data position: " << filePosition;
+        ok = false;
+        continue;
+      }
+      if (_stripe->write(_cache + cached.place, hbin.size) != hbin.size) {
+        HK_LOG(hiveLog, 4) << "Failed to flush hbin: " << cached.hbinIdx << " offset: " << hbin.offset
+                           << "; error: " << Log::hex(Error::get());
+        ok = false;
+        continue;
+      }
+      cached.dirty = 0;
     }
-    if (_stripe->write(_cache + cached.place, hbin.size) != hbin.size) {
-      HK_LOG(hiveLog, 4) << "Failed to flush hbin: " << cached.hbinIdx << " offset: " << hbin.offset
-                         << "; error: " << Log::hex(Error::get());
-      ok = false;
-      continue;
-    }
-    cached.dirty = 0;
+    return ok;
+  };
+  if (!writeHbins(true)) return false;
+  if (std::memcmp(_diskHeader, _header, hive_header::SIZE) != 0 && !writeHeader()) {
+    HK_LOG(hiveLog, 4) << "Failed to write header on resize";
+    return false;
   }
-  return ok;
+  return writeHbins(false);
 }
 
 // In a log mode the dirty hbins become one entry of the current log, which
@@ -69,7 +84,9 @@ bool RegistryHiveObj::flushToLog(const std::vector<u32>& dirtySlots) {
 bool RegistryHiveObj::writeHeader() {
   W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
   if (_stripe->seek(0) != 0) return false;
-  return _stripe->write(_header, hive_header::SIZE) == hive_header::SIZE;
+  if (_stripe->write(_header, hive_header::SIZE) != hive_header::SIZE) return false;
+  std::memcpy(_diskHeader, _header, hive_header::SIZE);
+  return true;
 }
 
 }  // namespace Libraries::Files::Hive

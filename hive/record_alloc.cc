@@ -1,10 +1,12 @@
 // Allocation, resizing and writing of records.
 //
 // Free space is tracked per hbin (its largest free record); allocation is
-// first fit over the hbin table in file order, and the file grows by one
-// appended hbin when nothing fits. writeHBIN is the only place where bytes
+// first fit over the hbin table in file order (found through _freeIndex, so
+// its cost does not grow with the number of hbins), and the file grows by
+// one appended hbin when nothing fits. writeHBIN is the only place where bytes
 // reach an hbin: into the cache (written out by the next flush) or, in
-// write-through mode, into the file at once.
+// write-through mode, into the file at once. These run for every record
+// touched, so they test the mode before calling refuseUnsafe.
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -30,7 +32,7 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
     Error::set(Errors::READ_ONLY);
     return INVALID_RECORD;
   }
-  if (refuseUnsafe("allocateRecord")) return INVALID_RECORD;
+  if ((_mode & modeUnsafe) && refuseUnsafe("allocateRecord")) return INVALID_RECORD;
   if (size == 0 || size > MAX_RECORD_LENGTH) {
     HK_LOG(hiveLog, 4) << "Invalid record size requested: " << size;
     Error::set(Errors::ALLOCATION_FAILED);
@@ -44,16 +46,14 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   // INVALID_RECORD).
   u32 record = INVALID_RECORD;
   auto firstFit = [&](size_t from) {
-    for (size_t i = from; i < _hbins.size(); ++i) {
-      if (_hbins[i].freeSize < length) continue;
-      const u32 candidate = _hbins[i].freeOffset;
-      if (initRecord(candidate, length))
-        record = candidate;
-      else
-        Error::set(Errors::ALLOCATION_FAILED);
-      return true;
-    }
-    return false;
+    const size_t i = _freeIndex.findFirst(from, length);
+    if (i == FirstFitIndex::NONE) return false;
+    const u32 candidate = _hbins[i].freeOffset;
+    if (initRecord(candidate, length))
+      record = candidate;
+    else
+      Error::set(Errors::ALLOCATION_FAILED);
+    return true;
   };
   if (firstFit(0)) return record;
 
@@ -93,11 +93,10 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   const u32 added = static_cast<u32>(_hbins.size());
   appendHbin(HbinEntry{H, static_cast<u32>(S), 0, 0});
 
-  if (!writeHeader()) {
-    HK_LOG(hiveLog, 4) << "Failed to write header on resize";
-    Error::set(Errors::ALLOCATION_FAILED);
-    return INVALID_RECORD;
-  }
+  // The base block that counts the new hbin reaches the file only after the
+  // hbin itself (at the next flush, or below in write-through mode), so a
+  // failure in between never leaves a file whose length names bytes that
+  // are not an hbin.
   u8 head[hive_hbin::SIZE + 4] = {};
   std::memcpy(head, "hbin", 4);
   W32(head + hive_hbin::OFS_OFFSET, H);
@@ -115,6 +114,11 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
     Error::set(Errors::ALLOCATION_FAILED);
     return INVALID_RECORD;
   }
+  if ((_mode & modeWriteThrough) && !writeHeader()) {
+    HK_LOG(hiveLog, 4) << "Failed to write header on resize";
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
+  }
   record = H + hive_hbin::SIZE;
   if (!initRecord(record, length)) {
     HK_LOG(hiveLog, 4) << "Failed to initialize new record after creating a new HBIN. record=" << record;
@@ -129,7 +133,7 @@ bool RegistryHiveObj::initRecord(u32 offset, u32 size) {
     Error::set(Errors::READ_ONLY);
     return false;
   }
-  if (refuseUnsafe("initRecord")) return false;
+  if ((_mode & modeUnsafe) && refuseUnsafe("initRecord")) return false;
   HK_ASSERT(hiveLog, size >= 8 && size % hive_hbin::RECORD_ALIGNMENT == 0, false);
   u32 hbin = INVALID_HBIN;
   const hive_record* record = cacheLoadRecord(offset, &hbin, true);
@@ -140,7 +144,7 @@ bool RegistryHiveObj::initRecord(u32 offset, u32 size) {
                        << " length: " << free << " wanted: " << size;
     return false;
   }
-  const u32 behind = getFreeSpaceBehindRecord(offset, true);
+  const u32 behind = freeSpaceBehind(hbin, record, offset, true);
   const u32 inHbin = offset - _hbins[hbin].offset;
   u8 field[4];
   W32(field, static_cast<u32>(-static_cast<s32>(size)));
@@ -161,6 +165,10 @@ u32 RegistryHiveObj::getFreeSpaceBehindRecord(u32 offset, bool recordIsFree) {
   u32 hbin = INVALID_HBIN;
   const hive_record* record = cacheLoadRecord(offset, &hbin, recordIsFree);
   if (!record) return 0;
+  return freeSpaceBehind(hbin, record, offset, recordIsFree);
+}
+
+u32 RegistryHiveObj::freeSpaceBehind(u32 hbin, const hive_record* record, u32 offset, bool recordIsFree) {
   const u8* hb_ptr = _cache + _cachedHbins[_cacheSlot[hbin]].place;
   const u8* rec_ptr = record->bytes();
   const u32 hb_size = _hbins[hbin].size;
@@ -186,6 +194,12 @@ u32 RegistryHiveObj::getFreeSpaceBehindRecord(u32 offset, bool recordIsFree) {
   return total;
 }
 
+void RegistryHiveObj::setFreeSize(u32 hbinIdx, u32 freeSize, u32 freeOffset) {
+  _hbins[hbinIdx].freeSize = freeSize;
+  _hbins[hbinIdx].freeOffset = freeOffset;
+  _freeIndex.set(hbinIdx, freeSize);
+}
+
 bool RegistryHiveObj::updateFreeSpace(u32 hbin_idx) {
   HK_ASSERT(hiveLog, hbin_idx < _hbins.size(), false);
   const u64 place = cacheLoadHbin(hbin_idx);
@@ -194,7 +208,21 @@ bool RegistryHiveObj::updateFreeSpace(u32 hbin_idx) {
   const u32 size = L32(hbin + hive_hbin::OFS_SIZE);
   HK_ASSERT(hiveLog, size == _hbins[hbin_idx].size, false);
   u32 best = 0, bestOffset = 0;
-  if (size > hive_hbin::SIZE + 4) {
+  // A sound hbin (every size a non-zero multiple of 8) has its free records
+  // in the record-start index: look only at those.
+  const RecordStarts& starts = recordStarts(hbin_idx, hbin);
+  if (size > hive_hbin::SIZE + 4 && !starts.offGrid && starts.zeroAt >= size) {
+    for (size_t word = 0; word < starts.free.size(); ++word) {
+      for (u64 bits = starts.free[word]; bits != 0; bits &= bits - 1) {
+        const u64 pos = (word * 64 + static_cast<u64>(__builtin_ctzll(bits))) * hive_hbin::RECORD_ALIGNMENT;
+        const u32 length = static_cast<u32>(LS32(hbin + pos));
+        if (length > best && pos + length <= size) {
+          best = length;
+          bestOffset = static_cast<u32>(_hbins[hbin_idx].offset + pos);
+        }
+      }
+    }
+  } else if (size > hive_hbin::SIZE + 4) {
     for (u64 pos = hive_hbin::SIZE; pos + 4 <= size;) {
       const s32 recordSize = LS32(hbin + pos);
       const u32 length = absLength(recordSize);
@@ -211,8 +239,7 @@ bool RegistryHiveObj::updateFreeSpace(u32 hbin_idx) {
       pos += length;
     }
   }
-  _hbins[hbin_idx].freeSize = best;
-  _hbins[hbin_idx].freeOffset = bestOffset;
+  setFreeSize(hbin_idx, best, bestOffset);
   return true;
 }
 
@@ -222,7 +249,7 @@ u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* a
     Error::set(Errors::READ_ONLY);
     return INVALID_RECORD;
   }
-  if (refuseUnsafe("resizeRecord")) return INVALID_RECORD;
+  if ((_mode & modeUnsafe) && refuseUnsafe("resizeRecord")) return INVALID_RECORD;
   if (newSize > MAX_RECORD_LENGTH) {
     HK_LOG(hiveLog, 4) << "Invalid record size requested: " << newSize;
     return INVALID_RECORD;
@@ -235,7 +262,7 @@ u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* a
   const u32 recordSize = record->length();
   if (recordSize == length || (recordSize > length && keepIfLarger && length != 0)) return offset;
 
-  const u32 freeBehind = getFreeSpaceBehindRecord(offset, false);
+  const u32 freeBehind = freeSpaceBehind(hbin, record, offset, false);
   HK_ASSERT_AS(hiveLog, "(recordSize + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0",
                (u64{recordSize} + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0, INVALID_RECORD);
   const u32 inHbin = offset - _hbins[hbin].offset;
@@ -297,7 +324,7 @@ bool RegistryHiveObj::writeRecord(u32 offset, const void* data, u32 position, u3
     Error::set(Errors::READ_ONLY);
     return false;
   }
-  if (refuseUnsafe("writeRecord")) return false;
+  if ((_mode & modeUnsafe) && refuseUnsafe("writeRecord")) return false;
   if (length == 0) return true;
   if (position < 4) {
     HK_LOG(hiveLog, 4) << "Attempt to write into the size field of record: " << offset
@@ -327,7 +354,7 @@ bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data
     Error::set(Errors::READ_ONLY);
     return false;
   }
-  if (refuseUnsafe("writeHBIN")) return false;
+  if ((_mode & modeUnsafe) && refuseUnsafe("writeHBIN")) return false;
   HK_ASSERT(hiveLog, hbin_idx < _hbins.size(), false);
   const u64 place = cacheLoadHbin(hbin_idx);
   if (place == INVALID_CACHE_OFFSET) return false;

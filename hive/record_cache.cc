@@ -7,12 +7,17 @@
 //  - _cacheSlot[hbin] finds a cached hbin without searching the cache list;
 //    only the slots of cached hbins are reset when the cache is emptied.
 //  - _recordStarts[hbin] answers "is this offset a record start?" with one
-//    bit test. It is made by one walk of the hbin the first time one of its
-//    records is validated after the hbin was loaded, and it lives as long
-//    as the hbin stays cached. A write that touches a size field the index
-//    knows (allocation, resizing, freeing) drops it, so the next validation
-//    re-walks that one hbin: for a 4 KiB hbin at most 508 steps, the same
-//    order of work as the free-space recount each such write already costs.
+//    bit test, and knows which records are free. It is made by one walk of
+//    the hbin the first time one of its records is validated after the hbin
+//    was loaded, and it lives as long as the hbin stays cached. A write that
+//    touches a size field the index knows (allocation, resizing, freeing)
+//    marks the bytes it wrote; the next look re-walks from the last start
+//    before them to the first start behind them that the walk lands on
+//    again, usually two or three steps. Anything unusual on the way (a 0
+//    size, a size off the 8-byte grid, a change at the first record) makes
+//    it walk the whole hbin instead.
+// The calls here run for every record touched, so they test the mode
+// before calling refuseUnsafe.
 #include <algorithm>
 #include <cstring>
 
@@ -30,10 +35,14 @@ u64 RegistryHiveObj::fileSize() {
 // ------------------------------------------------------------- hbin table
 
 u32 RegistryHiveObj::hbinFromOffset(u32 offset) {
-  if (refuseUnsafe("hbinFromOffset")) return INVALID_HBIN;
+  if ((_mode & modeUnsafe) && refuseUnsafe("hbinFromOffset")) return INVALID_HBIN;
   const u64 wanted = u64{offset} + HIVE_HEADER_SIZE + 4;
   if ((wanted >= _fileSize && wanted >= fileSize()) || u64{offset} + 4 >= hiveLength()) return INVALID_HBIN;
 
+  // Work on records tends to stay in one hbin for a while.
+  if (_lastHbin < _hbins.size() && offset >= _hbins[_lastHbin].offset &&
+      offset < u64{_hbins[_lastHbin].offset} + _hbins[_lastHbin].size)
+    return _lastHbin;
   if (!_hbins.empty() && offset < u64{_hbins.back().offset} + _hbins.back().size) {
     // The first hbin that ends after the offset holds it (hbins are
     // contiguous and in file order).
@@ -42,7 +51,7 @@ u32 RegistryHiveObj::hbinFromOffset(u32 offset) {
     HK_ASSERT_AS(hiveLog, "ele != _hbins.end()", ele != _hbins.end(), INVALID_HBIN);
     HK_ASSERT_AS(hiveLog, "ele->offset <= offset && ele->offset + ele->size > offset",
                  ele->offset <= offset && u64{ele->offset} + ele->size > offset, INVALID_HBIN);
-    return static_cast<u32>(ele - _hbins.begin());
+    return _lastHbin = static_cast<u32>(ele - _hbins.begin());
   }
 
   u64 position = _hbins.empty() ? 0 : u64{_hbins.back().offset} + _hbins.back().size;
@@ -138,12 +147,13 @@ void RegistryHiveObj::appendHbin(const HbinEntry& entry) {
   _hbins.push_back(entry);
   _cacheSlot.push_back(NOT_CACHED);
   _recordStarts.emplace_back();
+  _freeIndex.push(entry.freeSize);
 }
 
 // ------------------------------------------------------------ record cache
 
 u64 RegistryHiveObj::cacheLoadHbin(u32 hbinIndex) {
-  if (refuseUnsafe("cacheLoadHbin")) return INVALID_CACHE_OFFSET;
+  if ((_mode & modeUnsafe) && refuseUnsafe("cacheLoadHbin")) return INVALID_CACHE_OFFSET;
   if (hbinIndex >= _hbins.size()) {
     HK_LOG(hiveLog, 3) << "Invalid hbin idx: " << hbinIndex;
     return INVALID_CACHE_OFFSET;
@@ -238,7 +248,7 @@ const hive_record* RegistryHiveObj::cacheLoadRecord(u32 offset) {
 }
 
 const hive_record* RegistryHiveObj::cacheLoadRecord(u32 offset, u32* hbinIndex, bool expectUnused) {
-  if (refuseUnsafe("internal cacheLoadRecord")) return nullptr;
+  if ((_mode & modeUnsafe) && refuseUnsafe("internal cacheLoadRecord")) return nullptr;
   const u32 hbin = hbinFromOffset(offset);
   if (hbin == INVALID_HBIN) {
     HK_LOG(hiveLog, 3) << "No hbin holds record: " << offset;
@@ -307,26 +317,143 @@ bool RegistryHiveObj::isValidRecord(const u8* hbin, u32 hbinOffset, u32 hbinSize
   return pos == target;
 }
 
+namespace {
+
+constexpr u32 ALIGN = hive_hbin::RECORD_ALIGNMENT;
+
+bool testBit(const std::vector<u64>& bits, u64 bit) {
+  return (bits[bit / 64] >> (bit % 64)) & 1;
+}
+
+void setBit(std::vector<u64>& bits, u64 bit) {
+  bits[bit / 64] |= u64{1} << (bit % 64);
+}
+
+// Bits [from, to) of the word holding `from`, which must not lie beyond it.
+u64 wordMask(u64 from, u64 to) {
+  const u64 low = ~u64{0} << (from % 64);
+  const u64 end = to - from / 64 * 64;  // 1..64 within this word
+  return end >= 64 ? low : low & ((u64{1} << end) - 1);
+}
+
+// Clears bits [from, to).
+void clearBits(std::vector<u64>& bits, u64 from, u64 to) {
+  while (from < to) {
+    bits[from / 64] &= ~wordMask(from, std::min(to, from / 64 * 64 + 64));
+    from = from / 64 * 64 + 64;
+  }
+}
+
+// Any bit set in [from, to).
+bool anyBit(const std::vector<u64>& bits, u64 from, u64 to) {
+  while (from < to) {
+    if (bits[from / 64] & wordMask(from, std::min(to, from / 64 * 64 + 64))) return true;
+    from = from / 64 * 64 + 64;
+  }
+  return false;
+}
+
+// The highest set bit at or below `bit`, or -1.
+s64 lastBitAtOrBelow(const std::vector<u64>& bits, u64 bit) {
+  s64 word = static_cast<s64>(bit / 64);
+  u64 mask = (bit % 64 == 63) ? ~u64{0} : ((u64{1} << (bit % 64 + 1)) - 1);
+  for (; word >= 0; --word, mask = ~u64{0}) {
+    const u64 w = bits[static_cast<size_t>(word)] & mask;
+    if (w) return word * 64 + (63 - __builtin_clzll(w));
+  }
+  return -1;
+}
+
+u64 recordLength(s32 size) {
+  return size < 0 ? static_cast<u64>(-static_cast<s64>(size)) : static_cast<u64>(size);
+}
+
+}  // namespace
+
 void RegistryHiveObj::buildRecordStarts(RecordStarts& starts, const u8* hbin, u32 hbinSize) {
-  starts.bits.assign((hbinSize / hive_hbin::RECORD_ALIGNMENT + 63) / 64, 0);
+  const size_t words = (hbinSize / ALIGN + 63) / 64;
+  starts.bits.assign(words, 0);
+  starts.free.assign(words, 0);
   starts.offGrid = false;
   starts.zeroAt = hbinSize;
+  starts.dirtyFrom = starts.dirtyTo = 0;
   u64 pos = hive_hbin::SIZE;
   while (pos + 4 <= hbinSize) {
-    if (pos % hive_hbin::RECORD_ALIGNMENT == 0) {
-      const u64 bit = pos / hive_hbin::RECORD_ALIGNMENT;
-      starts.bits[bit / 64] |= u64{1} << (bit % 64);
+    const s32 size = LS32(hbin + pos);
+    if (pos % ALIGN == 0) {
+      setBit(starts.bits, pos / ALIGN);
+      if (size > 0) setBit(starts.free, pos / ALIGN);
     } else {
       starts.offGrid = true;
     }
-    const s32 size = LS32(hbin + pos);
     if (size == 0) {
       starts.zeroAt = static_cast<u32>(pos);
       break;
     }
-    pos += size < 0 ? static_cast<u64>(-static_cast<s64>(size)) : static_cast<u64>(size);
+    pos += recordLength(size);
   }
+  // A last record whose length is off the grid too: the free-space count
+  // must then take the reference walk, which refuses such an hbin.
+  if (starts.zeroAt == hbinSize && pos % ALIGN != 0) starts.offGrid = true;
   starts.built = true;
+}
+
+bool RegistryHiveObj::repairRecordStarts(RecordStarts& starts, const u8* hbin, u32 hbinSize) {
+  const u32 from = starts.dirtyFrom, to = starts.dirtyTo;
+  starts.dirtyFrom = starts.dirtyTo = 0;
+  if (starts.offGrid || from < hive_hbin::SIZE + 4) return false;
+  // The last start whose size field lies wholly before the written bytes:
+  // the walk up to it and its own step are as they were.
+  const s64 first = lastBitAtOrBelow(starts.bits, (from - 4) / ALIGN);
+  if (first < 0) return false;
+  const u64 begin = static_cast<u64>(first) * ALIGN;
+  if (begin >= starts.zeroAt) return true;  // the walk ends before the change
+  // Walk on until a start at or behind the written bytes that the old walk
+  // also landed on: from there both walks are the same. A long way there
+  // is left to the full walk.
+  constexpr size_t MAX_LANDINGS = 32;
+  u64 landings[MAX_LANDINGS];
+  size_t count = 0;
+  u64 pos = begin;
+  u64 end = hbinSize;  // the first position whose bits stay as they are
+  bool reachedEnd = true;
+  for (;;) {
+    const s32 size = LS32(hbin + pos);
+    if (size == 0) return false;
+    const u64 next = pos + recordLength(size);
+    if (next % ALIGN != 0) return false;
+    if (next + 4 > hbinSize) break;
+    if (next >= to && next <= starts.zeroAt && testBit(starts.bits, next / ALIGN)) {
+      end = next;
+      reachedEnd = false;
+      break;
+    }
+    if (count == MAX_LANDINGS) return false;
+    landings[count++] = next;
+    pos = next;
+  }
+  const u64 firstBit = begin / ALIGN + 1;
+  const u64 endBit = std::min<u64>((end + ALIGN - 1) / ALIGN, u64{starts.bits.size()} * 64);
+  clearBits(starts.bits, firstBit, endBit);
+  clearBits(starts.free, firstBit, endBit);
+  for (size_t i = 0; i < count; ++i) {
+    const u64 landing = landings[i];
+    setBit(starts.bits, landing / ALIGN);
+    if (LS32(hbin + landing) > 0) setBit(starts.free, landing / ALIGN);
+  }
+  if (reachedEnd) starts.zeroAt = hbinSize;
+  return true;
+}
+
+RegistryHiveObj::RecordStarts& RegistryHiveObj::recordStarts(u32 hbinIdx, const u8* hbin) {
+  RecordStarts& starts = _recordStarts[hbinIdx];
+  const u32 size = _hbins[hbinIdx].size;
+  if (!starts.built) {
+    buildRecordStarts(starts, hbin, size);
+  } else if (starts.dirtyFrom < starts.dirtyTo && !repairRecordStarts(starts, hbin, size)) {
+    buildRecordStarts(starts, hbin, size);
+  }
+  return starts;
 }
 
 // Gives exactly the answer (and the messages) of isValidRecord: the walk
@@ -338,25 +465,37 @@ bool RegistryHiveObj::isRecordStart(u32 hbinIdx, const u8* hbin, u32 offset) {
   if (target % hive_hbin::RECORD_ALIGNMENT != 0 || entry.size <= hive_hbin::SIZE ||
       target < hive_hbin::SIZE || u64{target} + 4 > entry.size)
     return isValidRecord(hbin, entry.offset, entry.size, offset);
-  RecordStarts& starts = _recordStarts[hbinIdx];
-  if (!starts.built) buildRecordStarts(starts, hbin, entry.size);
+  const RecordStarts& starts = recordStarts(hbinIdx, hbin);
   if (target > starts.zeroAt) {
     HK_LOG(hiveLog, 4) << "Record with 0 size -> HBIN is invalid, hbin: " << entry.offset;
     return false;
   }
-  const u32 bit = target / hive_hbin::RECORD_ALIGNMENT;
-  return (starts.bits[bit / 64] >> (bit % 64)) & 1;
+  return testBit(starts.bits, target / ALIGN);
 }
 
 void RegistryHiveObj::noteHbinWrite(u32 hbinIdx, u32 offsetInHbin, u32 length) {
   RecordStarts& starts = _recordStarts[hbinIdx];
   if (!starts.built || length == 0) return;
-  const u64 end = u64{offsetInHbin} + length;  // a size field at p is touched when p < end && p + 4 > ofs
-  bool touched = starts.offGrid || (starts.zeroAt < end && u64{starts.zeroAt} + 4 > offsetInHbin);
-  const u64 first = offsetInHbin < 3 ? 0 : (offsetInHbin - 3 + 7) / 8;
-  const u64 limit = std::min<u64>((end + 7) / 8, u64{starts.bits.size()} * 64);
-  for (u64 bit = first; !touched && bit < limit; ++bit) touched = (starts.bits[bit / 64] >> (bit % 64)) & 1;
-  if (touched) starts = RecordStarts();
+  if (starts.offGrid) {
+    starts = RecordStarts();
+    return;
+  }
+  const u32 end = static_cast<u32>(std::min<u64>(u64{offsetInHbin} + length, 0xffffffffu));
+  if (starts.dirtyFrom < starts.dirtyTo) {
+    // Stale bits cannot tell what this write touches: widen the range.
+    starts.dirtyFrom = std::min(starts.dirtyFrom, offsetInHbin);
+    starts.dirtyTo = std::max(starts.dirtyTo, end);
+    return;
+  }
+  // A size field at p is touched when p < end && p + 4 > offsetInHbin.
+  bool touched = starts.zeroAt < end && u64{starts.zeroAt} + 4 > offsetInHbin;
+  const u64 first = offsetInHbin < 3 ? 0 : (offsetInHbin - 3 + ALIGN - 1) / ALIGN;
+  const u64 limit = std::min<u64>((u64{end} + ALIGN - 1) / ALIGN, u64{starts.bits.size()} * 64);
+  if (!touched && first < limit) touched = anyBit(starts.bits, first, limit);
+  if (touched) {
+    starts.dirtyFrom = offsetInHbin;
+    starts.dirtyTo = end;
+  }
 }
 
 const hive_record* RegistryHiveObj::unsafeGetRecord(u32 offset) {

@@ -1,5 +1,7 @@
 #include "hive/registry_hive.h"
 
+#include <cstring>
+
 #include "hive/key/key_obj.h"
 #include "hive/readonly_cache.h"
 #include "hive/security/security_descriptor.h"
@@ -184,6 +186,10 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
     Error::set(Errors::ROOT_INVALID);
     return false;
   }
+  // What the file's base block holds from here on (a replay into the file
+  // rewrote it; a replay through the log leaves the file's as it was, and
+  // writes of the header area are not passed to the file then).
+  std::memcpy(_diskHeader, _header, hive_header::SIZE);
   return true;
 }
 

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "hive/errors.h"
+#include "hive/first_fit_index.h"
 #include "hive/format.h"
 #include "hive/hive_file.h"
 #include "hive/log/log_file.h"
@@ -59,7 +60,8 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   bool readonly() const { return (_mode & modeReadOnly) != 0; }
   HiveCodepage codepage() const { return _codepage; }
   bool valid() const { return _valid; }
-  Ref<Mon> mon() const { return _mon; }
+  // By reference: every public Key and Value call takes it.
+  const Ref<Mon>& mon() const { return _mon; }
   // The in-memory base block (4096 bytes).
   const u8* header() const { return _header; }
   u32 rootOffset() const { return _rootOffset; }
@@ -71,6 +73,22 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   LogMode logMode() const { return _logMode; }
   // 0 primary (.LOG), 1 first alternate, 2 second alternate.
   const LogFileInfo& logFile(u32 index) const { return _logs[index]; }
+  // The log (index as for logFile) whose entry or pages were replayed last
+  // at open or appended since, NO_LOG when none; and, for a new-format log,
+  // that entry's sequence number.
+  static constexpr u32 NO_LOG = 0xffffffffu;
+  u32 appliedLog() const { return _appliedLog; }
+  u32 appliedSequence() const { return _appliedSequence; }
+
+  // Writes the hive as it reads now (logs applied, changes not yet flushed
+  // included) into `target`, which must be empty: a clean base block (both
+  // sequence numbers equal, see recovered_copy.cc for which value, file
+  // type 0, the current hive bins data size, checksum) and the hive bins
+  // data after it. The hive, its file and its logs are not changed; the
+  // target is not synced. False with the reason logged and the error set:
+  // 0x8445 null target, 0x10002 element size, 0x8446 a target that is not
+  // empty or is the hive's own file or log, otherwise a failed read or write.
+  bool writeRecoveredCopy(Ref<Interfaces::Stripe> target);
   u32 hbinCount() const { return static_cast<u32>(_hbins.size()); }
 
   // The root key object (the same object while a caller holds it).
@@ -139,6 +157,9 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   };
   // Where the record walk of one hbin lands, built by one walk from offset
   // 32 the first time a record of the hbin is validated while it is cached.
+  // Size-field writes do not drop it: they mark the range they touched, and
+  // the next look re-walks only from the last start before that range to
+  // the first unchanged start behind it.
   struct RecordStarts {
     bool built = false;
     // The walk met a size that left it off the 8-byte grid: such landings
@@ -146,6 +167,11 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
     bool offGrid = false;
     u32 zeroAt = 0;         // hbin-relative position of the first 0 size, or the hbin size
     std::vector<u64> bits;  // bit i: the walk lands on hbin-relative position 8 * i
+    std::vector<u64> free;  // bit i: ... and the record there is free (size > 0)
+    // Bytes written since the bits were last right, when a write touched a
+    // size field: [dirtyFrom, dirtyTo); empty when dirtyFrom >= dirtyTo.
+    u32 dirtyFrom = 0;
+    u32 dirtyTo = 0;
   };
   static constexpr u32 NOT_CACHED = 0xffffffffu;
 
@@ -165,7 +191,7 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   void logDump();
   bool applyOldFormatLog(LogFileInfo& log);
   bool mapLogEntry(LogFileInfo& log, const LogEntryInfo& entry);
-  bool startLog(LogFileInfo& log);
+  bool startLog(LogFileInfo& log, u32 sequence);
   // Appends one entry holding `pages` to the current log and maps them.
   bool appendLogEntry(const std::vector<LogPage>& pages);
   // Writes the dirty hbins (indices into _cachedHbins) as one entry of the
@@ -182,6 +208,13 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // The same answer and messages through the hbin's RecordStarts.
   bool isRecordStart(u32 hbinIdx, const u8* hbin, u32 offset);
   void buildRecordStarts(RecordStarts& starts, const u8* hbin, u32 hbinSize);
+  // Brings a cached hbin's index up to date (building it when missing).
+  RecordStarts& recordStarts(u32 hbinIdx, const u8* hbin);
+  // Re-walks the dirty range of a built index; false when only a full walk will do.
+  bool repairRecordStarts(RecordStarts& starts, const u8* hbin, u32 hbinSize);
+  void setFreeSize(u32 hbinIdx, u32 freeSize, u32 freeOffset);
+  // getFreeSpaceBehindRecord for a record just loaded from hbin `hbin`.
+  u32 freeSpaceBehind(u32 hbin, const hive_record* record, u32 offset, bool recordIsFree);
   // Drops the index when [ofs, ofs + length) touches a size field it knows.
   void noteHbinWrite(u32 hbinIdx, u32 offsetInHbin, u32 length);
   bool readHbinHeader(u32 position, HbinEntry& entry);
@@ -205,10 +238,13 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   u32 _rootOffset = INVALID_RECORD;
   bool _valid = false;
   Platform::WeakRef<KeyObj> _root;
-  // The last log entry replayed at open and the log (index into _logs) it came from.
+  // The last log entry replayed at open or appended since (a new-format
+  // log), and the log (index into _logs) it is in; see appliedLog().
   u32 _appliedSequence = 0;
-  u32 _appliedLog = 0xffffffffu;
+  u32 _appliedLog = NO_LOG;
   u64 _fileSize = 0;  // last known size of _stripe; re-read when an offset lies beyond it
+  // The base block as the file holds it; flush writes _header when they differ.
+  u8 _diskHeader[hive_header::SIZE] = {};
 
   std::vector<HbinEntry> _hbins;
   std::vector<CachedHbin> _cachedHbins;
@@ -218,6 +254,9 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // Record-start index of each hbin, indexed like _hbins; only cached
   // hbins have one, and it is dropped with the cache.
   std::vector<RecordStarts> _recordStarts;
+  // The freeSize of every hbin, for the first-fit search of allocateRecord.
+  FirstFitIndex _freeIndex;
+  u32 _lastHbin = 0;  // the hbin hbinFromOffset found last
   u32 _cacheSize;
   u32 _cacheUsed = 0;
   Ref<ShMem> _cacheMem;

@@ -86,6 +86,7 @@ u32 KeyObj::loadList(const hive_record* record, u32 recordOffset, u32 position, 
     KeyEntry& e = _keyList[position + i];
     e.offset = L32(items + i * width);
     e.hash = width == 8 ? L32(items + i * width + 4) : 0;
+    if (e.hash == 0) _hashlessEntries = true;
   }
   return count;
 }
@@ -109,6 +110,7 @@ bool KeyObj::initSubkeys() {
   _keyObjects.clear();
   _tree.clear();
   _twoLevelList = false;
+  _hashlessEntries = false;
   if (_keyListCell == 0 && _numOfKeys == 0) {
     _subkeysLoaded = true;
     return true;
@@ -233,6 +235,64 @@ bool KeyObj::loadKeyList() {
   return true;
 }
 
+namespace {
+
+// compareIgnoreCase of a name whose units went through String::upcase
+// already against `count` units given by `unitAt`.
+template <class UnitAt>
+int compareUpper(const std::u16string& sought, size_t count, UnitAt unitAt) {
+  const size_t n = std::min(sought.size(), count);
+  for (size_t i = 0; i < n; ++i) {
+    const char16_t probe = String::upcase(unitAt(i));
+    if (sought[i] != probe) return sought[i] < probe ? -1 : 1;
+  }
+  if (sought.size() == count) return 0;
+  return sought.size() < count ? -1 : 1;
+}
+
+}  // namespace
+
+bool KeyObj::compareSubkeyName(u32 position, const std::u16string& sought, int& order) {
+  const u32 nk = _keyList[position].offset;
+  auto known = _keyObjects.find(nk);
+  if (known != _keyObjects.end()) {
+    if (Ref<KeyObj> live = known->second.lock()) {
+      // The object key(position) would hand out: its name, as it holds it.
+      const Ref<String> name = live->name();
+      if (!name || name->isEmpty()) return false;
+      order = compareUpper(sought, name->length(), [&](size_t i) { return name->at(i); });
+      return true;
+    }
+  }
+  // The checks of the KeyObj constructor, without its messages: a record
+  // failing them is left to key(position), which reports it.
+  const hive_record* rec = _hive->cacheLoadRecord(nk);
+  if (!rec || rec->signature() != hive_record_nk::SIGNATURE || !rec->used() ||
+      rec->length() < hive_record_nk::HEADER_SIZE)
+    return false;
+  const u32 nameLength = rec->u16At(hive_record_nk::OFS_NAME_LENGTH);
+  if (nameLength + hive_record_nk::HEADER_SIZE > rec->length()) return false;
+  const u8* name = rec->bytes() + hive_record_nk::OFS_NAME;
+  if ((rec->u16At(hive_record_nk::OFS_FLAGS) & hive_record_nk::FLAG_COMP_NAME) == 0) {
+    if (nameLength / 2 == 0) return false;
+    order = compareUpper(sought, nameLength / 2,
+                         [&](size_t i) { return static_cast<char16_t>(L16(name + 2 * i)); });
+    return true;
+  }
+  if (nameLength == 0) return false;
+  // Every byte must have a character (Latin-1 has one for each).
+  char16_t c = 0;
+  if (_codepage != latin1) {
+    for (u32 i = 0; i < nameLength; ++i)
+      if (!codepageToChar(_codepage, name[i], c)) return false;
+  }
+  order = compareUpper(sought, nameLength, [&](size_t i) {
+    codepageToChar(_codepage, name[i], c);
+    return c;
+  });
+  return true;
+}
+
 bool KeyObj::binaryFindKey(const Ref<String>& name, Ref<KeyObj>& found, u32& position) {
   found = nullptr;
   if (_numOfKeys == 0 || _keyList.empty()) {
@@ -241,10 +301,17 @@ bool KeyObj::binaryFindKey(const Ref<String>& name, Ref<KeyObj>& found, u32& pos
     return false;
   }
   const Ref<String> sought = name->upper();
-  u32 low = 0, high = static_cast<u32>(_keyList.size());  // the name lies in [low, high)
-  while (low < high) {
-    const u32 mid = low + (high - low) / 2;
-    Ref<KeyObj> probe = key(mid);
+  // compareIgnoreCase upper-cases both sides once more.
+  std::u16string upperName(sought->units());
+  for (char16_t& c : upperName) c = String::upcase(c);
+
+  // Orders the name against the entry at `index`: false when the search
+  // has ended (a probe that cannot be opened, or the linear fallback) and
+  // `result` is its outcome.
+  bool result = false;
+  auto compareAt = [&](u32 index, int& order) {
+    if (compareSubkeyName(index, upperName, order)) return true;
+    Ref<KeyObj> probe = key(index);
     if (!probe) {
       HK_LOG(hiveLog, 4) << "Failed to open sub key for binary search. key: " << _offset;
       position = INVALID_RECORD;
@@ -253,12 +320,30 @@ bool KeyObj::binaryFindKey(const Ref<String>& name, Ref<KeyObj>& found, u32& pos
     Ref<String> probeName = probe->name();
     if ((!probeName || probeName->isEmpty()) && (_hive->mode() & modeLinearFallback)) {
       HK_LOG(hiveLog, 2) << "Can't get name of other key for binary search, using linear fallback";
-      return linearFindKey(name, found, position);
+      result = linearFindKey(name, found, position);
+      return false;
     }
     if (!probeName) probeName = String::empty();
-    const int c = sought->compareIgnoreCase(*probeName);
+    order = sought->compareIgnoreCase(*probeName);
+    return true;
+  };
+
+  u32 low = 0, high = static_cast<u32>(_keyList.size());  // the name lies in [low, high)
+  // Names added in order go to the end: one look at the last entry (when it
+  // reads simply) spares the search.
+  int last = 0;
+  if (compareSubkeyName(high - 1, upperName, last) && last > 0) low = high;
+  while (low < high) {
+    const u32 mid = low + (high - low) / 2;
+    int c = 0;
+    if (!compareAt(mid, c)) return result;
     if (c == 0) {
-      found = probe;
+      found = key(mid);
+      if (!found) {
+        HK_LOG(hiveLog, 4) << "Failed to open sub key for binary search. key: " << _offset;
+        position = INVALID_RECORD;
+        return false;
+      }
       position = mid;
       return true;
     }

@@ -2,6 +2,8 @@
 // a second level, splitting sublists), writing list records, and adding
 // and removing single entries. _tree and the cached nk header are kept
 // equal to what is on disk after every successful step.
+#include <algorithm>
+
 #include "hive/key/key_obj.h"
 #include "platform/check.h"
 #include "platform/error.h"
@@ -112,6 +114,7 @@ bool KeyObj::convertLfToLiList() {
     return false;
   }
   for (KeyEntry& e : _keyList) e.hash = 0;
+  _hashlessEntries = true;
   HK_ASSERT(hiveLog, newKeyCell == _keyListCell, false);
   return true;
 }
@@ -178,6 +181,12 @@ bool KeyObj::splitRISublist(u32 sublist) {
   }
   _tree[sublist].numOfkeys = static_cast<u16>(keep);
   _tree.insert(_tree.begin() + sublist + 1, TreeEntry{second, static_cast<u16>(moved)});
+  // The first half's record was sized for the whole list: give the room
+  // behind its entries back (it stays where it is), or every split would
+  // leave half a list of dead space.
+  const u32 width = _listType == keyListLI ? 4 : 8;
+  if (_hive->resizeRecord(offset, L::OFS_ITEMS + width * keep, false) != offset)
+    HK_LOG(hiveLog, 3) << "Failed to shrink the first part after split, list: " << offset;
   return syncRIList();
 }
 
@@ -211,7 +220,7 @@ bool KeyObj::syncRIList() {
   return true;
 }
 
-u32 KeyObj::writeKeyListRecord(u32 record, u32 first, u32 count) {
+u32 KeyObj::writeKeyListRecord(u32 record, u32 first, u32 count, u32 unchanged) {
   HK_ASSERT(hiveLog, count <= 0xffffu, INVALID_RECORD);
   HK_ASSERT(hiveLog, first + count <= _keyList.size(), INVALID_RECORD);
   u16 signature = 0;
@@ -232,20 +241,16 @@ u32 KeyObj::writeKeyListRecord(u32 record, u32 first, u32 count) {
       return INVALID_RECORD;
   }
   const u32 size = L::OFS_ITEMS + width * count;
-  std::vector<u8> bytes(size - 4);
-  WB16(bytes.data(), signature);
-  W16(bytes.data() + 2, static_cast<u16>(count));
-  for (u32 i = 0; i < count; ++i) {
-    KeyEntry& e = _keyList[first + i];
-    u8* item = bytes.data() + 4 + width * i;
-    W32(item, e.offset);
-    if (width == 8) {
-      // Entries that came from an li record carry no hash yet.
-      if (e.hash == 0) {
-        u32 hash = 0;
-        if (subkeyHash(first + i, hash)) e.hash = hash;
-      }
-      W32(item + 4, e.hash);
+  unchanged = std::min(unchanged, count);
+  if (width == 8) {
+    // Entries that came from an li record carry no hash yet; one among the
+    // unchanged ones gets it written, so the whole list is.
+    for (u32 i = _hashlessEntries ? 0 : unchanged; i < count; ++i) {
+      KeyEntry& e = _keyList[first + i];
+      if (e.hash != 0) continue;
+      if (i < unchanged) unchanged = 0;
+      u32 hash = 0;
+      if (subkeyHash(first + i, hash)) e.hash = hash;
     }
   }
 
@@ -266,7 +271,23 @@ u32 KeyObj::writeKeyListRecord(u32 record, u32 first, u32 count) {
       }
     }
   }
-  if (!_hive->writeRecord(cell, bytes.data(), 4, size - 4)) {
+  // A record that stayed where it was keeps the unchanged entries.
+  const u32 from = cell == record ? unchanged : 0;
+  std::vector<u8> bytes(4 + width * (count - from));
+  WB16(bytes.data(), signature);
+  W16(bytes.data() + 2, static_cast<u16>(count));
+  for (u32 i = from; i < count; ++i) {
+    const KeyEntry& e = _keyList[first + i];
+    u8* item = bytes.data() + 4 + width * (i - from);
+    W32(item, e.offset);
+    if (width == 8) W32(item + 4, e.hash);
+  }
+  bool written = _hive->writeRecord(cell, bytes.data(), 4, from == 0 ? size - 4 : 4);
+  if (written && from != 0 && from < count) {
+    const u32 at = L::OFS_ITEMS + width * from;
+    written = _hive->writeRecord(cell, bytes.data() + 4, at, width * (count - from));
+  }
+  if (!written) {
     HK_LOG(hiveLog, 4) << "Failed to write record to write key list. key record = " << _offset;
     return INVALID_RECORD;
   }
@@ -286,10 +307,11 @@ bool KeyObj::insertKey(u32 position, u32 nkOffset, u32 hash) {
   HK_ASSERT(hiveLog, _tree[sublist].numOfkeys < 0xffffu, false);
 
   _keyList.insert(_keyList.begin() + position, KeyEntry{hash, nkOffset});
+  if (hash == 0) _hashlessEntries = true;
   ++_tree[sublist].numOfkeys;
   ++_numOfKeys;
   const u32 old = _tree[sublist].offset;
-  const u32 cell = writeKeyListRecord(old, first, _tree[sublist].numOfkeys);
+  const u32 cell = writeKeyListRecord(old, first, _tree[sublist].numOfkeys, position - first);
   if (cell == INVALID_RECORD) {
     // Keep memory equal to the disk, which still holds the old list.
     _keyList.erase(_keyList.begin() + position);
@@ -330,7 +352,7 @@ bool KeyObj::unlinkKey(u32 position) {
 
   if (_tree[sublist].numOfkeys > 0) {
     const u32 old = _tree[sublist].offset;
-    const u32 cell = writeKeyListRecord(old, first, _tree[sublist].numOfkeys);
+    const u32 cell = writeKeyListRecord(old, first, _tree[sublist].numOfkeys, position - first);
     if (cell == INVALID_RECORD) {
       ok = false;
     } else if (cell != old) {

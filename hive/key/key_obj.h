@@ -104,6 +104,12 @@ class KeyObj : public Key {
                const char* letters);
   bool loadKeyList();
   bool binaryFindKey(const Ref<String>& name, Ref<KeyObj>& key, u32& position);
+  // Orders `sought` (each unit already passed through String::upcase, so
+  // that this matches compareIgnoreCase) against the name of the subkey at
+  // `position`, read from its nk record without making a KeyObj. False when
+  // the record cannot be read that simply (damaged, a byte the codepage
+  // lacks, an empty name, a live object for it): key(position) then decides.
+  bool compareSubkeyName(u32 position, const std::u16string& sought, int& order);
   bool linearFindKey(const Ref<String>& name, Ref<KeyObj>& key, u32& position);
 
   // Subkey list maintenance.
@@ -115,7 +121,9 @@ class KeyObj : public Key {
   bool syncRIList();
   // Writes _keyList[first, first + count) as one list record at `record`
   // (INVALID_RECORD: allocate). Returns the record's offset or INVALID_RECORD.
-  u32 writeKeyListRecord(u32 record, u32 first, u32 count);
+  // The first `unchanged` entries are on disk at `record` as this would
+  // write them: when the record need not move they are left alone.
+  u32 writeKeyListRecord(u32 record, u32 first, u32 count, u32 unchanged = 0);
   bool syncKeyRecord();
   bool insertKey(u32 position, u32 nkOffset, u32 hash);
   bool unlinkKey(u32 position);
@@ -175,6 +183,9 @@ class KeyObj : public Key {
   bool _valid = false;
   bool _readOnly = false;
   bool _subkeysLoaded = false;
+  // Some entry of _keyList may carry hash 0 (loaded from an li record or
+  // stored so): writing a list must then look for entries to hash.
+  bool _hashlessEntries = false;
   std::vector<WeakRef<KeyIteratorObj>> _keyIterators;
   std::vector<WeakRef<ValueIteratorObj>> _valueIterators;
 };

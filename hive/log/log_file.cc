@@ -23,7 +23,54 @@ std::u16string headerFileName(const u8* header) {
   return cut == std::u16string::npos ? full : full.substr(cut + 1);
 }
 
-std::string nameOf(const Ref<String>& name) { return name ? name->toUtf8() : std::string("(log)"); }
+std::string nameOf(const Ref<String>& name) {
+  return name ? name->toUtf8() : std::string("(log)");
+}
+
+// New format: a run of "HvLE" entries from offset 512, each on a 512-byte
+// boundary, numbered without gaps. A damaged, cut or out-of-sequence entry
+// ends the run; only a failed read is an error.
+bool scanEntries(Interfaces::Stripe& log, const std::string& logName, LogFileInfo& info) {
+  const u64 logSize = log.elementCount();
+  u64 p = 512;
+  u8 block[512];
+  while (logSize > p && logSize - p > 512) {
+    const u64 n = info.entries.size();
+    if (log.readAt(p, block, sizeof block) != sizeof block) {
+      HK_LOG(hiveLog, 4) << "Failed to read log entry " << n << " in " << logName
+                         << "; error: " << Error::get();
+      return false;
+    }
+    if (B32(block) != hive_log_entry::SIGNATURE) break;
+    if (marvin32(block, 32) != L64(block + hive_log_entry::OFS_HASH2)) {
+      HK_LOG(hiveLog, 3) << "Hash2 does not match for log entry " << n << " in " << logName;
+      break;
+    }
+    LogEntryInfo entry;
+    entry.position = p;
+    std::copy(block, block + hive_log_entry::SIZE, entry.header);
+    if (!info.entries.empty()) {
+      const u32 expected = info.entries.back().sequence() + 1;
+      if (entry.sequence() > expected) {
+        HK_LOG(hiveLog, 3) << "Log entry " << n << " does not directly follow previous log entry in "
+                           << logName;
+        break;
+      }
+      if (entry.sequence() < expected) break;  // left over from an earlier cycle
+    }
+    // An entry must at least hold its header and end inside the log;
+    // anything else would stall or overrun the scan.
+    const u64 size = entry.size();
+    if (size < hive_log_entry::SIZE || size > logSize - p) {
+      HK_LOG(hiveLog, 3) << "Log entry " << n << " in " << logName << " does not fit in the log: size "
+                         << size;
+      break;
+    }
+    info.entries.push_back(entry);
+    p += (size + 511) & ~511ull;
+  }
+  return true;
+}
 
 }  // namespace
 
@@ -80,8 +127,8 @@ bool RegistryHiveObj::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name,
       got32.push_back(L16(header + hive_header::OFS_FILENAME + 2 * i));
       want32.push_back(L16(primary + hive_header::OFS_FILENAME + 2 * i));
     }
-    HK_LOG(hiveLog, 4) << "Provided log file " << logName << " does not belong to primary hive; got: " << got32
-                       << ", expected: " << want32;
+    HK_LOG(hiveLog, 4) << "Provided log file " << logName
+                       << " does not belong to primary hive; got: " << got32 << ", expected: " << want32;
     info.state = "belongs to another hive";
     Error::set(Errors::INVALID_ARGUMENT);
     return false;
@@ -101,41 +148,15 @@ bool RegistryHiveObj::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name,
     return true;
   }
 
+  // Entries are read even when the header's own numbers differ, so a
+  // report can show them; such a log is not used for recovery.
+  const bool complete = info.primarySequence() == info.secondarySequence();
   if (type == 6) {
-    // New format: a run of "HvLE" entries from offset 512, each on a
-    // 512-byte boundary, numbered without gaps.
-    u64 p = 512;
-    u8 block[512];
-    while (logSize > p && logSize - p > 512) {
-      const u64 n = info.entries.size();
-      if (log->readAt(p, block, sizeof block) != sizeof block) {
-        HK_LOG(hiveLog, 4) << "Failed to read log entry " << n << " in " << logName << "; error: " << Error::get();
-        return false;
-      }
-      if (B32(block) != hive_log_entry::SIGNATURE) break;
-      if (marvin32(block, 32) != L64(block + hive_log_entry::OFS_HASH2)) {
-        HK_LOG(hiveLog, 3) << "Hash2 does not match for log entry " << n << " in " << logName;
-        break;
-      }
-      LogEntryInfo entry;
-      entry.position = p;
-      std::copy(block, block + hive_log_entry::SIZE, entry.header);
-      if (!info.entries.empty()) {
-        const u32 expected = info.entries.back().sequence() + 1;
-        if (entry.sequence() > expected) {
-          HK_LOG(hiveLog, 3) << "Log entry " << n << " does not directly follow previous log entry in " << logName;
-          break;
-        }
-        if (entry.sequence() < expected) break;  // left over from an earlier cycle
-      }
-      // An entry must at least hold its header and end inside the log;
-      // anything else would stall or overrun the scan.
-      const u64 size = entry.size();
-      if (size < hive_log_entry::SIZE || size > logSize - p) break;
-      info.entries.push_back(entry);
-      p += (size + 511) & ~511ull;
+    if (!scanEntries(*log, logName, info)) {
+      info.state = "entry unreadable";
+      return false;
     }
-    info.state = info.entries.empty() ? "no entries" : "";
+    info.state = complete ? "" : "its sequence numbers differ";
     return true;
   }
 
@@ -147,16 +168,18 @@ bool RegistryHiveObj::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name,
   std::vector<u8> vector(vectorSize);
   got = log->readAt(512, vector.data(), vectorSize);
   if (got == 0) {
-    info.state = "nothing dirty";
+    info.state = complete ? "" : "its sequence numbers differ";
     return true;
   }
   if (got < vectorSize) {
     HK_LOG(hiveLog, 4) << "Failed to read log bitmap from " << logName << "; error: " << Error::get();
+    info.state = "dirty vector cut short";
     return false;
   }
   if (B32(vector.data()) != hive_log_dirt::SIGNATURE) {
     HK_LOG(hiveLog, 4) << "Unexpected signature of dirty vector for " << logName << ": "
                        << Log::hex(B32(vector.data()));
+    info.state = "bad dirty vector signature";
     Error::set(Errors::INVALID_FILE);
     return false;
   }
@@ -171,7 +194,7 @@ bool RegistryHiveObj::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name,
     info.pages.push_back({b, i * 4096, position});
     position += 4096;
   }
-  info.state = "";
+  info.state = complete ? "" : "its sequence numbers differ";
   return true;
 }
 

@@ -5,6 +5,7 @@
 // Validation fills this record; replay and writing through the log use it.
 #pragma once
 
+#include <string>
 #include <vector>
 
 #include "hive/format.h"
@@ -14,7 +15,7 @@
 namespace Libraries::Files::Hive {
 
 struct LogEntryInfo {
-  u64 position = 0;                // of the entry in the log file
+  u64 position = 0;  // of the entry in the log file
   u8 header[hive_log_entry::SIZE] = {};
   u32 sequence() const { return L32(header + hive_log_entry::OFS_SEQ); }
   u32 size() const { return L32(header + hive_log_entry::OFS_SIZE); }
@@ -23,9 +24,9 @@ struct LogEntryInfo {
 };
 
 struct DirtyPage {
-  u8 mask = 0;        // dirty 512-byte sectors of the page, bit 0 first
-  u32 offset = 0;     // in the hive bins data
-  u64 position = 0;   // of the page's data in the log
+  u8 mask = 0;       // dirty 512-byte sectors of the page, bit 0 first
+  u32 offset = 0;    // in the hive bins data
+  u64 position = 0;  // of the page's data in the log
 };
 
 struct LogFileInfo {
@@ -34,8 +35,11 @@ struct LogFileInfo {
   u8 header[hive_header::BASE_SIZE] = {};  // all zeros when absent
   std::vector<LogEntryInfo> entries;
   std::vector<DirtyPage> pages;
-  // Why the log was not read or not used, for reports ("" when fine).
+  // Why the log cannot serve recovery, for reports ("" when it can).
   std::string state;
+  // Entries (new format) or dirty pages (old format) replayed from this log
+  // when the hive was opened.
+  u32 applied = 0;
 
   bool present() const { return L32(header) != 0; }
   u32 primarySequence() const { return L32(header + hive_header::OFS_PRIMARY_SEQ); }

@@ -19,7 +19,9 @@ namespace {
 
 const char* const kLogLabels[3] = {"Primary", "Log1", "Log2"};
 
-std::string nameOf(const LogFileInfo& log) { return log.name ? log.name->toUtf8() : std::string("(log)"); }
+std::string nameOf(const LogFileInfo& log) {
+  return log.name ? log.name->toUtf8() : std::string("(log)");
+}
 
 }  // namespace
 
@@ -30,7 +32,8 @@ bool RegistryHiveObj::logUsable(const LogFileInfo& log) const {
 
 bool RegistryHiveObj::chooseLogMode() {
   _logMode = LogMode::None;
-  if (L32(_header + hive_header::OFS_PRIMARY_SEQ) == L32(_header + hive_header::OFS_SECONDARY_SEQ)) return true;
+  if (L32(_header + hive_header::OFS_PRIMARY_SEQ) == L32(_header + hive_header::OFS_SECONDARY_SEQ))
+    return true;
   const bool use1 = logUsable(_logs[1]);
   const bool use2 = logUsable(_logs[2]);
   if (use1 || use2) {
@@ -80,6 +83,7 @@ void RegistryHiveObj::logDump() {
 bool RegistryHiveObj::applyOldFormatLog(LogFileInfo& log) {
   const std::string name = nameOf(log);
   HK_LOG(hiveLog, 1) << "Applying" << log.pages.size() << " dirty pages from " << name;
+  const u64 logSize = log.stripe->elementCount();
   std::vector<u8> buffer;
   for (const DirtyPage& page : log.pages) {
     // Runs of set bits become one mapping or copy each; the log holds the
@@ -95,25 +99,34 @@ bool RegistryHiveObj::applyOldFormatLog(LogFileInfo& log) {
       while (sector + run < 8 && (page.mask & (1u << (sector + run)))) ++run;
       const u64 fileOffset = HIVE_HEADER_SIZE + static_cast<u64>(page.offset) + sector * 512u;
       const u64 length = run * 512u;
+      // A mapping is read only later: a log cut short must fail here, as
+      // the copy does, not leave holes in the hive.
+      if (logPosition > logSize || logSize - logPosition < length) {
+        HK_LOG(hiveLog, 4) << "Failed to read dirty pages from " << name << " at " << logPosition
+                           << " of size " << length;
+        return false;
+      }
       if (_mapped) {
         _mapped->addMapping(fileOffset, length, log.stripe, logPosition);
       } else {
         buffer.resize(length);
         if (log.stripe->readAt(logPosition, buffer.data(), length) != length) {
-          HK_LOG(hiveLog, 4) << "Failed to read dirty pages from " << name << " at " << logPosition << " of size "
-                             << length;
+          HK_LOG(hiveLog, 4) << "Failed to read dirty pages from " << name << " at " << logPosition
+                             << " of size " << length;
           return false;
         }
         if (_file->writeAt(fileOffset, buffer.data(), length) != length) {
-          HK_LOG(hiveLog, 4) << "Failed to write dirty pages from " << name << " to main hive at " << fileOffset
-                             << " of size " << length << "; error: " << Error::get();
+          HK_LOG(hiveLog, 4) << "Failed to write dirty pages from " << name << " to main hive at "
+                             << fileOffset << " of size " << length << "; error: " << Error::get();
           return false;
         }
       }
       logPosition += length;
       sector += run;
     }
+    ++log.applied;
   }
+  if (!log.pages.empty()) _appliedLog = static_cast<u32>(&log - _logs);
   return true;
 }
 
@@ -121,26 +134,31 @@ bool RegistryHiveObj::mapLogEntry(LogFileInfo& log, const LogEntryInfo& entry) {
   const std::string name = nameOf(log);
   const u32 count = entry.pageCount();
   const u64 size = entry.size();
+  const u64 refsEnd = hive_log_entry::SIZE + 8ull * count;
+  auto damaged = [&] {
+    HK_LOG(hiveLog, 4) << "Failed to retrieve data of log entry at" << entry.position << " of log file "
+                       << name;
+    return false;
+  };
   // The references must fit in the entry, and so must the data they describe.
-  if (static_cast<u64>(count) * 8 + hive_log_entry::SIZE > size) {
-    HK_LOG(hiveLog, 4) << "Failed to retrieve data of log entry at" << entry.position << " of log file " << name;
-    return false;
-  }
-  const u64 headerBytes = (hive_log_entry::SIZE + 8ull * count + 511) & ~511ull;
-  std::vector<u8> refs(std::min<u64>(headerBytes, size + 511));
-  if (log.stripe->readAt(entry.position, refs.data(), refs.size()) < hive_log_entry::SIZE + 8ull * count) {
-    HK_LOG(hiveLog, 4) << "Failed to retrieve data of log entry at" << entry.position << " of log file " << name;
-    return false;
-  }
-  u64 dataPosition = entry.position + hive_log_entry::SIZE + 8ull * count;
+  if (refsEnd > size) return damaged();
+  // References are read in pieces, so a hostile count costs no memory. Each
+  // covers whole pages, as Windows and this library write them; that also
+  // bounds the number of mapped ranges by the log's size.
+  constexpr u32 PIECE = 512;
+  u8 refs[8 * PIECE];
+  u64 dataPosition = entry.position + refsEnd;
   const u64 entryEnd = entry.position + size;
   for (u32 i = 0; i < count; ++i) {
-    const u32 offset = L32(refs.data() + hive_log_entry::SIZE + 8 * i);
-    const u32 length = L32(refs.data() + hive_log_entry::SIZE + 8 * i + 4);
-    if (dataPosition + length > entryEnd) {
-      HK_LOG(hiveLog, 4) << "Failed to retrieve data of log entry at" << entry.position << " of log file " << name;
-      return false;
+    const u32 k = i % PIECE;
+    if (k == 0) {
+      const u64 n = 8ull * std::min<u32>(PIECE, count - i);
+      if (log.stripe->readAt(entry.position + hive_log_entry::SIZE + 8ull * i, refs, n) != n)
+        return damaged();
     }
+    const u32 offset = L32(refs + 8 * k), length = L32(refs + 8 * k + 4);
+    if (offset % hive_hbin::PAGE != 0 || length % hive_hbin::PAGE != 0 || length > entryEnd - dataPosition)
+      return damaged();
     _mapped->addMapping(HIVE_HEADER_SIZE + static_cast<u64>(offset), length, log.stripe, dataPosition);
     dataPosition += length;
   }
@@ -150,15 +168,18 @@ bool RegistryHiveObj::mapLogEntry(LogFileInfo& log, const LogEntryInfo& entry) {
 bool RegistryHiveObj::applyLogMappings() {
   if (_logMode == LogMode::None) return true;
 
-  // Old-format logs: one log, LOG1 or LOG2, as the log mode chose it.
+  // Old-format logs: one log, LOG1 or LOG2, as the log mode chose it. The
+  // primary log is never replayed.
   LogFileInfo* one = nullptr;
   const bool use1 = logUsable(_logs[1]), use2 = logUsable(_logs[2]);
   if (use1 && use2)
     one = _logs[1].primarySequence() > _logs[2].primarySequence() ? &_logs[1] : &_logs[2];
   else if (use1)
     one = &_logs[1];
-  else
+  else if (use2)
     one = &_logs[2];
+  else
+    return true;
   if (!one->newFormat()) return applyOldFormatLog(*one);
 
   if (!_mapped) {
@@ -174,8 +195,8 @@ bool RegistryHiveObj::applyLogMappings() {
   for (u32 i = 1; i < 3; ++i) {
     LogFileInfo& log = _logs[i];
     if (!logUsable(log) || !log.newFormat()) continue;
-    HK_LOG(hiveLog, 1) << "Applying" << log.entries.size() << " log entries from" << nameOf(log) << " for hive"
-                       << fullFileName();
+    HK_LOG(hiveLog, 1) << "Applying" << log.entries.size() << " log entries from" << nameOf(log)
+                       << " for hive" << fullFileName();
     for (const LogEntryInfo& e : log.entries)
       if (e.sequence() >= log.primarySequence()) chain.push_back({&log, &e});
   }
@@ -184,36 +205,43 @@ bool RegistryHiveObj::applyLogMappings() {
     if (a.entry->sequence() != b.entry->sequence()) return a.entry->sequence() < b.entry->sequence();
     return a.log->primarySequence() > b.log->primarySequence();
   });
-  const u32 secondary = L32(_header + hive_header::OFS_SECONDARY_SEQ);
-  size_t start = chain.size();
+  // Start at the entry that follows the primary file's last clean state or,
+  // when Windows has already folded the first entries into the file, at the
+  // first one logged. Every logged entry is at least the primary file's
+  // secondary sequence number (older logs are stale), so the chain starts
+  // at its first element either way.
+  const LogEntryInfo* last = nullptr;
+  u32 length = 0;  // hive bins data size of the last entry that changed anything
   for (size_t i = 0; i < chain.size(); ++i) {
-    if (chain[i].entry->sequence() == secondary) {
-      start = i;
+    const LogEntryInfo& e = *chain[i].entry;
+    if (last && e.sequence() == last->sequence()) continue;  // the same entry from the other log
+    if (last && e.sequence() != last->sequence() + 1) {
+      HK_LOG(hiveLog, 3) << "Log entry " << e.sequence() << " does not follow entry " << last->sequence()
+                         << "; recovery stops there";
       break;
     }
-  }
-  if (start == chain.size() && !chain.empty() && chain[0].entry->sequence() > secondary) start = 0;
-
-  u32 length = hiveLength();
-  bool first = true;
-  u32 previous = 0;
-  for (size_t i = start; i < chain.size(); ++i) {
-    const LogEntryInfo& e = *chain[i].entry;
-    if (!first && e.sequence() == previous) continue;  // the same entry from the other log
-    if (!first && e.sequence() != previous + 1) break;
-    first = false;
-    previous = e.sequence();
-    if (e.pageCount() == 0) continue;
-    if (!mapLogEntry(*chain[i].log, e)) return false;
     _appliedSequence = e.sequence();
     _appliedLog = static_cast<u32>(chain[i].log - _logs);
-    if (e.hiveLength() > length) length = e.hiveLength();
+    if (e.pageCount() == 0) {
+      last = &e;
+      continue;
+    }
+    if (!mapLogEntry(*chain[i].log, e)) return false;
+    ++chain[i].log->applied;
+    last = &e;
+    length = e.hiveLength();
   }
   if (length > hiveLength()) {
     // The logged hive grew beyond the file: reads past the file's end come
-    // from the mapped ranges.
-    W32(_header + hive_header::OFS_LENGTH, length);
-    W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
+    // from the mapped ranges. A size no hive file can have, or one that
+    // neither the file nor the logged pages reach, is not taken.
+    const u64 end = u64{length} + HIVE_HEADER_SIZE;
+    if (length % hive_hbin::PAGE != 0 || end > 0xffffffffull || end > _mapped->elementCount()) {
+      HK_LOG(hiveLog, 3) << "Ignoring hive bins data size " << length << " of log entry " << _appliedSequence;
+    } else {
+      W32(_header + hive_header::OFS_LENGTH, length);
+      W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
+    }
   }
   return true;
 }

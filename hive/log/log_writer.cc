@@ -13,28 +13,33 @@
 namespace Libraries::Files::Hive {
 
 namespace {
-std::string nameOf(const LogFileInfo& log) { return log.name ? log.name->toUtf8() : std::string("(log)"); }
+std::string nameOf(const LogFileInfo& log) {
+  return log.name ? log.name->toUtf8() : std::string("(log)");
+}
 }  // namespace
 
-// A log with no accepted entry is started afresh: a header made from the
-// base block, both sequence numbers one past the primary file's secondary.
-bool RegistryHiveObj::startLog(LogFileInfo& log) {
+// A log is started afresh with a header made from the base block: file
+// type 6, both sequence numbers `sequence`.
+bool RegistryHiveObj::startLog(LogFileInfo& log, u32 sequence) {
   u8 header[hive_header::BASE_SIZE];
   std::memcpy(header, _header, sizeof header);
-  const u32 sequence = L32(_header + hive_header::OFS_SECONDARY_SEQ) + 1;
   W32(header + hive_header::OFS_PRIMARY_SEQ, sequence);
   W32(header + hive_header::OFS_SECONDARY_SEQ, sequence);
   W32(header + hive_header::OFS_TYPE, 6);
   W32(header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(header));
   if (log.stripe->writeAt(0, header, sizeof header) != sizeof header) {
-    HK_LOG(hiveLog, 4) << "Failed to write new log entry header to " << nameOf(log) << "; error: " << Error::get();
+    HK_LOG(hiveLog, 4) << "Failed to write new log entry header to " << nameOf(log)
+                       << "; error: " << Error::get();
     return false;
   }
   std::memcpy(log.header, header, sizeof header);
+  log.entries.clear();
+  log.state.clear();
   return true;
 }
 
 bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
+  HK_ASSERT_AS(hiveLog, "_mapped", static_cast<bool>(_mapped), false);
   LogFileInfo* log = currentLogFile();
   if (!log) {
     HK_LOG(hiveLog, 4) << "No log file applicable despite the log mode saying so";
@@ -45,18 +50,37 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
     return false;
   }
   const std::string name = nameOf(*log);
-  const bool fresh = log->entries.empty();
+  // The primary log is never replayed at open: entries written to it would
+  // be lost on the next open.
+  if (log == &_logs[0]) {
+    HK_LOG(hiveLog, 4) << "Writing to the primary log file is not supported: " << name;
+    return false;
+  }
+  // A new entry must be the next one of the recovered chain, or the next
+  // open would not apply it. It continues the current log when that log's
+  // last entry ends the chain. A log none of whose entries was applied
+  // (none accepted, or all beyond a gap) is started afresh one past the
+  // chain, or one past the primary file's secondary sequence number when
+  // nothing was applied. A log whose entries were applied but do not end
+  // the chain cannot be continued.
+  const bool chained = _appliedLog != NO_LOG && _logs[_appliedLog].newFormat();
+  const bool continues =
+      !log->entries.empty() && chained && log->entries.back().sequence() == _appliedSequence;
   u32 sequence, flags = 0;
   u64 position;
-  if (fresh) {
-    if (!startLog(*log)) return false;
-    sequence = log->primarySequence();
-    position = 512;
-  } else {
+  if (continues) {
     const LogEntryInfo& last = log->entries.back();
     sequence = last.sequence() + 1;
     flags = L32(last.header + hive_log_entry::OFS_FLAGS);
     position = last.position + ((static_cast<u64>(last.size()) + 511) & ~511ull);
+  } else if (log->applied == 0) {
+    sequence = (chained ? _appliedSequence : L32(_header + hive_header::OFS_SECONDARY_SEQ)) + 1;
+    if (!startLog(*log, sequence)) return false;
+    position = hive_header::BASE_SIZE;
+  } else {
+    HK_LOG(hiveLog, 4) << "Entries of log file " << name << " do not end the recovered state at "
+                       << _appliedSequence << "; not writing to it";
+    return false;
   }
 
   u64 dataSize = 0;
@@ -103,6 +127,9 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
   info.position = position;
   std::memcpy(info.header, h, hive_log_entry::SIZE);
   log->entries.push_back(info);
+  ++log->applied;
+  _appliedSequence = sequence;
+  _appliedLog = static_cast<u32>(log - _logs);
   u64 dataPosition = position + hive_log_entry::SIZE + 8ull * pages.size();
   for (const LogPage& p : pages) {
     _mapped->addMapping(HIVE_HEADER_SIZE + static_cast<u64>(p.offset), p.length, log->stripe, dataPosition);
@@ -111,8 +138,8 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
   return true;
 }
 
-bool RegistryHiveObj::handleAction(MappedStripe& stripe, Action action, const void* buffer, u64 offset, u64 size,
-                                   u64& done) {
+bool RegistryHiveObj::handleAction(MappedStripe& stripe, Action action, const void* buffer, u64 offset,
+                                   u64 size, u64& done) {
   HK_ASSERT_AS(hiveLog, "_logMode != LogMode::None", _logMode != LogMode::None, false);
   if (action == Action::Resize) {
     // Growth of a log-mode hive lives in the log; the file keeps its size.
@@ -136,12 +163,14 @@ bool RegistryHiveObj::handleAction(MappedStripe& stripe, Action action, const vo
   }
   const u64 start = offset & ~4095ull;
   const u64 length = ((offset - start + size) + 4095) & ~4095ull;
-  HK_LOG(hiveLog, 1) << "Log page range: start " << start << ", end " << start + length << ", length " << length;
+  HK_LOG(hiveLog, 1) << "Log page range: start " << start << ", end " << start + length << ", length "
+                     << length;
   std::vector<u8> page(length, 0);
   // Bytes of the pages that the write does not cover: as the hive reads now.
   stripe.readMapped(start, page.data(), length);
   std::memcpy(page.data() + (offset - start), bytes, size);
-  if (!appendLogEntry({LogPage{static_cast<u32>(start - HIVE_HEADER_SIZE), static_cast<u32>(length), page.data()}}))
+  if (!appendLogEntry(
+          {LogPage{static_cast<u32>(start - HIVE_HEADER_SIZE), static_cast<u32>(length), page.data()}}))
     return false;
   done = size + (static_cast<const u8*>(buffer) == bytes ? 0 : bytes - static_cast<const u8*>(buffer));
   return true;

@@ -30,7 +30,9 @@ void MappedStripe::addMapping(u64 offset, u64 size, Ref<Interfaces::Stripe> log,
   _mappedEnd = std::max(_mappedEnd, end);
 }
 
-u64 MappedStripe::elementCount() { return std::max({_file->elementCount(), _mappedEnd, _virtualSize}); }
+u64 MappedStripe::elementCount() {
+  return std::max({_file->elementCount(), _mappedEnd, _virtualSize});
+}
 
 u64 MappedStripe::setElementCount(u64 count) {
   u64 done = 0;
@@ -53,7 +55,8 @@ u64 MappedStripe::readMapped(u64 position, void* buffer, u64 count) {
   count = std::min(count, size - position);
   u8* out = static_cast<u8*>(buffer);
   u64 fromFile = _file->readAt(position, out, count);
-  if (fromFile < count) std::memset(out + fromFile, 0, count - fromFile);  // beyond the file: only mapped bytes
+  if (fromFile < count)
+    std::memset(out + fromFile, 0, count - fromFile);  // beyond the file: only mapped bytes
   const u64 end = position + count;
   auto it = _segments.upper_bound(position);
   if (it != _segments.begin()) --it;

@@ -5,7 +5,9 @@
 namespace Libraries::Files::Hive {
 
 namespace {
-inline u32 rotl(u32 v, int n) { return (v << n) | (v >> (32 - n)); }
+inline u32 rotl(u32 v, int n) {
+  return (v << n) | (v >> (32 - n));
+}
 }  // namespace
 
 void Marvin32::block(u32 word) {

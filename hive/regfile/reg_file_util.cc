@@ -1,5 +1,8 @@
 #include "hive/regfile/reg_file_util.h"
 
+#include <algorithm>
+#include <vector>
+
 #include "hive/errors.h"
 #include "hive/regfile/reg_file_exporter.h"
 #include "hive/regfile/reg_file_importer.h"
@@ -31,6 +34,30 @@ bool fail(const RegFileDiagnostics& diagnostics, const std::string& toPrinter, c
 
 std::string utf8(const Ref<String>& s) {
   return s ? s->toUtf8() : std::string();
+}
+
+// Whether the text from the stripe's position on may hold "\\" or "\"" in
+// UTF-8 or UTF-16LE: a backslash byte whose next non-zero byte is another
+// backslash or a quote (a few other UTF-16 units match too). Strings read
+// the same whether or not the file is taken as escaped unless one of them
+// holds such a pair, so without any the scan for escapes can be skipped.
+// True when the stripe cannot be read.
+bool mayHoldEscapePair(Interfaces::Stripe& source) {
+  std::vector<Platform::u8> buffer(64 * 1024);
+  bool afterBackslash = false;
+  const u64 end = source.elementCount();
+  for (u64 at = source.pos(); at < end;) {
+    const u64 n = source.readAt(at, buffer.data(), std::min<u64>(buffer.size(), end - at));
+    if (n == 0 || n > buffer.size()) return true;
+    for (u64 i = 0; i < n; ++i) {
+      const Platform::u8 b = buffer[i];
+      if (b == 0) continue;
+      if (afterBackslash && (b == '\\' || b == '"')) return true;
+      afterBackslash = b == '\\';
+    }
+    at += n;
+  }
+  return false;
 }
 
 }  // namespace
@@ -88,7 +115,7 @@ bool RegFileUtil::importRegFile(const Ref<RegistryHive>& hive, const Ref<Interfa
   Ref<Platform::CharReader> reader = Platform::CharReader::create(source);
   if (!scan || !reader) return fail(errors, "Failed to create reader", "Failed to create reader");
   RegFileImportHandler handler(hive, prefix, errors, trace);
-  handler.setEscapedStrings(RegFileImportHandler::stringsEscaped(*scan));
+  handler.setEscapedStrings(!mayHoldEscapePair(*source) || RegFileImportHandler::stringsEscaped(*scan));
   u64 line = 0;
   const int result = Platform::IniParser::parse(*reader, handler, &line);
   if (result != Platform::IniParser::OK) {

@@ -63,6 +63,9 @@ class ValueObj : public Value {
 
  private:
   bool initExtents();
+  // The data's records are loaded and hold _dataSize bytes (true when
+  // resident); sets the error otherwise. Call before allocating for the data.
+  bool storageHolds();
   bool freeAllExtents();
   u32 resizeDbList(u32 newSize);
   bool writeRecordData();  // the 20 bytes from offset 4 of the vk record

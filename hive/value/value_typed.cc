@@ -59,6 +59,15 @@ void shortRead() {
 
 }  // namespace
 
+// The size field comes from the hive and may claim up to 2 GiB: only once
+// the data records are known to hold that much (which bounds it by the
+// file) may a reader allocate for it.
+bool ValueObj::storageHolds() {
+  if (_dataResident || initExtents()) return true;
+  shortRead();
+  return false;
+}
+
 bool ValueObj::setType(ValueType type) {
   Mon::Lock lock(_hive->mon());
   if (!_valid) {
@@ -106,6 +115,7 @@ Ref<String> ValueObj::string(u32 maxLength) {
     Error::set(Errors::STRING_ONE_BYTE);
     return nullptr;
   }
+  if (!storageHolds()) return nullptr;
   std::u16string text;
   const u32 got = readUnits(*this, units, text);
   if (got != 2 * units) {
@@ -254,6 +264,7 @@ Ref<TVector<Ref<String>>> ValueObj::strings(u32 maxLength) {
     Error::set(Errors::DATA_TOO_LONG);
     return nullptr;
   }
+  if (!storageHolds()) return nullptr;
   std::u16string text;
   const u32 got = readUnits(*this, units, text);
   if (got != 2 * units) {

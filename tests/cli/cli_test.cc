@@ -350,6 +350,29 @@ TEST_F(CliTest, DumpRefusesCyclesAndDeepTrees) {
   EXPECT_EQ(countLines(r.out, "K\t"), 512u);
 }
 
+// Subkey lists that each name the next key twice, 16 levels down: 2^16 paths
+// through 17 keys (a few more levels would never finish). Every listing of a
+// key is written, its subtree once.
+TEST_F(CliTest, DumpListsASharedSubtreeOnce) {
+  namespace Hive = Libraries::Files::Hive;
+  HiveBuilder b(5);
+  std::vector<u32> chain{b.root()};
+  for (int i = 0; i < 16; ++i) chain.push_back(b.key(chain.back(), u"k"));
+  b.layout();
+  for (size_t i = 0; i + 1 < chain.size(); ++i) {
+    u32 list = b.writeList(Hive::hive_record_list::SIGNATURE_LI, {chain[i + 1], chain[i + 1]});
+    Platform::W32(b.at(chain[i]) + Hive::hive_record_nk::OFS_KEY_LIST, list);
+    Platform::W32(b.at(chain[i]) + Hive::hive_record_nk::OFS_NUM_KEYS, 2);
+  }
+  writeFile(path("shared"), b.build());
+  Result r = hivekit({"dump", path("shared").string()});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("listed more than once"), std::string::npos) << r.err;
+  // The root, then per level the first listing (descended) and the second.
+  EXPECT_EQ(countLines(r.out, "K\t"), 1u + 2 * 16);
+  EXPECT_TRUE(hasLine(r.out, "K\t\\k\\k\t01d9c1a2b3c4d5e6\t2\t0")) << r.out;
+}
+
 TEST_F(CliTest, InfoReportsTheBaseBlock) {
   REQUIRE_TESTDATA();
   for (const auto& [hive, listing] : expectedListings()) {

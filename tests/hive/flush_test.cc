@@ -25,10 +25,12 @@ class Flush : public ::testing::Test {
   }
   Ref<RegistryHiveObj> open(u32 mode) {
     stripe = MemoryStripe::create(image);
-    return HiveFile::open(stripe, mode, latin1, [this] {
-             ++syncs;
-             return syncResult;
-           }).cast<RegistryHiveObj>();
+    return HiveFile::open(stripe, mode, latin1,
+                          [this] {
+                            ++syncs;
+                            return syncResult;
+                          })
+        .cast<RegistryHiveObj>();
   }
   bool change(RegistryHiveObj& hive, u8 value) {
     const u8 data[4] = {value, value, value, value};

@@ -1,7 +1,6 @@
 // Opening a hive: mode flags, base block checks, arguments, the path
 // overload, names, and creating a new hive.
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cstdio>
@@ -71,10 +70,15 @@ TEST(OpenBaseBlock, EachCheckFailsWithItsMessage) {
     const char* message;
   };
   const std::vector<Case> cases = {
-      {"signature", [](HiveBuilder& b) { b.patch(0, {'r', 'e', 'g', 'x'}); }, "Wrong signature: "},
+      {"signature",
+       [](HiveBuilder& b) {
+         b.patch(0, {'r', 'e', 'g', 'x'});
+       },
+       "Wrong signature: "},
       {"length beyond file", [](HiveBuilder& b) { b.setHbinsSize(8192); }, "File too small, file size:    "},
       {"length wraps", [](HiveBuilder& b) { b.setHbinsSize(0xfffff000u); }, "minimum size: "},
-      {"major 2", [](HiveBuilder& b) { b.setVersion(2, 5); }, "Unsupported registry version, major=2 minor=5"},
+      {"major 2", [](HiveBuilder& b) { b.setVersion(2, 5); },
+       "Unsupported registry version, major=2 minor=5"},
       {"checksum", [](HiveBuilder& b) { b.corruptChecksum(); }, "Checksum wrong"},
       {"dirty", [](HiveBuilder& b) { b.setSequence(3, 2); },
        "Primary Sequence Number and Secondary Sequence Number are different"},
@@ -89,14 +93,10 @@ TEST(OpenBaseBlock, EachCheckFailsWithItsMessage) {
     Attempt a = attempt(b.build(), 0, c.message);
     EXPECT_FALSE(a.opened) << c.what;
     EXPECT_TRUE(a.logged) << c.what;
+    if (std::string(c.what).rfind("root", 0) == 0) {
+      EXPECT_EQ(a.error, Errors::ROOT_INVALID) << c.what;
+    }
   }
-}
-
-TEST(OpenBaseBlock, RootErrorsSetTheirCode) {
-  HiveBuilder b;
-  b.root();
-  b.setRootOffset(b.writeVk({}));
-  EXPECT_EQ(attempt(b.build(), 0, "").error, Errors::ROOT_INVALID);
 }
 
 TEST(OpenBaseBlock, FileMustHoldTheWholeHiveBinsData) {
@@ -139,8 +139,9 @@ TEST(OpenBaseBlock, DirtyHiveWithoutLogsOpensOnlyReadOnlyAcceptingDirt) {
   Ref<RegistryHiveObj> hive = openBytes(image, 0x11);
   ASSERT_TRUE(hive);
   EXPECT_TRUE(hive->dirty());
-  EXPECT_TRUE(capture.contains("Primary Sequence Number and Secondary Sequence Number are different; hive "
-                               "considered dirty"));
+  EXPECT_TRUE(
+      capture.contains("Primary Sequence Number and Secondary Sequence Number are different; hive "
+                       "considered dirty"));
 }
 
 // A stripe of 2-byte elements.

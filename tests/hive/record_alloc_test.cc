@@ -67,13 +67,15 @@ TEST_F(Growth, FullHiveGrowsByTheSmallestHbinThatHolds) {
   EXPECT_EQ(lengthOf(*hive, b + 4072, true), 8192u - 32 - 4072);
   EXPECT_EQ(hive->hiveLength(), 16384u);
 
-  // The base block reached the file at once, with a valid checksum.
+  // The file grew at once, but its base block counts the new hbins only
+  // once the flush has written them.
   const std::vector<u8>& file = stripe->bytes();
   ASSERT_EQ(file.size(), 4096u + 16384);
+  EXPECT_EQ(L32(file.data() + hive_header::OFS_LENGTH), 4096u);
+  ASSERT_TRUE(hive->flush());
   EXPECT_EQ(L32(file.data() + hive_header::OFS_LENGTH), 16384u);
   EXPECT_EQ(calculateHeaderChecksum(file.data()), L32(file.data() + hive_header::OFS_CHECKSUM));
 
-  ASSERT_TRUE(hive->flush());
   const u8* second = file.data() + 4096 + 4096;
   EXPECT_EQ(B32(second), hive_hbin::SIGNATURE);
   EXPECT_EQ(L32(second + hive_hbin::OFS_OFFSET), 4096u);
@@ -139,31 +141,22 @@ TEST_F(Layout, FirstOfEqualFreeRecordsIsTaken) {
   EXPECT_EQ(hive->allocateRecord(64), second);
 }
 
-TEST_F(Layout, ExactFitLeavesNoRemainderAndDoesNotMerge) {
+TEST_F(Layout, ExactFitLeavesNoRemainderSmallerFitMergesTheFreeSpaceBehind) {
   HiveBuilder b = start();
   const u32 a = b.cell(32);
   const u32 behind = b.cell(16);
-  b.cell(4096 - 32 - 48);
-  b.freeCell(a);
-  b.freeCell(behind);
+  const u32 c = b.cell(32);
+  const u32 behindC = b.cell(16);
+  b.cell(4096 - 32 - 96);
+  for (u32 r : {a, behind, c, behindC}) b.freeCell(r);
   open(b);
   EXPECT_EQ(hive->allocateRecord(32), a);
   EXPECT_EQ(lengthOf(*hive, a, false), 32u);
-  EXPECT_EQ(lengthOf(*hive, behind, true), 16u);
-}
-
-TEST_F(Layout, SmallerAllocationMergesTheFreeRecordsBehind) {
-  HiveBuilder b = start();
-  const u32 a = b.cell(32);
-  const u32 behind = b.cell(16);
-  b.cell(4096 - 32 - 48);
-  b.freeCell(a);
-  b.freeCell(behind);
-  open(b);
-  ASSERT_EQ(hive->allocateRecord(8), a);
-  EXPECT_EQ(lengthOf(*hive, a + 8, true), 24u + 16) << "remainder plus the free record behind";
+  EXPECT_EQ(lengthOf(*hive, behind, true), 16u) << "no remainder, and the free record behind stays";
+  ASSERT_EQ(hive->allocateRecord(8), c);
+  EXPECT_EQ(lengthOf(*hive, c + 8, true), 24u + 16) << "remainder plus the free record behind";
   EXPECT_EQ(hive->hbins()[1].freeSize, 40u);
-  EXPECT_EQ(hive->hbins()[1].freeOffset, a + 8);
+  EXPECT_EQ(hive->hbins()[1].freeOffset, c + 8);
 }
 
 TEST_F(Layout, ShrinkingMergesTheFreedTailWithTheFreeSpaceBehind) {

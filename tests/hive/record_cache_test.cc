@@ -51,8 +51,12 @@ TEST(HbinScan, DamagedHeaderStopsTheScan) {
     const char* message;
   };
   const std::vector<Case> cases = {
-      {[](HiveBuilder& b) { b.patch(8192, {'h', 'b', 'i', 'x'}); }, "Unexpected hbin signature: "},
-      {[](HiveBuilder& b) { b.patch32(8192 + 4, 0); }, "Wrong offset for hbin, offset = 0 does not match file offset 4096"},
+      {[](HiveBuilder& b) {
+         b.patch(8192, {'h', 'b', 'i', 'x'});
+       },
+       "Unexpected hbin signature: "},
+      {[](HiveBuilder& b) { b.patch32(8192 + 4, 0); },
+       "Wrong offset for hbin, offset = 0 does not match file offset 4096"},
       {[](HiveBuilder& b) { b.patch32(8192 + 8, 100); }, "Invalid size for hbin: 100"},
       {[](HiveBuilder& b) { b.patch32(8192 + 8, 0); }, "Invalid size for hbin: 0"},
       {[](HiveBuilder& b) { b.patch32(8192 + 8, 8192); }, "Hbin exeeds total length"},
@@ -115,7 +119,8 @@ TEST(RecordValidity, OffsetsThatAreNoUsedRecordStartFail) {
   EXPECT_TRUE(loadFailsWith(*hive, hbin + 8, "Record intersects with HBIN header, record ofs: 4104"));
   EXPECT_TRUE(loadFailsWith(*hive, hbin, "Record intersects with HBIN header, record ofs: 4096"));
   EXPECT_TRUE(loadFailsWith(*hive, big + 8, "Record is not valid: " + std::to_string(big + 8)));
-  EXPECT_TRUE(loadFailsWith(*hive, freed, "Attempt to access an unused record, record=" + std::to_string(freed)));
+  EXPECT_TRUE(
+      loadFailsWith(*hive, freed, "Attempt to access an unused record, record=" + std::to_string(freed)));
   EXPECT_TRUE(loadFailsWith(*hive, zero, "Attempt to access an unused record, record="));
   EXPECT_TRUE(loadFailsWith(*hive, after, "Record with 0 size -> HBIN is invalid, hbin: 4096"));
   EXPECT_TRUE(loadFailsWith(*hive, 0x7ffff000, "No hbin holds record: "));
@@ -124,7 +129,8 @@ TEST(RecordValidity, OffsetsThatAreNoUsedRecordStartFail) {
   Error::set(0);
   EXPECT_EQ(hive->cacheLoadRecord(a + 4), nullptr);
   EXPECT_EQ(Error::get(), Errors::MISALIGNED_RECORD);
-  EXPECT_TRUE(capture.contains("Attempt to access record with invalid alignment, offset: " + std::to_string(a + 4)));
+  EXPECT_TRUE(
+      capture.contains("Attempt to access record with invalid alignment, offset: " + std::to_string(a + 4)));
 }
 
 TEST(RecordValidity, RecordRunningPastItsHbinIsRefused) {
@@ -177,7 +183,8 @@ TEST(RecordCache, FullCacheIsFlushedAndEmptied) {
   EXPECT_EQ(highest, 1u << 20);
   EXPECT_LT(hive->cacheUsed(), 300u * 4096) << "the cache was emptied on the way";
   EXPECT_EQ(hive->cacheSize(), 1u << 20) << "emptying does not grow the cache";
-  EXPECT_EQ(stripe->bytes()[4096 + records[0] + 4], 'd') << "the dirty hbin was written before the cache emptied";
+  EXPECT_EQ(stripe->bytes()[4096 + records[0] + 4], 'd')
+      << "the dirty hbin was written before the cache emptied";
   // And the change is what a reload of that hbin shows.
   EXPECT_EQ(hive->cacheLoadRecord(records[0])->bytes()[4], 'd');
 }
@@ -207,7 +214,9 @@ TEST(RecordCache, RecordStartIndexFollowsEveryBoundaryChange) {
   // Payloads of all ones look like used size fields wherever a stale index
   // would still claim a record start.
   const std::vector<u8> ones(8192, 0xff);
-  const auto fill = [&](u32 r) { return hive->writeRecord(r, ones.data(), 4, hive->cacheLoadRecord(r)->length() - 4); };
+  const auto fill = [&](u32 r) {
+    return hive->writeRecord(r, ones.data(), 4, hive->cacheLoadRecord(r)->length() - 4);
+  };
   for (int step = 0; step < 150; ++step) {
     const u32 op = rng() % 5;
     if (op <= 1 || live.empty()) {

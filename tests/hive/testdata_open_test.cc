@@ -17,7 +17,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-fs::path hivesDir() { return fs::path(HIVEKIT_SOURCE_DIR) / ".." / "shared" / "testdata" / "hives"; }
+fs::path hivesDir() {
+  return fs::path(HIVEKIT_SOURCE_DIR) / ".." / "shared" / "testdata" / "hives";
+}
 
 // The hive files: plain files, and in each directory the one whose name is
 // the directory's stem (its logs and recovered copies are not hives to open).
@@ -31,7 +33,8 @@ std::vector<fs::path> hiveFiles() {
     if (!entry.is_directory()) continue;
     for (const auto& inner : fs::directory_iterator(entry.path())) {
       const std::string name = inner.path().filename().string();
-      if (name.find(".LOG") == std::string::npos && name.rfind("Recovered", 0) != 0) out.push_back(inner.path());
+      if (name.find(".LOG") == std::string::npos && name.rfind("Recovered", 0) != 0)
+        out.push_back(inner.path());
     }
   }
   std::sort(out.begin(), out.end());

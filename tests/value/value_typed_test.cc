@@ -1,5 +1,7 @@
 // Typed access: numbers, strings and string lists, with their byte layouts
 // and error codes.
+#include <sys/resource.h>
+
 #include "hive/errors.h"
 #include "platform/error.h"
 #include "tests/value/value_test_util.h"
@@ -11,6 +13,7 @@ namespace Hive = Libraries::Files::Hive;
 namespace Errors = Hive::Errors;
 namespace Error = Platform::Error;
 using Platform::TVector;
+using Platform::W32;
 
 std::vector<u8> bytesOf(std::initializer_list<int> v) {
   return std::vector<u8>(v.begin(), v.end());
@@ -159,6 +162,38 @@ TEST_F(ValueTyped, StringLists) {
   Ref<ValueObj> s = make("s", 1);
   EXPECT_EQ(s->strings(100), nullptr);
   EXPECT_EQ(Error::get(), Errors::WRONG_TYPE);
+}
+
+// Peak resident memory of the process so far, in MiB.
+long peakMiB() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss / 1024;
+}
+
+// A size field is hostile: a string or string list whose vk record claims
+// almost 2 GiB of data in records that hold 64 bytes is refused as damaged,
+// without first allocating room for what it claims.
+TEST(ValueTypedDamaged, SizeBeyondItsRecordsIsRefusedBeforeAllocating) {
+  HiveBuilder b(3);  // one data record of any size
+  const u32 root = b.root();
+  const u32 s = b.value(root, u"s", 1, std::vector<u8>(64, 'a'));
+  const u32 m = b.value(root, u"m", 7, std::vector<u8>(64, 'a'));
+  b.layout();
+  for (u32 vk : {s, m}) W32(b.at(vk) + Hive::hive_record_vk::OFS_DATA_SIZE, 0x7ffffff0u);
+  Ref<RegistryHiveObj> hive = openImage(b.build(), Hive::modeReadOnly);
+  ASSERT_TRUE(hive);
+
+  const long before = peakMiB();
+  auto text = makeRef<ValueObj>(hive, s, nullptr);
+  ASSERT_TRUE(text->valid());
+  EXPECT_EQ(text->string(0xffffffffu), nullptr);
+  EXPECT_EQ(Error::get(), Errors::BAD_VALUE_RECORD);
+  auto list = makeRef<ValueObj>(hive, m, nullptr);
+  ASSERT_TRUE(list->valid());
+  EXPECT_EQ(list->strings(0xffffffffu), nullptr);
+  EXPECT_EQ(Error::get(), Errors::BAD_VALUE_RECORD);
+  EXPECT_LT(peakMiB() - before, 512);
 }
 
 }  // namespace

@@ -1,0 +1,233 @@
+// make_seeds DIR: writes starting inputs for the fuzz targets into
+// DIR/open, DIR/log and DIR/regfile (see make_seeds.sh). Every seed is made
+// here, with the test hive builder or the library itself, so none has to
+// be kept as a binary file.
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "fuzz/fuzz_hives.h"
+#include "hive/regfile/reg_file_util.h"
+#include "tests/support/hive_builder.h"
+
+namespace {
+
+namespace Hive = Libraries::Files::Hive;
+using hivekit::test::HiveBuilder;
+using hivekit::test::NameForm;
+using Platform::MemoryStripe;
+using Platform::Ref;
+using Platform::String;
+using Platform::u32;
+using Platform::u8;
+
+std::filesystem::path gDir;
+
+void write(const std::string& sub, const std::string& name, const std::vector<u8>& bytes) {
+  std::filesystem::create_directories(gDir / sub);
+  std::ofstream out(gDir / sub / name, std::ios::binary);
+  out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+std::vector<u8> prepend(u8 selector, const std::vector<u8>& image) {
+  std::vector<u8> out{selector};
+  out.insert(out.end(), image.begin(), image.end());
+  return out;
+}
+
+std::vector<u8> sz(const std::u16string& s) {
+  std::vector<u8> out = HiveBuilder::utf16le(s);
+  out.insert(out.end(), {0, 0});
+  return out;
+}
+
+std::vector<u8> pattern(size_t n) {
+  std::vector<u8> out(n);
+  for (size_t i = 0; i < n; ++i) out[i] = static_cast<u8>(i * 7);
+  return out;
+}
+
+// Every value storage form and type, names of both forms.
+std::vector<u8> typesHive() {
+  HiveBuilder b(5);
+  u32 root = b.root();
+  u32 k = b.key(root, u"Types");
+  b.value(k, u"", 1, sz(u"default"));
+  b.value(k, u"sz", 1, sz(u"text"));
+  b.value(k, u"expand", 2, sz(u"%PATH%"));
+  b.value(k, u"small", 3, {1, 2});
+  b.value(k, u"blob", 3, pattern(100));
+  b.value(k, u"big", 3, pattern(17000));
+  b.value(k, u"dword", 4, {1, 0, 0, 0});
+  b.value(k, u"be", 5, {0, 0, 0, 1});
+  std::vector<u8> multi = sz(u"a");
+  for (u8 c : sz(u"bc")) multi.push_back(c);
+  multi.insert(multi.end(), {0, 0});
+  b.value(k, u"multi", 7, multi);
+  b.value(k, u"qword", 11, {1, 2, 3, 4, 5, 6, 7, 8});
+  b.value(k, u"\u0416name", 1, sz(u"\u0416"), NameForm::utf16);
+  u32 sub = b.key(k, u"Caf\u00e9");
+  b.key(sub, u"\u0416", NameForm::utf16);
+  return b.build();
+}
+
+// Subkey lists split over an ri (lf before 1.4, lh after).
+std::vector<u8> riHive(u32 minor) {
+  HiveBuilder b(minor);
+  b.setMaxListEntries(3);
+  u32 root = b.root();
+  for (char16_t c = u'a'; c < u'a' + 8; ++c) {
+    u32 k = b.key(root, std::u16string(1, c) + u"key");
+    b.value(k, u"v", 4, {static_cast<u8>(c), 0, 0, 0});
+  }
+  return b.build();
+}
+
+// An li list made by hand.
+std::vector<u8> liHive() {
+  HiveBuilder b(5);
+  u32 root = b.root();
+  u32 a = b.key(root, u"a");
+  u32 c = b.key(root, u"c");
+  b.layout();
+  u32 list = b.writeList(Hive::hive_record_list::SIGNATURE_LI, {a, c});
+  Platform::W32(b.at(root) + Hive::hive_record_nk::OFS_KEY_LIST, list);
+  return b.build();
+}
+
+void openSeeds() {
+  const std::vector<u8> types = typesHive();
+  for (u8 selector : {0, 1, 2, 3, 4, 8}) write("open", "types-" + std::to_string(selector), prepend(selector, types));
+  for (u8 selector : {0, 3, 4}) {
+    write("open", "ri3-" + std::to_string(selector), prepend(selector, riHive(3)));
+    write("open", "ri5-" + std::to_string(selector), prepend(selector, riHive(5)));
+  }
+  write("open", "li", prepend(0, liHive()));
+  write("open", "li-w", prepend(3, liHive()));
+  write("open", "dirty", prepend(1, hivekit::fuzz::dirtyHive()));
+  Ref<MemoryStripe> empty = MemoryStripe::create();
+  { Hive::HiveFile::create(empty, 3, Hive::latin1, {}); }
+  write("open", "empty-w", prepend(3, empty->bytes()));
+}
+
+std::vector<u8> logInput(u8 flags, const std::vector<u8>& log1, const std::vector<u8>& log2) {
+  std::vector<u8> out{flags, static_cast<u8>(log1.size()), static_cast<u8>(log1.size() >> 8)};
+  if (log1.size() > 0xffff) return {};
+  out.insert(out.end(), log1.begin(), log1.end());
+  out.insert(out.end(), log2.begin(), log2.end());
+  return out;
+}
+
+// A new-format log as the library writes it: the dirty hive opened
+// writable over a started log with no entries, changed and flushed.
+std::vector<u8> writtenLog() {
+  const std::vector<u8>& hive = hivekit::fuzz::dirtyHive();
+  std::vector<u8> header(hive.begin(), hive.begin() + 512);
+  Platform::W32(header.data() + Hive::hive_header::OFS_PRIMARY_SEQ, 1);
+  Platform::W32(header.data() + Hive::hive_header::OFS_SECONDARY_SEQ, 1);
+  Platform::W32(header.data() + Hive::hive_header::OFS_TYPE, 6);
+  Platform::W32(header.data() + Hive::hive_header::OFS_CHECKSUM, Hive::calculateHeaderChecksum(header.data()));
+  Ref<MemoryStripe> log = MemoryStripe::create(header);
+  Hive::HiveFile::LogFiles logs;
+  logs.log1 = log;
+  Ref<Hive::HiveFile> h = Hive::HiveFile::open(MemoryStripe::create(hive), logs, 0, Hive::latin1, {});
+  if (!h) return header;
+  h->root()->createKey(String::create("logged"));
+  h->flush();
+  if (Ref<Hive::Key> k = h->root()->key(String::create("beta"))) {
+    if (Ref<Hive::Value> v = k->createValue(String::create("w"), 1)) v->setString(String::create("written"));
+  }
+  h->flush();
+  return log->bytes();
+}
+
+// An old-format log: a dirty vector marking the first page, then the page.
+std::vector<u8> oldLog() {
+  const std::vector<u8>& hive = hivekit::fuzz::dirtyHive();
+  std::vector<u8> log(hive.begin(), hive.begin() + 512);
+  Platform::W32(log.data() + Hive::hive_header::OFS_PRIMARY_SEQ, 1);
+  Platform::W32(log.data() + Hive::hive_header::OFS_SECONDARY_SEQ, 1);
+  Platform::W32(log.data() + Hive::hive_header::OFS_TYPE, 1);
+  Platform::W32(log.data() + Hive::hive_header::OFS_CHECKSUM, Hive::calculateHeaderChecksum(log.data()));
+  const u32 length = Platform::L32(hive.data() + Hive::hive_header::OFS_LENGTH);
+  const size_t vectorSize = ((((length >> 9) + 7) >> 3) + 0x203) & ~size_t{0x1FF};
+  std::vector<u8> vector(vectorSize, 0);
+  std::memcpy(vector.data(), "DIRT", 4);
+  vector[4] = 0xFF;
+  log.insert(log.end(), vector.begin(), vector.end());
+  log.insert(log.end(), hive.begin() + 4096, hive.begin() + 8192);
+  return log;
+}
+
+void logSeeds() {
+  const std::vector<u8> written = writtenLog();
+  const std::vector<u8> old = oldLog();
+  for (u8 mode : {0, 1, 2, 3}) {
+    write("log", "new-" + std::to_string(mode), logInput(mode, written, {}));
+    write("log", "new-fixed-" + std::to_string(mode), logInput(mode | 0x0C, written, {}));
+    write("log", "both-" + std::to_string(mode), logInput(mode, written, written));
+    write("log", "old-" + std::to_string(mode), logInput(mode, old, {}));
+  }
+  write("log", "primary", logInput(0x13, old, {}));
+  write("log", "raw", logInput(0x0C, std::vector<u8>(2048, 0), std::vector<u8>(1024, 0)));
+}
+
+std::vector<u8> utf16(const std::string& text) {
+  std::vector<u8> out{0xFF, 0xFE};
+  for (char16_t c : Platform::utf8ToUtf16(text)) {
+    out.push_back(static_cast<u8>(c));
+    out.push_back(static_cast<u8>(c >> 8));
+  }
+  return out;
+}
+
+void regSeeds() {
+  const std::string text =
+      "Windows Registry Editor Version 5.00\r\n\r\n"
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\A]\r\n"
+      "@=\"default\"\r\n"
+      "\"s\"=\"a \\\"quoted\\\" text\"\r\n"
+      "\"d\"=dword:0000002a\r\n"
+      "\"b\"=hex:01,02,03,\\\r\n  04\r\n"
+      "\"m\"=hex(7):61,00,00,00,00,00\r\n"
+      "\"q\"=hex(b):01,00,00,00,00,00,00,00\r\n"
+      "\"e\"=hex(2):25,00,00,00\r\n\r\n"
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\A\\B\\C]\r\n"
+      "\"x\"=-\r\n\r\n"
+      "[-HKEY_LOCAL_MACHINE\\SOFTWARE\\A\\B]\r\n\r\n"
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE]\r\n"
+      "\"root\"=\"r\"\r\n";
+  write("regfile", "utf16", prepend(0, utf16(text)));
+  write("regfile", "utf8", prepend(0x20, std::vector<u8>(text.begin(), text.end())));
+  const std::string plain =
+      "REGEDIT4\r\n\r\n[A]\r\n\"v\"=\"w\"\r\n[A\\B]\r\n@=dword:1\r\n[-A\\B]\r\n[A\\\\C]\r\n";
+  write("regfile", "prefix-a", prepend(0x22, std::vector<u8>(plain.begin(), plain.end())));
+  write("regfile", "prefix-empty", prepend(0x31, utf16(plain)));
+
+  // What the exporter writes for the types hive.
+  Ref<Hive::HiveFile> h = Hive::HiveFile::open(MemoryStripe::create(typesHive()), 1, Hive::latin1, {});
+  if (!h) return;
+  Ref<MemoryStripe> out = MemoryStripe::create();
+  Hive::RegFileUtil::exportRegFile(h->root(), out, String::create("HKEY_LOCAL_MACHINE/SOFTWARE"), 0);
+  write("regfile", "export", prepend(0, out->bytes()));
+  out = MemoryStripe::create();
+  Hive::RegFileUtil::exportRegFile(h->root(), out, String::create("HKEY_LOCAL_MACHINE/SOFTWARE"), 2);
+  write("regfile", "export-binary", prepend(8, out->bytes()));
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: make_seeds DIR\n");
+    return 2;
+  }
+  gDir = argv[1];
+  openSeeds();
+  logSeeds();
+  regSeeds();
+  return 0;
+}

@@ -1,0 +1,64 @@
+// Fuzz target: a hive image from an untrusted source.
+//
+// Input: one selector byte, then the image. The selector's low bits choose
+// how the hive is opened:
+//   0 read-only, 1 read-only accepting a dirty hive, 2 read-only unsafe,
+//   3 writable (then a few changes driven by the image's last bytes, a
+//   flush into the in-memory stripe, and a read-only walk of the result);
+// bit 2 adds linear fallback in subkey search, bits 3-4 pick the codepage;
+// read-only: bit 5 exports the hive as registry text, with the options in
+// bits 6-7.
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "fuzz/fuzz_walk.h"
+#include "hive/regfile/reg_file_util.h"
+#include "platform/memory_stripe.h"
+
+using namespace hivekit::fuzz;
+using Libraries::Files::Hive::HiveCodepage;
+using Platform::MemoryStripe;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 1) return 0;
+  const u8 selector = data[0];
+  std::vector<u8> image(data + 1, data + size);
+  static const u32 kModes[] = {0x1, 0x11, 0x5, 0x0};
+  u32 mode = kModes[selector & 3];
+  if (selector & 4) mode |= 0x20;
+  const HiveCodepage codepage = static_cast<HiveCodepage>((selector >> 3) & 3);
+
+  if (mode & 0x1) {
+    Ref<MemoryStripe> stripe = MemoryStripe::create(std::move(image));
+    Ref<HiveFile> hive = HiveFile::open(stripe, mode, codepage, {});
+    if (!hive) return 0;
+    walkHive(hive);
+    // What `hivekit export` does with a damaged hive.
+    if (selector & 0x20) {
+      Ref<MemoryStripe> text = MemoryStripe::create();
+      (void)Libraries::Files::Hive::RegFileUtil::exportRegFile(hive->root(), text, String::create("HKEY_X"),
+                                                               (selector >> 6) & 3, [](const std::string&) {});
+    }
+    return 0;
+  }
+
+  // Writable: the operations come from the tail of the input, so the same
+  // bytes are both image and script (the image ignores trailing bytes past
+  // its hbins, and damaging the tail is just another damaged hive).
+  const size_t scriptLength = image.size() < 64 ? image.size() : 64;
+  ByteSource ops(data + size - scriptLength, scriptLength);
+  Ref<MemoryStripe> stripe = MemoryStripe::create(std::move(image));
+  {
+    Ref<HiveFile> hive = HiveFile::open(stripe, mode, codepage, {});
+    if (!hive) return 0;
+    walkHive(hive, {2000, 4096, 1u << 16});
+    mutateHive(hive, ops, 24);
+    (void)hive->flush();
+    walkHive(hive, {2000, 4096, 1u << 16});
+  }
+  // What a writer left behind must open again (or be refused cleanly).
+  Ref<MemoryStripe> again = MemoryStripe::create(stripe->bytes());
+  if (Ref<HiveFile> reopened = HiveFile::open(again, 0x1, codepage, {})) walkHive(reopened, {2000, 4096, 1u << 16});
+  return 0;
+}

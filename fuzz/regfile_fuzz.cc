@@ -1,0 +1,63 @@
+// Fuzz target: registry text (.reg) from an untrusted source.
+//
+// Input: one selector byte, then the text as it would stand in a file
+// (UTF-16 with or without a byte order mark, or UTF-8). The selector picks
+// the prefix sections must start with (bits 0-1), the export options (bits
+// 2-3), the hive version (bit 4) and whether the hive starts with a few keys
+// for the text to delete or overwrite (bit 5). The text is imported, the
+// hive exported, and the export imported into a fresh hive again.
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "fuzz/fuzz_walk.h"
+#include "hive/regfile/reg_file_util.h"
+#include "platform/memory_stripe.h"
+
+using namespace hivekit::fuzz;
+namespace Hive = Libraries::Files::Hive;
+using Hive::RegFileUtil;
+using Platform::MemoryStripe;
+
+namespace {
+
+void discard(const std::string&) {}
+
+void populate(const Ref<HiveFile>& hive) {
+  Ref<Key> root = hive->root();
+  Ref<Key> a = root->createKey(String::create("A"));
+  if (!a) return;
+  Ref<Key> b = a->createKey(String::create("B"));
+  if (Ref<Value> v = a->createValue(String::create("s"), 1)) v->setString(String::create("x"));
+  if (b) {
+    if (Ref<Value> v = b->createValue(String::create(""), 4)) v->setNumber(1);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 1) return 0;
+  const u8 selector = data[0];
+  static const char* const kPrefixes[] = {"HKEY_LOCAL_MACHINE/SOFTWARE", "", "A", "HKEY_CURRENT_USER"};
+  Ref<String> prefix = String::create(kPrefixes[selector & 3]);
+  const u32 options = (selector >> 2) & 3;
+  const u32 minor = (selector & 16) ? 3 : 5;
+
+  Ref<HiveFile> hive = HiveFile::create(MemoryStripe::create(), minor, Hive::latin1, {});
+  if (!hive) return 0;
+  if (selector & 32) populate(hive);
+  Ref<MemoryStripe> source = MemoryStripe::create(std::vector<u8>(data + 1, data + size));
+  (void)RegFileUtil::importRegFile(hive, source, prefix, discard, (selector & 64) != 0);
+  walkHive(hive, {5000, 4096, 1u << 16});
+
+  Ref<MemoryStripe> exported = MemoryStripe::create();
+  if (!RegFileUtil::exportRegFile(hive->root(), exported, prefix, options, discard)) return 0;
+  if (exported->bytes().size() > (64u << 20)) __builtin_trap();  // unbounded growth
+
+  Ref<HiveFile> second = HiveFile::create(MemoryStripe::create(), minor, Hive::latin1, {});
+  if (!second) return 0;
+  exported->seek(0);
+  (void)RegFileUtil::importRegFile(second, exported, prefix, discard, false);
+  return 0;
+}

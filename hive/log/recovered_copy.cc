@@ -1,0 +1,92 @@
+// A clean copy of a hive as the library reads it: what `hivekit recover`
+// writes, so that a dirty hive can be handed to any reader without its logs
+// and without touching the original files.
+#include <algorithm>
+#include <vector>
+
+#include "hive/registry_hive.h"
+#include "platform/error.h"
+
+namespace Libraries::Files::Hive {
+
+bool RegistryHiveObj::writeRecoveredCopy(Ref<Interfaces::Stripe> target) {
+  Mon::Lock lock(_mon);
+  if (!target) {
+    HK_LOG(hiveLog, 4) << "No stripe given for the recovered copy";
+    Error::set(Errors::NULL_ARGUMENT);
+    return false;
+  }
+  if (target->elementSize() != 1) {
+    HK_LOG(hiveLog, 4) << "Stripe object with element size != 1 not supported";
+    Error::set(Errors::NOT_SUPPORTED);
+    return false;
+  }
+  bool own = target == _file || target.get() == _stripe.get();
+  for (const LogFileInfo& log : _logs) own = own || (log.stripe && target == log.stripe);
+  if (own) {
+    HK_LOG(hiveLog, 4) << "The recovered copy cannot overwrite the hive or one of its logs";
+    Error::set(Errors::INVALID_ARGUMENT);
+    return false;
+  }
+  if (target->elementCount() != 0) {
+    HK_LOG(hiveLog, 4) << "The recovered copy needs an empty stripe, size: " << target->elementCount();
+    Error::set(Errors::INVALID_ARGUMENT);
+    return false;
+  }
+
+  // Both sequence numbers become the highest the hive and its replayed
+  // entries have used: one past the last new-format entry applied (which is
+  // what Windows writes after recovering a hive), else the primary file's
+  // primary number. The logs of the original are then stale beside the
+  // copy, and whatever writes the copy next goes on from there.
+  u64 sequence =
+      std::max(L32(_header + hive_header::OFS_PRIMARY_SEQ), L32(_header + hive_header::OFS_SECONDARY_SEQ));
+  if (_appliedLog != NO_LOG && _logs[_appliedLog].newFormat())
+    sequence = std::max<u64>(sequence, u64{_appliedSequence} + 1);
+  sequence = std::min<u64>(sequence, 0xffffffffu);
+  u8 block[hive_header::SIZE];
+  std::copy(_header, _header + hive_header::SIZE, block);
+  W32(block + hive_header::OFS_PRIMARY_SEQ, static_cast<u32>(sequence));
+  W32(block + hive_header::OFS_SECONDARY_SEQ, static_cast<u32>(sequence));
+  W32(block + hive_header::OFS_TYPE, 0);
+  W32(block + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(block));
+  if (target->writeAt(0, block, sizeof block) != sizeof block) {
+    HK_LOG(hiveLog, 4) << "Failed to write the base block of the recovered copy; error: "
+                       << Log::hex(Error::get());
+    return false;
+  }
+
+  // The hive bins data, in pieces, as the stripe reads it (the log's pages
+  // over the file's), with the hbins changed in the cache but not yet
+  // flushed laid over that.
+  constexpr u32 CHUNK = 1 << 20;
+  const u32 length = hiveLength();
+  std::vector<u8> buffer(std::min(CHUNK, length));
+  for (u32 done = 0; done < length;) {
+    const u32 n = std::min(CHUNK, length - done);
+    const u64 position = u64{HIVE_HEADER_SIZE} + done;
+    if (_stripe->readAt(position, buffer.data(), n) != n) {
+      HK_LOG(hiveLog, 4) << "Failed to read hive data at " << position << " of size " << n
+                         << " for the recovered copy; error: " << Log::hex(Error::get());
+      return false;
+    }
+    for (const CachedHbin& cached : _cachedHbins) {
+      if (!cached.dirty) continue;
+      const HbinEntry& hbin = _hbins[cached.hbinIdx];
+      const u64 from = std::max<u64>(hbin.offset, done),
+                to = std::min<u64>(u64{hbin.offset} + hbin.size, done + n);
+      if (from < to)
+        std::copy(_cache + cached.place + (from - hbin.offset), _cache + cached.place + (to - hbin.offset),
+                  buffer.begin() + (from - done));
+    }
+    if (target->writeAt(position, buffer.data(), n) != n) {
+      HK_LOG(hiveLog, 4) << "Failed to write the recovered copy at " << position << " of size " << n
+                         << "; error: " << Log::hex(Error::get());
+      return false;
+    }
+    done += n;
+  }
+  return true;
+}
+
+}  // namespace Libraries::Files::Hive
