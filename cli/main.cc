@@ -84,10 +84,10 @@ int run(int argc, char** argv) {
 
   Context ctx;
   ctx.command = command;
-  std::vector<OptionSpec> specs = COMMON_OPTIONS;
-  specs.insert(specs.end(), command->options.begin(), command->options.end());
+  std::vector<OptionSpec> optionList = COMMON_OPTIONS;
+  optionList.insert(optionList.end(), command->options.begin(), command->options.end());
   std::string error;
-  if (!parseArgs(std::vector<std::string>(argv + 2, argv + argc), specs, ctx.args, error) ||
+  if (!parseArgs(std::vector<std::string>(argv + 2, argv + argc), optionList, ctx.args, error) ||
       !readCommonOptions(ctx.args, ctx.common, error)) {
     return usageError(command, error);
   }

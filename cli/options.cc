@@ -24,10 +24,10 @@ const std::vector<std::string>& ParsedArgs::values(const std::string& name) cons
   return it == options.end() ? none : it->second;
 }
 
-bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& specs, ParsedArgs& out,
+bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& optionList, ParsedArgs& out,
                std::string& error) {
   auto find = [&](const std::string& name) -> const OptionSpec* {
-    for (const OptionSpec& s : specs)
+    for (const OptionSpec& s : optionList)
       if (name == s.name) return &s;
     return nullptr;
   };
@@ -51,23 +51,23 @@ bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpe
       value = arg.substr(eq + 1);
       inlineValue = true;
     }
-    const OptionSpec* spec = find(name);
-    if (!spec) {
+    const OptionSpec* option = find(name);
+    if (!option) {
       error = "unknown option " + name;
       return false;
     }
-    if (spec->takesValue && !inlineValue) {
+    if (option->takesValue && !inlineValue) {
       if (i + 1 >= args.size()) {
         error = "option " + name + " needs a value";
         return false;
       }
       value = args[++i];
-    } else if (!spec->takesValue && inlineValue) {
+    } else if (!option->takesValue && inlineValue) {
       error = "option " + name + " takes no value";
       return false;
     }
     std::vector<std::string>& slot = out.options[name];
-    if (!slot.empty() && !spec->repeatable) {
+    if (!slot.empty() && !option->repeatable) {
       error = "option " + name + " given more than once";
       return false;
     }

@@ -28,10 +28,10 @@ struct ParsedArgs {
   const std::vector<std::string>& values(const std::string& name) const;
 };
 
-// Parses args[0..] against `specs`. False with a message in `error` for an
+// Parses args[0..] against `optionList`. False with a message in `error` for an
 // unknown option, a missing value, a value given to a flag, or an option
 // repeated that may appear only once.
-bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& specs, ParsedArgs& out,
+bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& optionList, ParsedArgs& out,
                std::string& error);
 
 // The options every command shares.
