@@ -2,23 +2,34 @@
 
 #include <algorithm>
 
+#include "hive/errors.h"
+#include "platform/error.h"
+
 namespace hivekit::cli {
 
 namespace {
 
+// `listError` is the code a failed next() leaves when the key's whole list
+// cannot be loaded, as opposed to one entry of it.
 template <class Iterator, class Item>
-void collect(const Platform::Ref<Iterator>& it, std::vector<Item>& out, size_t& unreadable) {
+void collect(const Platform::Ref<Iterator>& it, u32 listError, std::vector<Item>& out, size_t& unreadable) {
   out.clear();
   unreadable = 0;
   if (!it) {
     ++unreadable;
     return;
   }
-  u32 count = it->count();
-  out.reserve(count);
+  // The count is the key record's, up to 2^32 - 1 whatever its list holds:
+  // nothing is reserved for it, and an unreadable list ends the loop.
+  const u32 count = it->count();
   for (u32 i = 0; i < count; ++i) {
+    Platform::Error::set(0);
     Item item = it->next();
     if (!item) {
+      if (Platform::Error::get() == listError) {
+        unreadable += count - i;
+        break;
+      }
       // Whatever the iterator did with its position, go on after the entry.
       ++unreadable;
       if (it->seek(i + 1) != i + 1) break;
@@ -31,11 +42,11 @@ void collect(const Platform::Ref<Iterator>& it, std::vector<Item>& out, size_t& 
 }  // namespace
 
 void listSubkeys(const KeyRef& key, std::vector<KeyRef>& out, size_t& unreadable) {
-  collect(key->keyIterator(), out, unreadable);
+  collect(key->keyIterator(), Libraries::Files::Hive::Errors::BAD_KEY_LIST, out, unreadable);
 }
 
 void listValues(const KeyRef& key, std::vector<ValueRef>& out, size_t& unreadable) {
-  collect(key->valueIterator(), out, unreadable);
+  collect(key->valueIterator(), Libraries::Files::Hive::Errors::VALUE_LIST_TOO_SMALL, out, unreadable);
 }
 
 bool readValueData(const ValueRef& value, std::vector<u8>& out) {

@@ -26,7 +26,8 @@ inline const std::vector<Platform::u8>& dirtyHive() {
       Ref<Hive::Key> b = root->createKey(String::create("beta"));
       Ref<Hive::Key> c = a ? a->createKey(String::create("gamma")) : nullptr;
       if (!a || !b || !c) __builtin_trap();
-      if (Ref<Hive::Value> v = a->createValue(String::create("text"), 1)) v->setString(String::create("hello"));
+      if (Ref<Hive::Value> v = a->createValue(String::create("text"), 1))
+        v->setString(String::create("hello"));
       if (Ref<Hive::Value> v = b->createValue(String::create("n"), 4)) v->setNumber(7);
       if (Ref<Hive::Value> v = c->createValue(String::create("big"), 3)) {
         Ref<Interfaces::Stripe> data = v->binary();
@@ -39,7 +40,8 @@ inline const std::vector<Platform::u8>& dirtyHive() {
     std::vector<Platform::u8> bytes = stripe->bytes();
     Platform::W32(bytes.data() + Hive::hive_header::OFS_PRIMARY_SEQ, 2);
     Platform::W32(bytes.data() + Hive::hive_header::OFS_SECONDARY_SEQ, 1);
-    Platform::W32(bytes.data() + Hive::hive_header::OFS_CHECKSUM, Hive::calculateHeaderChecksum(bytes.data()));
+    Platform::W32(bytes.data() + Hive::hive_header::OFS_CHECKSUM,
+                  Hive::calculateHeaderChecksum(bytes.data()));
     return bytes;
   }();
   return image;

@@ -28,9 +28,9 @@ using Platform::u8;
 
 // Sets the walk's limits; the defaults keep one run well under a second.
 struct WalkLimits {
-  u32 objects = 10000;         // keys + values + descriptors visited
-  u32 maxString = 65536;       // units handed to string() / strings()
-  u64 maxBinary = 1u << 20;    // bytes read through binary()
+  u32 objects = 10000;       // keys + values + descriptors visited
+  u32 maxString = 65536;     // units handed to string() / strings()
+  u64 maxBinary = 1u << 20;  // bytes read through binary()
 };
 
 // Reads the whole data of a value through every accessor its type allows
@@ -82,6 +82,12 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
         --budget;
         touchValue(v, limits);
         if (!first) first = v;
+      }
+      // Skipping over entries that fail, as a listing does, from the back.
+      const u32 count = values->count();
+      for (u32 i = 0; i < 64 && i < count && budget > 0; ++i, --budget) {
+        values->seek(count - 1 - i);
+        (void)values->next();
       }
       // Look the first value up by name: the search path differs from the walk.
       if (first && first->name()) (void)key->value(first->name());
@@ -239,7 +245,8 @@ inline void mutateHive(const Ref<HiveFile>& hive, ByteSource& ops, u32 steps) {
         break;
       }
       case 11:
-        (void)Libraries::Files::Hive::Util::openOrCreatePath(k, String::create(ops.byte() & 1 ? "x/y/z" : "a//b\\/c"));
+        (void)Libraries::Files::Hive::Util::openOrCreatePath(
+            k, String::create(ops.byte() & 1 ? "x/y/z" : "a//b\\/c"));
         break;
     }
   }

@@ -59,7 +59,8 @@ void repairEntries(std::vector<u8>& log) {
     std::memcpy(e, "HvLE", 4);
     const u64 room = log.size() - p;
     u64 size = Platform::L32(e + hive_log_entry::OFS_SIZE);
-    if (size < hive_log_entry::SIZE || size > room) size = hive_log_entry::SIZE + size % (room - hive_log_entry::SIZE + 1);
+    if (size < hive_log_entry::SIZE || size > room)
+      size = hive_log_entry::SIZE + size % (room - hive_log_entry::SIZE + 1);
     Platform::W32(e + hive_log_entry::OFS_SIZE, static_cast<u32>(size));
     Platform::W32(e + hive_log_entry::OFS_SEQ, sequence++);
     Platform::W64(e + hive_log_entry::OFS_HASH2, Hive::marvin32(e, 32));

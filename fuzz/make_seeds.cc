@@ -100,7 +100,8 @@ std::vector<u8> liHive() {
 
 void openSeeds() {
   const std::vector<u8> types = typesHive();
-  for (u8 selector : {0, 1, 2, 3, 4, 8}) write("open", "types-" + std::to_string(selector), prepend(selector, types));
+  for (u8 selector : {0, 1, 2, 3, 4, 8})
+    write("open", "types-" + std::to_string(selector), prepend(selector, types));
   for (u8 selector : {0, 3, 4}) {
     write("open", "ri3-" + std::to_string(selector), prepend(selector, riHive(3)));
     write("open", "ri5-" + std::to_string(selector), prepend(selector, riHive(5)));
@@ -129,7 +130,8 @@ std::vector<u8> writtenLog() {
   Platform::W32(header.data() + Hive::hive_header::OFS_PRIMARY_SEQ, 1);
   Platform::W32(header.data() + Hive::hive_header::OFS_SECONDARY_SEQ, 1);
   Platform::W32(header.data() + Hive::hive_header::OFS_TYPE, 6);
-  Platform::W32(header.data() + Hive::hive_header::OFS_CHECKSUM, Hive::calculateHeaderChecksum(header.data()));
+  Platform::W32(header.data() + Hive::hive_header::OFS_CHECKSUM,
+                Hive::calculateHeaderChecksum(header.data()));
   Ref<MemoryStripe> log = MemoryStripe::create(header);
   Hive::HiveFile::LogFiles logs;
   logs.log1 = log;

@@ -37,8 +37,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // What `hivekit export` does with a damaged hive.
     if (selector & 0x20) {
       Ref<MemoryStripe> text = MemoryStripe::create();
-      (void)Libraries::Files::Hive::RegFileUtil::exportRegFile(hive->root(), text, String::create("HKEY_X"),
-                                                               (selector >> 6) & 3, [](const std::string&) {});
+      (void)Libraries::Files::Hive::RegFileUtil::exportRegFile(
+          hive->root(), text, String::create("HKEY_X"), (selector >> 6) & 3, [](const std::string&) {});
     }
     return 0;
   }
@@ -59,6 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   // What a writer left behind must open again (or be refused cleanly).
   Ref<MemoryStripe> again = MemoryStripe::create(stripe->bytes());
-  if (Ref<HiveFile> reopened = HiveFile::open(again, 0x1, codepage, {})) walkHive(reopened, {2000, 4096, 1u << 16});
+  if (Ref<HiveFile> reopened = HiveFile::open(again, 0x1, codepage, {}))
+    walkHive(reopened, {2000, 4096, 1u << 16});
   return 0;
 }

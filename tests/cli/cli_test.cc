@@ -350,6 +350,30 @@ TEST_F(CliTest, DumpRefusesCyclesAndDeepTrees) {
   EXPECT_EQ(countLines(r.out, "K\t"), 512u);
 }
 
+// A key record claiming 2^32 - 1 subkeys and values whose lists cannot be
+// loaded: the counts are not believed, the listing ends at once.
+TEST_F(CliTest, HostileCountsOfUnreadableListsEndTheListing) {
+  namespace Hive = Libraries::Files::Hive;
+  HiveBuilder b(5);
+  u32 root = b.root();
+  u32 a = b.key(root, u"a");
+  b.value(a, u"v", 4, {1, 0, 0, 0});
+  b.key(a, u"sub");
+  b.layout();
+  Platform::W32(b.at(a) + Hive::hive_record_nk::OFS_NUM_KEYS, 0xffffffffu);
+  Platform::W32(b.at(a) + Hive::hive_record_nk::OFS_NUM_VALUES, 0xffffffffu);
+  writeFile(path("counts"), b.build());
+  for (const char* command : {"dump", "ls"}) {
+    SCOPED_TRACE(command);
+    std::vector<std::string> args{command, path("counts").string()};
+    if (std::string(command) == "ls") args.push_back("a");
+    Result r = hivekit(args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("4294967295 subkeys and 4294967295 values could not be read"), std::string::npos)
+        << r.err;
+  }
+}
+
 // Subkey lists that each name the next key twice, 16 levels down: 2^16 paths
 // through 17 keys (a few more levels would never finish). Every listing of a
 // key is written, its subtree once.

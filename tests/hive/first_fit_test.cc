@@ -90,7 +90,9 @@ TEST(FirstFit, FreeSpaceFiguresFollowEveryChange) {
       }
       const u32 r = hive->allocateRecord(size);
       ASSERT_NE(r, INVALID_RECORD);
-      if (expected != INVALID_RECORD) ASSERT_EQ(r, expected) << "step " << step;
+      if (expected != INVALID_RECORD) {
+        ASSERT_EQ(r, expected) << "step " << step;
+      }
       live.push_back(r);
     } else if (op == 2) {
       const size_t i = rng() % live.size();
@@ -105,7 +107,9 @@ TEST(FirstFit, FreeSpaceFiguresFollowEveryChange) {
     for (const auto& entry : hive->hbins()) {
       const auto [size, at] = largestFree(stripe->bytes(), entry.offset, entry.size);
       ASSERT_EQ(entry.freeSize, size) << "step " << step << " hbin " << entry.offset;
-      if (size) ASSERT_EQ(entry.freeOffset, at) << "step " << step << " hbin " << entry.offset;
+      if (size) {
+        ASSERT_EQ(entry.freeOffset, at) << "step " << step << " hbin " << entry.offset;
+      }
     }
   }
   EXPECT_GT(hive->hbinCount(), 5u);

@@ -129,7 +129,6 @@ struct RawReport {
   std::string error;                 // first problem found, "" when none
   std::set<std::string> listShapes;  // "lf", "lh", "li", "ri/li", "ri/lh", ...
   std::set<std::string> dataForms;   // "resident", "record", "db"
-  u32 hbins = 0;
 };
 
 class RawReader {
@@ -144,7 +143,7 @@ class RawReader {
     _minor = L32(&_f[Hive::hive_header::OFS_MINOR]);
     const u64 length = L32(&_f[Hive::hive_header::OFS_LENGTH]);
     if (length == 0 || length % 4096 || 4096 + length > _f.size()) return fail("hbins data size");
-    for (u32 pos = 0; pos < length; ++_r.hbins) {
+    for (u32 pos = 0; pos < length;) {
       const u32 size = u32At(4096 + pos + 8);
       if (sigAt(4096ull + pos) != "hbin" || u32At(4096 + pos + 4) != pos || size < 4096 || size % 4096 ||
           pos + u64{size} > length)
@@ -266,7 +265,7 @@ class RawReader {
     if (s != "lf" && s != "lh" && s != "li") return fail("unknown list " + s);
     if (n == 0) return fail("empty list record");
     _r.listShapes.insert(outer + s);
-    if ((s == "lf" || s == "lh") != (_minor >= 4 ? s == "lh" : s == "lf") && s != "li")
+    if ((s == "lf" && _minor >= 4) || (s == "lh" && _minor < 4))
       return fail(s + " list in a hive of minor version " + std::to_string(_minor));
     for (u32 i = 0; i < n; ++i) {
       const u32 nk = f32(list, 8 + width * i);

@@ -477,7 +477,9 @@ class ModelRun {
 
   void checkpoint() {
     // Writing through, the file must be complete without a flush.
-    if (!(_hive->mode() & Hive::modeWriteThrough)) ASSERT_TRUE(_hive->flush());
+    if (!(_hive->mode() & Hive::modeWriteThrough)) {
+      ASSERT_TRUE(_hive->flush());
+    }
     Listing live;
     readListing(_hive->root(), "", live);
     ASSERT_EQ(diff(_model, live), "") << "open hive after flush";
@@ -501,7 +503,7 @@ class ModelRun {
     if (chance(40)) {
       _pins.clear();
       _hive = nullptr;
-      _hive = HiveFile::open(_stripe, chance(30) ? Hive::modeWriteThrough : 0, Hive::latin1, {});
+      _hive = HiveFile::open(_stripe, chance(30) ? u32{Hive::modeWriteThrough} : 0, Hive::latin1, {});
       ASSERT_TRUE(_hive);
     }
   }
