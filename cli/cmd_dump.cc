@@ -8,7 +8,7 @@
 // otherwise "sha256:" and the digest. Names are escaped as in
 // appendEscapedName.
 #include <algorithm>
-#include <unordered_set>
+#include <unordered_map>
 
 #include "cli/commands.h"
 #include "cli/open_hive.h"
@@ -16,11 +16,13 @@
 #include "cli/text.h"
 #include "cli/walk.h"
 #include "hive/key/key_obj.h"
+#include "hive/util/util.h"
 
 namespace hivekit::cli {
 namespace {
 
 using Libraries::Files::Hive::KeyObj;
+using Libraries::Files::Hive::Util;
 
 constexpr size_t MAX_DEPTH = 512;
 constexpr size_t MAX_INLINE_DATA = 32;
@@ -35,14 +37,13 @@ struct Frame {
 
 class Dumper {
  public:
-  Dumper() = default;
+  explicit Dumper(const RegistryHiveObj& hive) { _budget.limitBy(hive); }
 
   // False when something could not be read; the listing then holds
   // everything that could.
   bool run(const KeyRef& root) {
     _path.assign(1, '\\');
-    _entered.insert(offsetOf(root));
-    enter(root, 0, false);
+    if (!enter(root, 0, nullptr)) return false;
     while (!_stack.empty()) {
       Frame& top = _stack.back();
       if (top.next == top.subkeys.size()) {
@@ -71,8 +72,8 @@ class Dumper {
       // A key listed under several parents (or twice in one list) is
       // listed each time, but its subtree only once: otherwise a chain of
       // lists that each name the next key twice doubles the work per level.
-      const bool again = offset != 0 && !_entered.insert(offset).second;
-      enter(child, offset, again);
+      auto known = offset != 0 ? _subkeyCounts.find(offset) : _subkeyCounts.end();
+      if (!enter(child, offset, known != _subkeyCounts.end() ? &known->second : nullptr)) break;
       _out.maybeFlush();
     }
     return _ok && _out.flush();
@@ -94,14 +95,30 @@ class Dumper {
     return k ? k->offset() : 0;
   }
 
+  // The listing has read more than the hive can hold: it stops here.
+  bool overBudget() {
+    report(
+        "the lists of the hive name keys and values more often than a hive of its size can hold; "
+        "listing stopped at " +
+        _path);
+    return false;
+  }
+
   // Writes the key's line and its values, then pushes it with its subkeys
-  // (none when its subtree was listed before).
-  void enter(const KeyRef& key, u32 offset, bool listedBefore) {
+  // (none when its subtree was listed before: `listedBefore` is then the
+  // number of subkeys it had, which is all that is shown again). False
+  // when the listing must stop.
+  bool enter(const KeyRef& key, u32 offset, const size_t* listedBefore) {
+    if (!_budget.charge(1)) return overBudget();
     Frame frame;
     frame.offset = offset ? offset : offsetOf(key);
     frame.pathLength = _path.size();
     size_t badKeys = 0, badValues = 0;
-    listSubkeys(key, frame.subkeys, badKeys);
+    if (!listedBefore) {
+      listSubkeys(key, frame.subkeys, badKeys);
+      if (frame.offset != 0) _subkeyCounts[frame.offset] = frame.subkeys.size();
+    }
+    const size_t subkeys = listedBefore ? *listedBefore : frame.subkeys.size();
     listValues(key, _values, badValues);
     std::string& o = _out.text;
     o += "K\t";
@@ -109,7 +126,7 @@ class Dumper {
     o += '\t';
     appendHexFixed(o, key->lastWriteTime(), 16);
     o += '\t';
-    appendDecimal(o, frame.subkeys.size());
+    appendDecimal(o, subkeys);
     o += '\t';
     appendDecimal(o, _values.size());
     o += '\n';
@@ -119,6 +136,10 @@ class Dumper {
     }
     for (const ValueRef& v : _values) {
       bool complete = readValueData(v, _data);
+      if (!_budget.charge(1, _data.size())) {
+        _values.clear();
+        return overBudget();
+      }
       if (!complete) {
         report(_path + ": the data of a value could not be read completely");
       }
@@ -142,18 +163,19 @@ class Dumper {
       o += '\n';
     }
     _values.clear();
-    if (listedBefore && !frame.subkeys.empty()) {
+    if (listedBefore && subkeys != 0)
       report("subkey " + _path + " is listed more than once; its subkeys are listed the first time only");
-      frame.subkeys.clear();
-    }
     _stack.push_back(std::move(frame));
+    return true;
   }
 
   Output _out;
   std::string _path;
   std::vector<Frame> _stack;
   std::vector<ValueRef> _values;
-  std::unordered_set<u32> _entered;  // nk offsets whose subtree has been listed
+  // Number of subkeys of each key (by nk offset) whose subtree has been listed.
+  std::unordered_map<u32, size_t> _subkeyCounts;
+  Util::WalkBudget _budget;
   std::vector<u8> _data;
   Sha256 _sha;
   bool _ok = true;
@@ -165,7 +187,7 @@ int runDump(Context& ctx) {
   ctx.beginOperation();
   KeyRef root = h.file->root();
   if (!root) return fail(ctx, "cannot read the root key");
-  Dumper dumper;
+  Dumper dumper(*h.hive);
   if (dumper.run(root)) return EXIT_OK;
   if (dumper.outputFailed()) return failWithCode(ctx, "cannot write to standard output", 0);
   return fail(ctx, "the listing is incomplete: parts of the hive could not be read");
@@ -189,7 +211,9 @@ const Command DUMP_COMMAND = {
     "surrogates are written %XXXX; all text is UTF-8.\n"
     "A cycle in the key tree or nesting beyond 512 levels is reported and not\n"
     "followed, and a key listed more than once has its subkeys listed the first\n"
-    "time only; anything unreadable makes the exit status 1 after the listing.\n",
+    "time only; lists that name keys and values more often than a hive of its\n"
+    "size can hold stop the listing; anything unreadable makes the exit status 1\n"
+    "after the listing.\n",
     {},
     1,
     1,

@@ -5,6 +5,7 @@
 #include "cli/open_hive.h"
 #include "cli/text.h"
 #include "cli/walk.h"
+#include "hive/util/util.h"
 
 namespace hivekit::cli {
 namespace {
@@ -137,10 +138,15 @@ int runLs(Context& ctx) {
   size_t typeWidth = 0;
   for (const ValueRef& v : values) typeWidth = std::max(typeWidth, typeName(v->type()).size());
   std::vector<u8> data;
-  for (size_t i = 0; i < values.size(); ++i) {
+  // A value list may name one large value thousands of times.
+  Libraries::Files::Hive::Util::WalkBudget budget;
+  budget.limitBy(*h.hive);
+  size_t shown = 0;
+  for (size_t i = 0; i < values.size(); ++i, ++shown) {
     const ValueRef& v = values[i];
     u32 type = v->type();
     bool complete = readValueData(v, data);
+    if (!budget.charge(1, data.size())) break;
     std::string name = names[i];
     if (name.size() > width) {
       out += "  " + name + "\n";
@@ -156,6 +162,11 @@ int runLs(Context& ctx) {
   Output o;
   o.put(out);
   if (!o.flush()) return failWithCode(ctx, "cannot write to standard output", 0);
+  if (shown < values.size()) {
+    warn("the value list names more data than a hive of its size can hold; " +
+         std::to_string(values.size() - shown) + " values not shown");
+    return fail(ctx, "the key's value list is damaged");
+  }
   if (badKeys || badValues) {
     warn(std::to_string(badKeys) + " subkeys and " + std::to_string(badValues) + " values could not be read");
     return fail(ctx, "the key's lists are damaged");

@@ -65,6 +65,8 @@ inline void touchValue(const Ref<Value>& v, const WalkLimits& limits) {
 // Returns the number of objects visited.
 inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
   u32 budget = limits.objects;
+  (void)hive->dirty();
+  (void)hive->mode();
   std::vector<Ref<Key>> stack;
   if (Ref<Key> root = hive->root()) stack.push_back(root);
   while (!stack.empty() && budget > 0) {
@@ -73,6 +75,7 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
     --budget;
     if (Ref<String> name = key->name()) (void)name->toUtf8();
     (void)key->lastWriteTime();
+    (void)key->readOnly();
     if (Ref<Interfaces::Config::Hive::ValueIterator> values = key->valueIterator()) {
       (void)values->count();
       Ref<Value> first;
@@ -168,7 +171,7 @@ inline void mutateHive(const Ref<HiveFile>& hive, ByteSource& ops, u32 steps) {
   };
   for (u32 step = 0; step < steps && ops.more(); ++step) {
     Ref<Key> k = pickKey();
-    switch (ops.byte() % 12) {
+    switch (ops.byte() % 13) {
       case 0:
         (void)k->createKey(pickName());
         break;
@@ -247,6 +250,18 @@ inline void mutateHive(const Ref<HiveFile>& hive, ByteSource& ops, u32 steps) {
       case 11:
         (void)Libraries::Files::Hive::Util::openOrCreatePath(
             k, String::create(ops.byte() & 1 ? "x/y/z" : "a//b\\/c"));
+        break;
+      case 12:
+        // A descriptor written back in place, unchanged or with one byte
+        // flipped (the record's checks decide whether that is accepted).
+        if (Ref<Interfaces::Config::Hive::SecurityDescriptorIterator> sds =
+                hive->securityDescriptorIterator()) {
+          if (Ref<Interfaces::Config::Hive::SecurityDescriptor> sd = sds->next()) {
+            std::vector<u8> bytes = sd->get();
+            if (!bytes.empty() && (ops.byte() & 1)) bytes[ops.byte() % bytes.size()] ^= 0xFF;
+            (void)sd->set(bytes.data(), static_cast<u32>(bytes.size()));
+          }
+        }
         break;
     }
   }

@@ -1,15 +1,21 @@
-// Fuzz target: transaction logs from an untrusted source, beside a small
-// valid hive whose base block says it is dirty.
+// Fuzz target: transaction logs from an untrusted source, beside a dirty
+// hive: by default a small valid one made here, or one from the input.
 //
 // Input:
 //   byte 0    open mode (bits 0-1: read-only, read-only accepting dirty,
 //             read-only unsafe, writable) and repairs (bit 2: give each log
 //             a base block that passes the checks, bit 3: give each entry a
 //             valid signature, size, sequence and header hash, bit 4: hand
-//             the first log also as the primary .LOG)
-//   bytes 1-2 length of the LOG1 part (little-endian), the rest is LOG2
+//             the first log also as the primary .LOG); bit 5: the hive is
+//             part of the input
+//   bytes 1-2 length of the LOG1 part (little-endian)
+//   bit 5 set: bytes 3-5 length of the hive part (little-endian), which
+//             comes before LOG1
+//   then LOG1, and the rest is LOG2
 // The repairs let the fuzzer reach entry replay instead of dying on the
-// checksum; without them the raw bytes are tried as they are.
+// checksum; without them the raw bytes are tried as they are. A read-only
+// open that succeeds also writes the recovered copy (what `hivekit
+// recover` does) and walks it.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -19,6 +25,7 @@
 #include "fuzz/fuzz_walk.h"
 #include "hive/format.h"
 #include "hive/log/marvin32.h"
+#include "hive/registry_hive.h"
 #include "platform/memory_stripe.h"
 
 using namespace hivekit::fuzz;
@@ -76,13 +83,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   size_t split = data[1] | (static_cast<size_t>(data[2]) << 8);
   data += 3;
   size -= 3;
+  std::vector<u8> ownHive;
+  if (flags & 32) {
+    if (size < 3) return 0;
+    size_t length = data[0] | (static_cast<size_t>(data[1]) << 8) | (static_cast<size_t>(data[2]) << 16);
+    data += 3;
+    size -= 3;
+    if (length > size) length = size;
+    ownHive.assign(data, data + length);
+    data += length;
+    size -= length;
+  }
   if (split > size) split = size;
   std::vector<u8> log1(data, data + split), log2(data + split, data + size);
 
-  const std::vector<u8>& hive = dirtyHive();
+  const std::vector<u8>& hive = (flags & 32) ? ownHive : dirtyHive();
   if (flags & 4) {
-    repairHeader(log1, hive);
-    repairHeader(log2, hive);
+    // The checks compare against the hive's base block; a short hive
+    // compares against zeros.
+    std::vector<u8> base(hive);
+    if (base.size() < 512) base.resize(512, 0);
+    repairHeader(log1, base);
+    repairHeader(log2, base);
   }
   if (flags & 8) {
     repairEntries(log1);
@@ -104,7 +126,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Ref<HiveFile> h = HiveFile::open(file, logs, mode, Hive::latin1, {});
     if (!h) return 0;
     walkHive(h, {3000, 4096, 1u << 16});
-    if (mode & 0x1) return 0;
+    if (mode & 0x1) {
+      Ref<MemoryStripe> copy = MemoryStripe::create();
+      Ref<Hive::RegistryHiveObj> obj = h.cast<Hive::RegistryHiveObj>();
+      if (obj && obj->writeRecoveredCopy(copy)) {
+        Ref<HiveFile> recovered = HiveFile::open(MemoryStripe::create(copy->bytes()), 0x1, Hive::latin1, {});
+        if (recovered) walkHive(recovered, {3000, 4096, 1u << 16});
+      }
+      return 0;
+    }
     // Writes through the log: appends entries behind the replayed ones.
     ByteSource ops(data, size < 48 ? size : 48);
     mutateHive(h, ops, 16);

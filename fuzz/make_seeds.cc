@@ -1,11 +1,16 @@
-// make_seeds DIR: writes starting inputs for the fuzz targets into
-// DIR/open, DIR/log and DIR/regfile (see make_seeds.sh). Every seed is made
-// here, with the test hive builder or the library itself, so none has to
-// be kept as a binary file.
+// make-fuzz-seeds DIR [HIVES]: writes starting inputs for the fuzz targets
+// into DIR/open, DIR/log, DIR/regfile and DIR/path (fuzz/run.sh calls it).
+// Seeds are made here, with the test hive builder or the library itself,
+// so none has to be kept as a binary file. When the shared test hives are
+// there (HIVES, by default ../shared/testdata/hives beside the source
+// tree) the small ones are added as seeds too; without them the built
+// seeds are all there is.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -24,12 +29,16 @@ using Platform::String;
 using Platform::u32;
 using Platform::u8;
 
-std::filesystem::path gDir;
+namespace fs = std::filesystem;
+
+fs::path gDir;
+u32 gCount = 0;
 
 void write(const std::string& sub, const std::string& name, const std::vector<u8>& bytes) {
   std::filesystem::create_directories(gDir / sub);
   std::ofstream out(gDir / sub / name, std::ios::binary);
   out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  ++gCount;
 }
 
 std::vector<u8> prepend(u8 selector, const std::vector<u8>& image) {
@@ -220,16 +229,127 @@ void regSeeds() {
   write("regfile", "export-binary", prepend(8, out->bytes()));
 }
 
+void pathSeeds() {
+  const char* const paths[] = {"a/b/c",     "//a//b/", "a\\/b/c", "A/B2/new",      "Caf\xc3\xa9/\xd0\x96/x",
+                               "x/y\\/z/w", "/",       "",        "sp ace/ tab\t", "%/./../q",
+                               "\\\\a\\"};
+  u32 n = 0;
+  for (const char* path : paths) {
+    const std::string text(path);
+    write("path", "utf8-" + std::to_string(n), prepend(0, std::vector<u8>(text.begin(), text.end())));
+    std::vector<u8> units = HiveBuilder::utf16le(Platform::utf8ToUtf16(text));
+    write("path", "utf16-" + std::to_string(n), prepend(static_cast<u8>(1 | (n % 4) << 1), units));
+    ++n;
+  }
+  std::string deep;
+  for (int i = 0; i < 40; ++i) deep += "level" + std::to_string(i % 7) + "/";
+  write("path", "deep", prepend(0, std::vector<u8>(deep.begin(), deep.end())));
+  const std::string longName(300, 'n');
+  write("path", "long", prepend(8, std::vector<u8>(longName.begin(), longName.end())));
+  write("path", "readonly", prepend(16, {'a', '/', 'z'}));
+}
+
+// The shared test hives. Seeds are kept small so the targets run fast: a
+// hive is cut to its base block and the hbins it declares, logs lose their
+// zero tail, and anything still larger than the limit is left out.
+constexpr size_t kSeedLimit = 64 * 1024;
+
+std::vector<u8> readFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<u8>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::vector<u8> trimHive(std::vector<u8> bytes) {
+  if (bytes.size() >= 512) {
+    const size_t length =
+        4096 + static_cast<size_t>(Platform::L32(bytes.data() + Hive::hive_header::OFS_LENGTH));
+    if (length < bytes.size()) bytes.resize(length);
+  }
+  return bytes;
+}
+
+std::vector<u8> trimLog(std::vector<u8> bytes) {
+  size_t end = bytes.size();
+  while (end >= 512 + 512 &&
+         std::all_of(bytes.begin() + static_cast<std::ptrdiff_t>(end - 512),
+                     bytes.begin() + static_cast<std::ptrdiff_t>(end), [](u8 b) { return b == 0; }))
+    end -= 512;
+  bytes.resize(end);
+  return bytes;
+}
+
+bool isLog(const fs::path& path) {
+  return path.filename().string().find(".LOG") != std::string::npos;
+}
+
+void testdataSeeds(const fs::path& hives) {
+  if (!fs::is_directory(hives)) {
+    std::printf("no test hives at %s: built seeds only\n", hives.string().c_str());
+    return;
+  }
+  std::vector<fs::path> files;
+  for (const auto& entry : fs::recursive_directory_iterator(hives))
+    if (entry.is_regular_file()) files.push_back(entry.path());
+  std::sort(files.begin(), files.end());
+  for (const fs::path& path : files) {
+    if (isLog(path)) continue;
+    // Unique across folders: "NewDirtyHive1_NewDirtyHive".
+    std::string name = fs::relative(path, hives).string();
+    std::replace(name.begin(), name.end(), '/', '_');
+    const std::vector<u8> image = trimHive(readFile(path));
+    if (image.empty() || image.size() > kSeedLimit) continue;
+    write("open", "td-" + name, prepend(1, image));
+    write("open", "td-w-" + name, prepend(3, image));
+    write("open", "td-x-" + name, prepend(0x25, image));
+
+    // Beside its logs: the hive in the input, LOG1 and LOG2 after it.
+    std::vector<u8> log1, log2;
+    for (const fs::path& other : files) {
+      if (other.parent_path() != path.parent_path() || !isLog(other)) continue;
+      const std::string ext = other.extension().string();
+      if (ext == ".LOG1") log1 = trimLog(readFile(other));
+      if (ext == ".LOG2") log2 = trimLog(readFile(other));
+    }
+    // A recovered copy beside the logs is clean: not a hive to replay into.
+    if (path.filename().string().rfind("Recovered", 0) == 0) continue;
+    if (log1.empty() && log2.empty()) {
+      // A regular text export of the hive, for the import target.
+      Ref<Hive::HiveFile> h = Hive::HiveFile::open(MemoryStripe::create(image), 0x11, Hive::latin1, {});
+      if (!h) continue;
+      Ref<MemoryStripe> out = MemoryStripe::create();
+      if (Hive::RegFileUtil::exportRegFile(h->root(), out, String::create("HKEY_LOCAL_MACHINE/SOFTWARE"),
+                                           0) &&
+          out->bytes().size() <= kSeedLimit)
+        write("regfile", "td-" + name, prepend(0, out->bytes()));
+      continue;
+    }
+    if (log1.size() > 0xffff || image.size() + log1.size() + log2.size() > 2 * kSeedLimit) continue;
+    for (u8 mode : {0, 1, 3}) {
+      std::vector<u8> input{static_cast<u8>(0x20 | mode),       static_cast<u8>(log1.size()),
+                            static_cast<u8>(log1.size() >> 8),  static_cast<u8>(image.size()),
+                            static_cast<u8>(image.size() >> 8), static_cast<u8>(image.size() >> 16)};
+      input.insert(input.end(), image.begin(), image.end());
+      input.insert(input.end(), log1.begin(), log1.end());
+      input.insert(input.end(), log2.begin(), log2.end());
+      write("log", "td-" + name + "-" + std::to_string(mode), input);
+    }
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: make_seeds DIR\n");
+  if (argc != 2 && argc != 3) {
+    std::fprintf(stderr, "usage: make-fuzz-seeds DIR [HIVES]\n");
     return 2;
   }
   gDir = argv[1];
   openSeeds();
   logSeeds();
   regSeeds();
+  pathSeeds();
+  testdataSeeds(argc == 3 ? fs::path(argv[2])
+                          : fs::path(HIVEKIT_SOURCE_DIR) / ".." / "shared" / "testdata" / "hives");
+  std::printf("%u seeds in %s\n", gCount, gDir.string().c_str());
   return 0;
 }

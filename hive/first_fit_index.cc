@@ -25,6 +25,11 @@ void FirstFitIndex::push(u32 value) {
   set(_size - 1, value);
 }
 
+void FirstFitIndex::pop() {
+  set(_size - 1, 0);
+  --_size;
+}
+
 void FirstFitIndex::set(size_t index, u32 value) {
   size_t node = _capacity + index;
   _tree[node] = value;

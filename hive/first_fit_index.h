@@ -25,6 +25,8 @@ class FirstFitIndex {
   void clear();
   // Adds a slot at the end.
   void push(u32 value);
+  // Removes the last slot; requires size() > 0.
+  void pop();
   // Requires index < size().
   void set(size_t index, u32 value);
   u32 get(size_t index) const { return _tree[_capacity + index]; }

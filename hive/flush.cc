@@ -13,18 +13,24 @@ bool RegistryHiveObj::flush() {
   Mon::Lock lock(_mon);
   if (readonly()) return true;
   if (!internalFlush()) return false;
-  return _sync ? _sync() : true;
+  if (_sync && !_sync()) {
+    HK_LOG(hiveLog, 4) << "Failed to sync hive; error: " << Log::hex(Error::get());
+    return false;
+  }
+  return true;
 }
 
 bool RegistryHiveObj::internalFlush() {
-  // Write-through has written everything already; read-only and unsafe
-  // hives have nothing to write.
-  if (_mode & (modeWriteThrough | modeReadOnly | modeUnsafe)) return true;
+  // Read-only and unsafe hives have nothing to write. In write-through mode
+  // an hbin is dirty only when writing it through failed, and the base
+  // block only when writing it on growth failed: both are written again
+  // here.
+  if (_mode & (modeReadOnly | modeUnsafe)) return true;
   std::vector<u32> dirty;
   for (u32 slot = 0; slot < _cachedHbins.size(); ++slot)
     if (_cachedHbins[slot].dirty) dirty.push_back(slot);
-  if (dirty.empty()) return true;
-  if (_logMode != LogMode::None) return flushToLog(dirty);
+  if (_logMode != LogMode::None) return dirty.empty() || flushToLog(dirty);
+  if (dirty.empty() && std::memcmp(_diskHeader, _header, hive_header::SIZE) == 0) return true;
 
   // Hbins the file's base block does not count yet go first, then the base
   // block that counts them, then the rest: if any of the first two steps

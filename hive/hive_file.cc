@@ -181,15 +181,17 @@ Ref<HiveFile> HiveFile::open(Ref<String> path, u32 mode, HiveCodepage codepage) 
     logs.log1 = openLog(names.log1, flags);
     logs.log2 = openLog(names.log2, flags);
   }
-  // Each log, then the hive file, is asked to reach storage; the hive
-  // file's answer is the result.
+  // Each log, then the hive file, is asked to reach storage. All must
+  // succeed: in a log mode the changes live in a log, so a log that did
+  // not reach storage is a flush that did not either.
   std::vector<Ref<Interfaces::Stripe>> logStripes;
   for (const auto& log : {logs.primary, logs.log1, logs.log2})
     if (log) logStripes.push_back(log);
   Ref<Interfaces::Stripe> hiveFile = file;
   SyncCallback sync = [logStripes, hiveFile]() {
-    for (const auto& log : logStripes) log->sync();
-    return hiveFile->sync();
+    bool synced = true;
+    for (const auto& log : logStripes) synced = log->sync() && synced;
+    return hiveFile->sync() && synced;
   };
   return HiveFile::open(hiveFile, logs, mode, codepage, std::move(sync));
 }

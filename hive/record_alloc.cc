@@ -87,26 +87,11 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
     return INVALID_RECORD;
   }
   _fileSize = std::max(_fileSize, fileEnd);
-  W32(_header + hive_header::OFS_LENGTH, static_cast<u32>(H + S));
-  W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
-  const u32 previous = static_cast<u32>(_hbins.size() - 1);
-  const u32 added = static_cast<u32>(_hbins.size());
-  appendHbin(HbinEntry{H, static_cast<u32>(S), 0, 0});
 
-  // The base block that counts the new hbin reaches the file only after the
-  // hbin itself (at the next flush, or below in write-through mode), so a
-  // failure in between never leaves a file whose length names bytes that
-  // are not an hbin.
-  u8 head[hive_hbin::SIZE + 4] = {};
-  std::memcpy(head, "hbin", 4);
-  W32(head + hive_hbin::OFS_OFFSET, H);
-  W32(head + hive_hbin::OFS_SIZE, static_cast<u32>(S));
-  W32(head + hive_hbin::SIZE, static_cast<u32>(S - hive_hbin::SIZE));
-  if (!writeHBIN(added, 0, head, sizeof head)) {
-    HK_LOG(hiveLog, 4) << "Failed to write new hbin header on resize";
-    Error::set(Errors::ALLOCATION_FAILED);
-    return INVALID_RECORD;
-  }
+  // The hbin that was last before gets its own size at 0x1C first: that
+  // changes nothing another reader relies on, so a failure here leaves the
+  // hive as it was.
+  const u32 previous = static_cast<u32>(_hbins.size() - 1);
   u8 ownSize[4];
   W32(ownSize, _hbins[previous].size);
   if (!writeHBIN(previous, hive_hbin::OFS_LAST, ownSize, sizeof ownSize)) {
@@ -114,11 +99,32 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
     Error::set(Errors::ALLOCATION_FAILED);
     return INVALID_RECORD;
   }
-  if ((_mode & modeWriteThrough) && !writeHeader()) {
-    HK_LOG(hiveLog, 4) << "Failed to write header on resize";
+  // A new hbin whose header cannot be put in place is taken out of the
+  // table again, so the table never holds an hbin that is neither cached
+  // nor in the file; the base block in memory counts it only after that.
+  // The base block that counts it reaches the file only after the hbin
+  // itself (at the next flush, or below in write-through mode), so a
+  // failure in between never leaves a file whose length names bytes that
+  // are not an hbin.
+  const u32 added = static_cast<u32>(_hbins.size());
+  appendHbin(HbinEntry{H, static_cast<u32>(S), 0, 0});
+  u8 head[hive_hbin::SIZE + 4] = {};
+  std::memcpy(head, "hbin", 4);
+  W32(head + hive_hbin::OFS_OFFSET, H);
+  W32(head + hive_hbin::OFS_SIZE, static_cast<u32>(S));
+  W32(head + hive_hbin::SIZE, static_cast<u32>(S - hive_hbin::SIZE));
+  if (!writeHBIN(added, 0, head, sizeof head)) {
+    HK_LOG(hiveLog, 4) << "Failed to write new hbin header on resize";
+    dropLastHbin();
     Error::set(Errors::ALLOCATION_FAILED);
     return INVALID_RECORD;
   }
+  W32(_header + hive_header::OFS_LENGTH, static_cast<u32>(H + S));
+  W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
+  // Write-through: a base block that cannot be written now is written by
+  // the next flush, which compares it with the file's.
+  if ((_mode & modeWriteThrough) && !writeHeader())
+    HK_LOG(hiveLog, 4) << "Failed to write header on resize; left to the next flush";
   record = H + hive_hbin::SIZE;
   if (!initRecord(record, length)) {
     HK_LOG(hiveLog, 4) << "Failed to initialize new record after creating a new HBIN. record=" << record;
@@ -366,30 +372,37 @@ bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data
   }
   noteHbinWrite(hbin_idx, offsetInHbin, length);
   std::memcpy(_cache + place + offsetInHbin, data, length);
-
+  const u32 slot = _cacheSlot[hbin_idx];
+  if (slot == NOT_CACHED || slot >= _cachedHbins.size()) {
+    HK_LOG(hiveLog, 4) << "Modified hbin was not found in cache list, hbin: " << entry.offset
+                       << " record: " << entry.offset + offsetInHbin;
+    return false;
+  }
   if ((_mode & modeWriteThrough) == 0) {
-    const u32 slot = _cacheSlot[hbin_idx];
-    if (slot == NOT_CACHED || slot >= _cachedHbins.size()) {
-      HK_LOG(hiveLog, 4) << "Modified hbin was not found in cache list, hbin: " << entry.offset
-                         << " record: " << entry.offset + offsetInHbin;
-      return false;
-    }
     _cachedHbins[slot].dirty = 1;
     return true;
   }
 
+  // Write-through. A write that fails leaves the hbin to the next flush,
+  // as without write-through: the change stands in the cache, so the
+  // operation that made it completes and the hive stays whole, and the
+  // flush writes the hbin again (and reports if it cannot). Failing the
+  // write here would leave callers half way through a change.
   HK_ASSERT(hiveLog, _logMode == LogMode::None, false);
   const u64 filePosition = u64{HIVE_HEADER_SIZE} + entry.offset + offsetInHbin;
   if (_stripe->seek(filePosition) != filePosition) {
     HK_LOG(hiveLog, 4) << "Failed to seek to data position: " << filePosition;
-    return false;
-  }
-  if (_stripe->write(data, length) != length) {
+    _cachedHbins[slot].dirty = 1;
+  } else if (_stripe->write(data, length) != length) {
     HK_LOG(hiveLog, 4) << "Failed to write data of record: " << entry.offset + offsetInHbin
-                       << "; error: " << Log::hex(Error::get());
-    return false;
+                       << "; error: " << Log::hex(Error::get()) << "; left to the next flush";
+    _cachedHbins[slot].dirty = 1;
+  } else if (_sync && !_sync()) {
+    HK_LOG(hiveLog, 4) << "Failed to sync data of record: " << entry.offset + offsetInHbin
+                       << "; error: " << Log::hex(Error::get()) << "; left to the next flush";
+    _cachedHbins[slot].dirty = 1;
   }
-  return _sync ? _sync() : true;
+  return true;
 }
 
 }  // namespace Libraries::Files::Hive

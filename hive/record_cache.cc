@@ -150,6 +150,24 @@ void RegistryHiveObj::appendHbin(const HbinEntry& entry) {
   _freeIndex.push(entry.freeSize);
 }
 
+void RegistryHiveObj::dropLastHbin() {
+  const u32 last = static_cast<u32>(_hbins.size() - 1);
+  const u32 slot = _cacheSlot[last];
+  if (slot != NOT_CACHED) {
+    // Normally the last one cached; otherwise its room stays unused until
+    // the cache is next emptied.
+    if (_cachedHbins[slot].place + _hbins[last].size == _cacheUsed)
+      _cacheUsed = static_cast<u32>(_cachedHbins[slot].place);
+    _cachedHbins.erase(_cachedHbins.begin() + slot);
+    for (u32 s = slot; s < _cachedHbins.size(); ++s) _cacheSlot[_cachedHbins[s].hbinIdx] = s;
+  }
+  _hbins.pop_back();
+  _cacheSlot.pop_back();
+  _recordStarts.pop_back();
+  _freeIndex.pop();
+  if (_lastHbin >= _hbins.size()) _lastHbin = 0;
+}
+
 // ------------------------------------------------------------ record cache
 
 u64 RegistryHiveObj::cacheLoadHbin(u32 hbinIndex) {

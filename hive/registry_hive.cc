@@ -92,10 +92,12 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
   const char* const failures[3] = {"Failed to initialize primary log file",
                                    "Failed to initialize first log file",
                                    "Failed to initialize second log file"};
+  bool unreadable = false;
   for (u32 i = 0; i < 3; ++i) {
     Ref<String> name = _logs[i].name;
     if (!initLogFile(stripes[i], name, _header, _logs[i])) {
       HK_LOG(hiveLog, 4) << failures[i];
+      unreadable = unreadable || _logs[i].unreadable;
       std::string state = _logs[i].state;
       _logs[i] = LogFileInfo();
       _logs[i].name = name;
@@ -105,6 +107,12 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
 
   const u32 primarySeq = L32(_header + hive_header::OFS_PRIMARY_SEQ);
   const u32 secondarySeq = L32(_header + hive_header::OFS_SECONDARY_SEQ);
+  // A dirty hive whose log could not be read would open as an older state
+  // than the logs hold, and writes would then continue from that state.
+  if (primarySeq != secondarySeq && unreadable) {
+    HK_LOG(hiveLog, 4) << "A log file of the dirty hive could not be read; not opening an older state";
+    return false;
+  }
   if (primarySeq != secondarySeq) {
     if (!chooseLogMode()) return false;
     if (_logMode == LogMode::None) {

@@ -66,6 +66,9 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   const u8* header() const { return _header; }
   u32 rootOffset() const { return _rootOffset; }
   u32 hiveLength() const { return L32(_header + hive_header::OFS_LENGTH); }
+  // The size of the hive file (with its logs laid over it) when last read;
+  // with hiveLength(), a bound on what a reader can reach.
+  u64 fileLength() const { return _fileSize; }
   // The base block's file name field: all 32 units up to the first zero,
   // and the part of it after the last '/' or '\'.
   std::u16string fullFileName() const;
@@ -220,6 +223,8 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   bool readHbinHeader(u32 position, HbinEntry& entry);
   void scanFreeSpace(HbinEntry& entry);
   void appendHbin(const HbinEntry& entry);
+  // Takes the last hbin out of the table and the cache (a growth that failed).
+  void dropLastHbin();
   void resetCache();
   bool writeHeader();
 

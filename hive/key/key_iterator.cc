@@ -30,6 +30,7 @@ u32 KeyIteratorObj::seek(u32 position) {
 }
 
 u32 KeyIteratorObj::count() {
+  Mon::Lock lock(_key->hive()->mon());
   return _key->keys();
 }
 
@@ -49,6 +50,7 @@ u32 ValueIteratorObj::seek(u32 position) {
 }
 
 u32 ValueIteratorObj::count() {
+  Mon::Lock lock(_key->hive()->mon());
   return _key->values();
 }
 

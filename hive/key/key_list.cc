@@ -12,6 +12,13 @@ namespace {
 
 using L = hive_record_list;
 
+// Entries of `width` bytes that fit in the record: a list is sized by what
+// its record can hold, never by a count taken on trust (a tiny record
+// claiming 65535 entries, met once per key, must not cost 512 KiB each).
+u32 entryRoom(const hive_record* record, u32 width) {
+  return record->length() > L::OFS_ITEMS ? (record->length() - L::OFS_ITEMS) / width : 0;
+}
+
 // The two signature bytes, printable or not, for messages.
 std::string signatureText(u16 signature) {
   std::string s;
@@ -143,7 +150,7 @@ bool KeyObj::loadKeyList() {
       HK_LOG(hiveLog, 4) << failure << _keyListCell;
       return false;
     }
-    _keyList.resize(_numOfKeys);
+    _keyList.resize(std::min(_numOfKeys, entryRoom(rec, signature == L::SIGNATURE_LI ? 4 : 8)));
     const u32 count = rec->u16At(L::OFS_COUNT);
     const u32 read = signature == L::SIGNATURE_LF   ? loadLf(rec, _keyListCell, 0)
                      : signature == L::SIGNATURE_LH ? loadLh(rec, _keyListCell, 0)
@@ -192,7 +199,6 @@ bool KeyObj::loadKeyList() {
     return false;
   }
 
-  _keyList.resize(_numOfKeys);
   u32 position = 0;
   bool anyLh = false, anyLi = false;
   for (u32 sub : sublists) {
@@ -207,6 +213,8 @@ bool KeyObj::loadKeyList() {
       return false;
     }
     const u32 subCount = sr->u16At(L::OFS_COUNT);
+    _keyList.resize(
+        std::min<u64>(_numOfKeys, u64{position} + entryRoom(sr, subSignature == L::SIGNATURE_LH ? 8 : 4)));
     const u32 read = subSignature == L::SIGNATURE_LH ? loadLh(sr, sub, position) : loadLi(sr, sub, position);
     if (read != subCount) {
       HK_LOG(hiveLog, 4) << "Failed to load sub list of ri list: " << sub;

@@ -51,9 +51,33 @@ KeyObj::KeyObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent)
   _valid = true;
 }
 
-KeyObj::~KeyObj() = default;
+// A key holds its parent, so a key opened 50,000 levels down holds a chain
+// of 50,000 objects; released naively, each destructor would release the
+// next from inside itself, one stack frame per level. Instead the outermost
+// destruction on a thread collects the parents that the inner ones let go
+// and releases them one after the other.
+KeyObj::~KeyObj() {
+  thread_local std::vector<Ref<KeyObj>>* releasing = nullptr;
+  if (releasing) {
+    if (_parent) releasing->push_back(std::move(_parent));
+    return;
+  }
+  std::vector<Ref<KeyObj>> pending;
+  releasing = &pending;
+  Ref<KeyObj> next = std::move(_parent);
+  while (next) {
+    next = nullptr;  // may destroy it, which queues its parent in `pending`
+    if (!pending.empty()) {
+      next = std::move(pending.back());
+      pending.pop_back();
+    }
+  }
+  releasing = nullptr;
+}
 
 Ref<String> KeyObj::name() {
+  // A rename replaces _name and a delete clears _valid, both under the monitor.
+  Mon::Lock lock(_hive->mon());
   return _valid ? _name : nullptr;
 }
 

@@ -100,6 +100,7 @@ bool RegistryHiveObj::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name,
   if (got != sizeof header) {
     HK_LOG(hiveLog, 4) << "Failed to read header from log file " << logName << "; error: " << Error::get();
     info.state = "header unreadable";
+    info.unreadable = logSize >= sizeof header;
     return false;
   }
   if (B32(header) != hive_header::SIGNATURE) {
@@ -154,6 +155,7 @@ bool RegistryHiveObj::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name,
   if (type == 6) {
     if (!scanEntries(*log, logName, info)) {
       info.state = "entry unreadable";
+      info.unreadable = true;
       return false;
     }
     info.state = complete ? "" : "its sequence numbers differ";
@@ -167,6 +169,12 @@ bool RegistryHiveObj::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name,
   const u64 vectorSize = ((((static_cast<u64>(length) >> 9) + 7) >> 3) + 0x203) & ~0x1FFull;
   std::vector<u8> vector(vectorSize);
   got = log->readAt(512, vector.data(), vectorSize);
+  if (got < std::min(vectorSize, logSize > 512 ? logSize - 512 : 0)) {
+    HK_LOG(hiveLog, 4) << "Failed to read log bitmap from " << logName << "; error: " << Error::get();
+    info.state = "dirty vector unreadable";
+    info.unreadable = true;
+    return false;
+  }
   if (got == 0) {
     info.state = complete ? "" : "its sequence numbers differ";
     return true;

@@ -37,6 +37,9 @@ struct LogFileInfo {
   std::vector<DirtyPage> pages;
   // Why the log cannot serve recovery, for reports ("" when it can).
   std::string state;
+  // A read of the log failed where the log holds bytes: what it would add
+  // to recovery is unknown (a damaged log is not this).
+  bool unreadable = false;
   // Entries (new format) or dirty pages (old format) replayed from this log
   // when the hive was opened.
   u32 applied = 0;

@@ -107,8 +107,12 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
   W64(h + hive_log_entry::OFS_HASH1, marvin32(refs, entrySize - hive_log_entry::SIZE));
   W64(h + hive_log_entry::OFS_HASH2, marvin32(h, 32));
 
-  // Write the entry, then make it durable only as a whole: on any failure
-  // the log is cut back to what it was, so it never ends in half an entry.
+  // The entry's header goes last, after its references and pages: until
+  // then nothing at the position reads as an entry, so a write that fails
+  // part way leaves no entry whose header a later open would take with the
+  // pages half written (where the log has room behind its entries, cutting
+  // it back removes nothing). On any failure the log is cut back to what
+  // it was.
   const u64 oldSize = log->stripe->elementCount();
   if (oldSize < position && log->stripe->setElementCount(position) < position) {
     HK_LOG(hiveLog, 4) << "Failed to resize log file " << name << "; error: " << Error::get();
@@ -116,7 +120,9 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
     return false;
   }
   HK_LOG(hiveLog, 1) << "Writing new log entry at " << position;
-  if (log->stripe->writeAt(position, entry.data(), entrySize) != entrySize) {
+  const u64 body = entrySize - hive_log_entry::SIZE;
+  if (log->stripe->writeAt(position + hive_log_entry::SIZE, h + hive_log_entry::SIZE, body) != body ||
+      log->stripe->writeAt(position, h, hive_log_entry::SIZE) != hive_log_entry::SIZE) {
     HK_LOG(hiveLog, 4) << "Failed to write data to log " << name << "; error: " << Error::get();
     if (log->stripe->setElementCount(oldSize) != oldSize)
       HK_LOG(hiveLog, 4) << "Failed to reset size of log file " << name << "; error: " << Error::get();
@@ -167,7 +173,12 @@ bool RegistryHiveObj::handleAction(MappedStripe& stripe, Action action, const vo
                      << length;
   std::vector<u8> page(length, 0);
   // Bytes of the pages that the write does not cover: as the hive reads now.
-  stripe.readMapped(start, page.data(), length);
+  const u64 current = stripe.elementCount();
+  const u64 existing = start < current ? std::min(length, current - start) : 0;
+  if (stripe.readMapped(start, page.data(), existing) != existing) {
+    HK_LOG(hiveLog, 4) << "Failed to read original data for log; error: " << Log::hex(Error::get());
+    return false;
+  }
   std::memcpy(page.data() + (offset - start), bytes, size);
   if (!appendLogEntry(
           {LogPage{static_cast<u32>(start - HIVE_HEADER_SIZE), static_cast<u32>(length), page.data()}}))

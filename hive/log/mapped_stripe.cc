@@ -50,13 +50,16 @@ u64 MappedStripe::readAt(u64 position, void* buffer, u64 count) {
 }
 
 u64 MappedStripe::readMapped(u64 position, void* buffer, u64 count) {
-  const u64 size = elementCount();
+  const u64 fileSize = _file->elementCount();
+  const u64 size = std::max({fileSize, _mappedEnd, _virtualSize});
   if (position >= size) return 0;
   count = std::min(count, size - position);
   u8* out = static_cast<u8*>(buffer);
-  u64 fromFile = _file->readAt(position, out, count);
-  if (fromFile < count)
-    std::memset(out + fromFile, 0, count - fromFile);  // beyond the file: only mapped bytes
+  // Beyond the file's end there are only mapped bytes; a file read that
+  // stops before it failed, and must not pass for zeros.
+  const u64 inFile = position < fileSize ? std::min(count, fileSize - position) : 0;
+  if (inFile && _file->readAt(position, out, inFile) != inFile) return 0;
+  if (inFile < count) std::memset(out + inFile, 0, count - inFile);
   const u64 end = position + count;
   auto it = _segments.upper_bound(position);
   if (it != _segments.begin()) --it;

@@ -21,6 +21,8 @@ constexpr u64 BYTES_PER_LINE = 25;
 // size needs no buffer of its size.
 constexpr u64 CHUNK_SIZE = 64 * 1024;
 constexpr char16_t HEX[] = u"0123456789abcdef";
+constexpr const char* BUDGET_MESSAGE =
+    "Export stopped, the lists name keys and values more often than the hive can hold, at: ";
 
 void appendHex(std::u16string& out, u32 v) {
   char16_t digits[8];
@@ -62,6 +64,8 @@ bool RegFileExporter::exportKey(const Ref<Key>& key, u32 depth) {
     report("Cycle in key tree at: ", "Cycle in key tree at: ", 3);
   } else if (depth > Util::MAX_TREE_DEPTH) {
     report("Key tree deeper than 512 levels at: ", "Key tree deeper than 512 levels at: ", 3);
+  } else if (!withinBudget(key.get())) {
+    report(BUDGET_MESSAGE, BUDGET_MESSAGE, 3);
   } else if (_out->failed()) {
     report("Failed to write the export at: ", "Failed to write the export at: ", 3);
   } else {
@@ -74,6 +78,11 @@ bool RegFileExporter::exportKey(const Ref<Key>& key, u32 depth) {
     if (Ref<ValueIterator> values = key->valueIterator()) {
       while (Ref<Value> value = values->next()) {
         if (!exportValue(value)) {
+          ok = false;
+          break;
+        }
+        if (!withinBudget(value.get())) {
+          report(BUDGET_MESSAGE, BUDGET_MESSAGE, 3);
           ok = false;
           break;
         }
@@ -122,6 +131,7 @@ bool RegFileExporter::exportValue(const Ref<Value>& value) {
   const u32 type = value->type();
   if (!_binaryOnly && type == Interfaces::Config::Hive::ValueTypes::String) {
     if (Ref<String> text = value->string(MAX_STRING_LENGTH)) {
+      _budget.charge(0, 2 * u64{text->length()});
       _line += u'"';
       _line += text->units();
       _line += u'"';
@@ -134,6 +144,7 @@ bool RegFileExporter::exportValue(const Ref<Value>& value) {
     const u64 number = value->number();
     // More than 32 bits cannot be written as a dword line either.
     if (number <= 0xFFFFFFFFull) {
+      _budget.charge(0, 4);
       _line += u"dword:";
       for (int shift = 28; shift >= 0; shift -= 4) _line += HEX[(number >> shift) & 0xF];
       _out->print(_line);
@@ -169,6 +180,7 @@ bool RegFileExporter::exportBinary(const Ref<Value>& value, u32 type) {
       report("Failed to read binary data of: ", "Failed to read binary data of: ", 3, value);
       return false;
     }
+    _budget.charge(0, want);
     _line.clear();
     for (u64 i = 0; i < want; ++i, ++done) {
       if (done != 0 && done % BYTES_PER_LINE == 0) _line += u"\\\r\n  ";
@@ -180,6 +192,12 @@ bool RegFileExporter::exportBinary(const Ref<Value>& value, u32 type) {
   }
   _out->endLine();
   return true;
+}
+
+// Keys of other implementations set no limit (see Util::WalkBudget).
+bool RegFileExporter::withinBudget(const Platform::Object* item) {
+  if (!_budget.limited()) _budget.limitBy(item);
+  return _budget.charge(1);
 }
 
 void RegFileExporter::report(const char* toPrinter, const char* toLog, int level,

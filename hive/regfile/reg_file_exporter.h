@@ -30,7 +30,10 @@ class RegFileExporter {
   // more than Util::MAX_TREE_DEPTH levels below `key`, is refused (false).
   // A key of this library reached a second time through another list
   // (not a cycle) is written again, but its subkeys only once, so damaged
-  // hives whose lists share subtrees cannot make the walk exponential.
+  // hives whose lists share subtrees cannot make the walk exponential; and
+  // a walk that writes more keys, values or data than twice what the hive
+  // of its keys can hold (lists naming the same records over and over) is
+  // stopped (false).
   // Output errors show in the writer (failed()), not in the result.
   bool recursiveExport(const Ref<Key>& key, const Ref<String>& parentPath);
 
@@ -42,6 +45,10 @@ class RegFileExporter {
   // `path` is followed by the key path; with `value`, by "/" and its name.
   void report(const char* toPrinter, const char* toLog, int level, const Ref<Value>& value = nullptr) const;
   void reportFallback(const char* toPrinter, const char* toLog, const Ref<Value>& value) const;
+  // Counts one key or value written; false once the walk has written more
+  // than the hive can hold (the limits come from the hive of the first key
+  // or value of this library met).
+  bool withinBudget(const Platform::Object* item);
 
   Ref<Platform::TextWriter> _out;
   RegFileDiagnostics _diagnostics;
@@ -59,6 +66,9 @@ class RegFileExporter {
   };
   // Keys of this library whose subkeys were written already.
   std::unordered_set<Util::KeyId, KeyIdHash> _descended;
+  // Keys, values and bytes of value data written (exportValue charges the
+  // bytes it reads, withinBudget the items).
+  Util::WalkBudget _budget;
   // Reused for every value: one line of output, one chunk of data.
   std::u16string _line;
   std::vector<Platform::u8> _chunk;

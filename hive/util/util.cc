@@ -7,6 +7,7 @@
 
 #include "hive/errors.h"
 #include "hive/key/key_obj.h"
+#include "hive/value/value_obj.h"
 #include "platform/error.h"
 
 namespace Libraries::Files::Hive {
@@ -177,8 +178,24 @@ Ref<Key> Util::openOrCreatePath(const Ref<Key>& start, const Ref<String>& path) 
   return key;
 }
 
+void Util::WalkBudget::limitBy(const RegistryHiveObj& hive) {
+  // Unsafe mode reads records from anywhere in the file, which may hold
+  // more than the base block's hive bins size says.
+  Mon::Lock lock(hive.mon());
+  const u64 length = std::max<u64>(hive.hiveLength(), hive.fileLength());
+  _maxItems = length / 8 + 4096;
+  _maxBytes = 2 * length + (1u << 20);
+}
+
+void Util::WalkBudget::limitBy(const Platform::Object* keyOrValue) {
+  if (const auto* k = dynamic_cast<const KeyObj*>(keyOrValue)) limitBy(*k->hive());
+  if (const auto* v = dynamic_cast<const ValueObj*>(keyOrValue)) limitBy(*v->hive());
+}
+
 bool Util::recordId(const Ref<Key>& key, KeyId& id) {
   if (KeyObj* obj = dynamic_cast<KeyObj*>(key.get())) {
+    // A rename in another thread may move the record, and with it the offset.
+    Mon::Lock lock(obj->hive()->mon());
     id = KeyId{obj->hive().get(), obj->offset()};
     return true;
   }

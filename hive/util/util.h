@@ -25,11 +25,40 @@ using Platform::u64;
 
 extern const Platform::Log::Channel utilLog;  // "HiveUtil"
 
+class RegistryHiveObj;
+
 class Util {
  public:
   // Recursive walks (recursiveKeyDelete, the registry text export) refuse
   // key trees deeper than this, counting the key they start from as 1.
   static constexpr u32 MAX_TREE_DEPTH = 512;
+
+  // What one walk over a hive (a listing, an export) may read. A sound hive
+  // holds each key, value and byte of data once, so reading all of it never
+  // takes more than its size allows; lists that name the same records over
+  // and over (2 KiB of value list can name one 1 MiB value 500 times) could
+  // keep a walk over a small file busy for days. Past twice what the hive
+  // can hold, charge() tells the walk to stop.
+  class WalkBudget {
+   public:
+    // Unlimited until limited by the hive being walked.
+    void limitBy(const RegistryHiveObj& hive);
+    // The same through a key or value object of this library; other
+    // objects leave the budget as it is.
+    void limitBy(const Platform::Object* keyOrValue);
+    bool limited() const { return _maxItems != ~0ull; }
+    // Counts `items` keys or values and `bytes` of their data; false once
+    // the walk has gone past the budget.
+    bool charge(u64 items, u64 bytes = 0) {
+      _items += items;
+      _bytes += bytes;
+      return _items <= _maxItems && _bytes <= _maxBytes;
+    }
+
+   private:
+    u64 _items = 0, _bytes = 0;
+    u64 _maxItems = ~0ull, _maxBytes = ~0ull;
+  };
 
   // Slash form to backslash form: "//a//b/" -> "a\b", "a\/b/c" -> "a/b\c".
   // Leading and trailing separators are dropped. Null gives "".

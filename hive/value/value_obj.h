@@ -31,8 +31,16 @@ class ValueObj : public Value {
   static u32 datasizeFormType(ValueType type);
 
   // Value
-  Ref<String> name() override { return _name; }
-  ValueType type() override { return _type; }
+  // Reads of the fields a rename, setType or delete changes take the
+  // monitor too: another thread may hold the same object.
+  Ref<String> name() override {
+    Mon::Lock lock(_hive->mon());
+    return _name;
+  }
+  ValueType type() override {
+    Mon::Lock lock(_hive->mon());
+    return _type;
+  }
   bool setType(ValueType type) override;
   Ref<Interfaces::Stripe> binary() override;
   Ref<String> string(u32 maxLength) override;
@@ -41,12 +49,18 @@ class ValueObj : public Value {
   bool setNumber(u64 number) override;
   Ref<TVector<Ref<String>>> strings(u32 maxLength) override;
   bool setStrings(Ref<TVector<Ref<String>>> strings) override;
-  bool readOnly() override { return !_valid || _readOnly; }
+  bool readOnly() override {
+    Mon::Lock lock(_hive->mon());
+    return !_valid || _readOnly;
+  }
 
   // Bytes moved from / to the data at `offset`; never grows the value.
   u32 read(void* buffer, u32 offset, u32 size);
   u32 write(const void* buffer, u32 offset, u32 size);
-  u32 size() const { return _dataSize; }
+  u32 size() const {
+    Mon::Lock lock(_hive->mon());
+    return _dataSize;
+  }
   // Resizes the data; returns the size that holds afterwards.
   u32 size(u32 newSize);
   bool selfDelete();
@@ -55,7 +69,10 @@ class ValueObj : public Value {
   bool valid() const { return _valid; }
   u32 offset() const { return _offset; }
   bool resident() const { return _dataResident; }
-  bool resizableAsStripe() const { return _resizable; }
+  bool resizableAsStripe() const {
+    Mon::Lock lock(_hive->mon());
+    return _resizable;
+  }
   const Ref<RegistryHiveObj>& hive() const { return _hive; }
   // Out of line: KeyObj is incomplete here.
   Ref<KeyObj> parent() const;

@@ -87,6 +87,7 @@ bool ValueObj::setType(ValueType type) {
 }
 
 Ref<Interfaces::Stripe> ValueObj::binary() {
+  Mon::Lock lock(_hive->mon());
   if (!_valid) {
     Error::set(Errors::OBJECT_INVALID);
     return nullptr;

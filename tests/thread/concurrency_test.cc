@@ -1,0 +1,594 @@
+// Several threads sharing one hive through the public interfaces.
+//
+// The hive's monitor serialises every operation, so whatever the threads
+// do at the same time must leave no data race (the tsan build checks),
+// must not deadlock (a watchdog bounds the run), and must leave the hive as
+// running the same work one thread after another does. The work is split
+// into phases; within a phase each worker changes only names it owns, and
+// readers only check what holds under any interleaving, so the final hive
+// does not depend on how the threads were scheduled.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <latch>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hive/errors.h"
+#include "hive/hive_file.h"
+#include "hive/regfile/reg_file_util.h"
+#include "hive/util/util.h"
+#include "platform/error.h"
+#include "platform/log.h"
+#include "platform/memory_stripe.h"
+
+namespace hivekit::test {
+namespace {
+
+namespace Hive = Libraries::Files::Hive;
+namespace Errors = Hive::Errors;
+namespace Types = Interfaces::Config::Hive::ValueTypes;
+using Hive::HiveFile;
+using Hive::Util;
+using Interfaces::Config::Hive::Key;
+using Interfaces::Config::Hive::KeyIterator;
+using Interfaces::Config::Hive::Value;
+using Interfaces::Config::Hive::ValueIterator;
+using Platform::MemoryStripe;
+using Platform::Ref;
+using Platform::String;
+using Platform::TVector;
+using Platform::u32;
+using Platform::u64;
+using Platform::u8;
+
+constexpr u32 WORKERS = 6;
+constexpr u32 OWN_KEYS = 12;       // keys below each worker's own key
+constexpr u32 SHARED_VALUES = 40;  // values each worker makes under "Shared"
+// Subkeys each worker makes under "SharedKeys": together more than one lh
+// list holds, so the list becomes two-level while the workers add to it.
+constexpr u32 SHARED_KEYS = 210;
+constexpr auto DEADLINE = std::chrono::seconds(300);
+
+Ref<String> str(const std::string& s) {
+  return String::create(s);
+}
+
+std::string name(const char* prefix, u32 worker, u32 j = 0) {
+  char buffer[32];
+  std::snprintf(buffer, sizeof buffer, "%s%u_%03u", prefix, worker, j);
+  return buffer;
+}
+
+std::string utf8(const Ref<String>& s) {
+  return s ? s->toUtf8() : "<null>";
+}
+
+// Ends the test binary when the work is not done in time: a deadlock
+// would otherwise hold CI until its own limit.
+class Watchdog {
+ public:
+  Watchdog() : _thread([this] { watch(); }) {}
+  ~Watchdog() {
+    {
+      std::lock_guard<std::mutex> g(_lock);
+      _done = true;
+    }
+    _wake.notify_one();
+    _thread.join();
+  }
+
+ private:
+  void watch() {
+    std::unique_lock<std::mutex> g(_lock);
+    if (_wake.wait_for(g, DEADLINE, [this] { return _done; })) return;
+    std::fprintf(stderr, "concurrency test still running after %lld s: deadlock\n",
+                 static_cast<long long>(DEADLINE.count()));
+    std::abort();
+  }
+  std::mutex _lock;
+  std::condition_variable _wake;
+  bool _done = false;
+  std::thread _thread;
+};
+
+// Failures seen on worker threads, reported by the test's own thread.
+class Problems {
+ public:
+  void note(const std::string& what) {
+    std::lock_guard<std::mutex> g(_lock);
+    if (_list.size() < 20) _list.push_back(what);
+  }
+  void check(bool ok, const std::string& what) {
+    if (!ok) note(what);
+  }
+  std::vector<std::string> list() {
+    std::lock_guard<std::mutex> g(_lock);
+    return _list;
+  }
+
+ private:
+  std::mutex _lock;
+  std::vector<std::string> _list;
+};
+
+std::string hexBytes(const std::vector<u8>& bytes) {
+  static const char digits[] = "0123456789abcdef";
+  std::string out;
+  for (u8 b : bytes) {
+    out += digits[b >> 4];
+    out += digits[b & 15];
+  }
+  return out;
+}
+
+std::vector<u8> dataOf(const Ref<Value>& value) {
+  Ref<Interfaces::Stripe> data = value->binary();
+  if (!data) return {};
+  std::vector<u8> bytes(data->elementCount());
+  bytes.resize(data->readAt(0, bytes.data(), bytes.size()));
+  return bytes;
+}
+
+// Names, types and data of a key tree; values sorted by name (their list
+// order is the order of creation), subkeys in list order (sorted by name).
+void listKey(const Ref<Key>& key, const std::string& path, std::string& out) {
+  out += "[" + path + "]\n";
+  std::vector<std::string> values;
+  Ref<ValueIterator> vi = key->valueIterator();
+  while (Ref<Value> v = vi->next())
+    values.push_back(utf8(v->name()) + " " + std::to_string(v->type()) + " " + hexBytes(dataOf(v)) + "\n");
+  std::sort(values.begin(), values.end());
+  for (const std::string& v : values) out += v;
+  Ref<KeyIterator> ki = key->keyIterator();
+  while (Ref<Key> k = ki->next()) listKey(k, path + "\\" + utf8(k->name()), out);
+}
+
+std::string listing(const Ref<HiveFile>& hive) {
+  std::string out;
+  listKey(hive->root(), "", out);
+  return out;
+}
+
+std::string exportText(const Ref<Key>& key, const std::string& path) {
+  Ref<MemoryStripe> target = MemoryStripe::create();
+  if (!Hive::RegFileUtil::exportRegFile(key, target, str(path), 0)) return "<export failed>";
+  return std::string(target->bytes().begin(), target->bytes().end());
+}
+
+// What one worker holds across phases: keys and values of another
+// worker's doomed subtree, which that worker deletes.
+struct Held {
+  std::vector<Ref<Key>> keys;
+  std::vector<Ref<Value>> values;
+  Ref<KeyIterator> keyIterator;
+  Ref<ValueIterator> valueIterator;
+};
+
+// Keys and values the workers rename, delete or resize, held by a watcher
+// thread that reads them meanwhile.
+struct Watched {
+  std::vector<Ref<Key>> keys;
+  std::vector<Ref<Value>> values;
+  Ref<ValueIterator> sharedValues;
+};
+
+class Workload {
+ public:
+  Workload(Ref<HiveFile> hive, bool concurrent) : _hive(std::move(hive)), _concurrent(concurrent) {}
+
+  void run() {
+    Ref<Key> root = _hive->root();
+    _problems.check(root->createKey(str("Shared")) && root->createKey(str("SharedKeys")), "setup");
+    phase([this](u32 w) { build(w); });
+    phase([this](u32 w) { grab(w); });
+    // Looked up on different threads at once, one key is one object.
+    for (const Ref<Key>& k : _shared) _problems.check(k && k == _shared[0], "one object for Shared");
+    for (Ref<Key>& k : _shared) k = nullptr;
+    gatherWatched();
+    phase([this](u32 w) { mutate(w); }, true);
+    _watched = Watched();
+    phase([this](u32 w) { afterDelete(w); });
+    phase([this](u32 w) { finish(w); });
+  }
+  std::vector<std::string> problems() { return _problems.list(); }
+  const std::vector<std::string>& exports() const { return _exports; }
+
+ private:
+  // fn(w) for every worker: on one thread each, started together, or one
+  // after another on this thread. A watcher reads while concurrent workers
+  // run; it changes nothing, so the serial run goes without.
+  void phase(const std::function<void(u32)>& fn, bool watched = false) {
+    if (!_concurrent) {
+      for (u32 w = 0; w < WORKERS; ++w) fn(w);
+      return;
+    }
+    std::latch start(WORKERS);
+    std::atomic<bool> stop{false};
+    std::thread watcher;
+    if (watched) watcher = std::thread([this, &stop] { watch(stop); });
+    std::vector<std::thread> threads;
+    for (u32 w = 0; w < WORKERS; ++w)
+      threads.emplace_back([&start, &fn, w] {
+        start.arrive_and_wait();
+        fn(w);
+      });
+    for (std::thread& t : threads) t.join();
+    stop = true;
+    if (watcher.joinable()) watcher.join();
+  }
+
+  Ref<Value> makeValue(const Ref<Key>& key, const std::string& n, u32 type) {
+    Ref<Value> v = key->createValue(str(n), type);
+    _problems.check(v != nullptr, "createValue " + n);
+    return v;
+  }
+
+  void setBinary(const Ref<Value>& v, u32 size, u8 seed) {
+    std::vector<u8> bytes(size);
+    for (u32 i = 0; i < size; ++i) bytes[i] = static_cast<u8>(seed + i * 7);
+    Ref<Interfaces::Stripe> s = v ? v->binary() : nullptr;
+    _problems.check(s && s->setElementCount(size) == size && s->writeAt(0, bytes.data(), size) == size,
+                    "binary data");
+  }
+
+  // The values under "Shared" as a reader sees them while others change
+  // them: whatever an iterator hands out is the object a lookup by name
+  // finds, unless it was renamed or deleted in between.
+  void scanShared(u32 w) {
+    Ref<Key> shared = _hive->path(str("Shared"));  // often a new object: others drop theirs
+    if (!shared) return _problems.note("path Shared");
+    _problems.check(_hive->root()->key(str("shared")) == shared, "two objects for key Shared");
+    Ref<ValueIterator> it = shared->valueIterator();
+    _problems.check(it->count() <= WORKERS * SHARED_VALUES, "value count");
+    u32 seen = 0;
+    while (Ref<Value> v = it->next()) {
+      // A value renamed behind the iterator's position moves to the list's
+      // end and comes again; nothing else can lengthen the walk.
+      if (++seen > 2 * WORKERS * SHARED_VALUES) return _problems.note("value iterator runs on");
+      Ref<String> n = v->name();
+      const u64 number = v->number();
+      if (seen % 8 != w) continue;  // a lookup by name walks the list
+      Ref<Value> again = shared->value(n);
+      _problems.check(!again || again == v, "two objects for value " + utf8(n));
+      if (again) _problems.check(number != ~0ull, "number of live value " + utf8(n));
+    }
+    Ref<KeyIterator> keys = Util::openPath(_hive->root(), str("SharedKeys"))->keyIterator();
+    for (u32 i = 0; i < 50 + w; ++i)
+      if (!keys->next()) break;
+  }
+
+  void walkSecurity() {
+    Ref<Interfaces::Config::Hive::SecurityDescriptorIterator> it = _hive->securityDescriptorIterator();
+    u32 n = 0;
+    while (Ref<Interfaces::Config::Hive::SecurityDescriptor> sd = it->next()) {
+      _problems.check(!sd->get().empty(), "security descriptor bytes");
+      if (++n > 100) return _problems.note("security descriptor list runs on");
+    }
+    _problems.check(n >= 1, "no security descriptor");
+  }
+
+  void build(u32 w) {
+    Ref<Key> own = _hive->root()->createKey(str(name("W", w)));
+    if (!own) return _problems.note("create own key");
+    for (u32 j = 0; j < OWN_KEYS; ++j) {
+      Ref<Key> k = own->createKey(str(name("K", w, j)));
+      if (!k) return _problems.note("create key");
+      makeValue(k, "str", Types::String)->setString(str("text " + name("", w, j)));
+      makeValue(k, "dw", Types::Dword)->setNumber(w * 1000 + j);
+      makeValue(k, "qw", Types::Qword)->setNumber((u64{w} << 40) | j);
+      Ref<TVector<Ref<String>>> list = TVector<Ref<String>>::create();
+      list->push_back(str(name("a", w)));
+      list->push_back(str(name("b", j)));
+      makeValue(k, "multi", Types::MultiString)->setStrings(list);
+      setBinary(makeValue(k, "bin", Types::Binary), 37 * j, static_cast<u8>(w));
+      // Above one record's worth: a db list in this hive version.
+      if (j % 4 == 0) setBinary(makeValue(k, "big", Types::Binary), 20000 + j, static_cast<u8>(j));
+      Ref<Key> sub = k->createKey(str("sub"));
+      if (sub) makeValue(sub, "leaf", Types::Dword)->setNumber(j);
+    }
+
+    Ref<Key> shared = _hive->path(str("Shared"));
+    Ref<Key> sharedKeys = Util::openPath(_hive->root(), str("SharedKeys"));
+    for (u32 j = 0; j < SHARED_VALUES; ++j) {
+      makeValue(shared, name("T", w, j), Types::Dword)->setNumber(w * 100000 + j);
+      if (j % 8 == w % 8) scanShared(w);
+    }
+    for (u32 j = 0; j < SHARED_KEYS; ++j) {
+      _problems.check(sharedKeys->createKey(str(name("T", w, j))) != nullptr, "shared subkey");
+      if (j % 50 == 0) _problems.check(_hive->flush(), "flush");
+    }
+
+    // A subtree another worker takes references into and this one deletes.
+    Ref<Key> doomed = Util::openOrCreatePath(_hive->root(), str(name("D", w) + "/a/b"));
+    if (!doomed) return _problems.note("create doomed subtree");
+    makeValue(doomed, "x", Types::Dword)->setNumber(w);
+    makeValue(_hive->path(str(name("D", w) + "\\a")), "y", Types::String)->setString(str("y"));
+    walkSecurity();
+  }
+
+  void grab(u32 w) {
+    const std::string other = name("D", (w + 1) % WORKERS);
+    Held& held = _held[w];
+    _shared[w] = _hive->path(str("Shared"));
+    Ref<Key> top = _hive->root()->key(str(other));
+    Ref<Key> a = Util::openPath(top, str("a"));
+    Ref<Key> b = _hive->path(str(other + "\\a\\b"));
+    if (!top || !a || !b) return _problems.note("grab " + other);
+    held.keys = {top, a, b};
+    held.values = {a->value(str("y")), b->value(str("x"))};
+    held.keyIterator = a->keyIterator();
+    held.valueIterator = b->valueIterator();
+    _problems.check(held.values[0] && held.values[1], "grab values");
+  }
+
+  // Keys and values that mutate renames, deletes, rewrites or resizes.
+  void gatherWatched() {
+    Ref<Key> shared = _hive->path(str("Shared"));
+    Ref<Key> sharedKeys = _hive->path(str("SharedKeys"));
+    for (u32 w = 0; w < WORKERS; ++w) {
+      Ref<Key> own = _hive->path(str(name("W", w)));
+      for (u32 j = 0; j < 6; ++j) _watched.values.push_back(shared->value(str(name("T", w, j))));
+      for (u32 j = 3; j < OWN_KEYS; j += 4) {
+        _watched.values.push_back(Util::openPath(own, str(name("K", w, j)))->value(str("bin")));
+        _watched.keys.push_back(own->key(str(name("K", w, j - 2))));
+      }
+      for (u32 j = 0; j < 15; j += 3) _watched.keys.push_back(sharedKeys->key(str(name("T", w, j))));
+    }
+    _watched.sharedValues = shared->valueIterator();
+    for (const Ref<Value>& v : _watched.values) _problems.check(v != nullptr, "watched value");
+    for (const Ref<Key>& k : _watched.keys) _problems.check(k != nullptr, "watched key");
+  }
+
+  // Reads the watched objects over and over while the workers change them:
+  // each call sees an object either before or after a change. None of
+  // these calls has another way to synchronise with the writers than the
+  // monitor, so the sanitizer sees any of them that skips it.
+  void watch(const std::atomic<bool>& stop) {
+    while (!stop) {
+      for (const Ref<Value>& v : _watched.values) {
+        v->name();
+        v->type();
+        v->readOnly();
+        if (Ref<Interfaces::Stripe> data = v->binary()) data->elementCount();
+      }
+      for (const Ref<Key>& k : _watched.keys) {
+        k->name();
+        Util::keyId(k);
+      }
+      _watched.sharedValues->count();
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+  }
+
+  // Uses what this worker holds while its owner deletes it: each call
+  // either works or fails cleanly with the object marked invalid.
+  void poke(u32 w) {
+    for (const Ref<Key>& k : _held[w].keys) {
+      k->name();
+      k->value(str("x"));
+      if (Ref<KeyIterator> it = k->keyIterator()) it->next();
+    }
+    for (const Ref<Value>& v : _held[w].values) {
+      if (!v) continue;
+      if (!v->setNumber(7)) {
+        // A value deleted by now; or "y", a string, which refuses a number.
+        const u32 error = Platform::Error::get();
+        _problems.check(error == Errors::OBJECT_INVALID || error == Errors::WRONG_TYPE, "setNumber error");
+      }
+      dataOf(v);
+    }
+  }
+
+  void mutate(u32 w) {
+    poke(w);
+    Ref<Key> root = _hive->root();
+    _problems.check(Util::recursiveKeyDelete(root, root->key(str(name("D", w)))), "delete doomed");
+
+    Ref<Key> own = root->key(str(name("W", w)));
+    if (!own) return _problems.note("own key");
+    for (u32 j = 0; j < OWN_KEYS; ++j) {
+      Ref<Key> k = own->key(str(name("K", w, j)));
+      if (!k) return _problems.note("own subkey");
+      switch (j % 4) {
+        case 0:
+          _problems.check(Util::recursiveKeyDelete(own, k), "delete own subtree");
+          break;
+        case 1:
+          _problems.check(own->move(k, str(name("R", w, j))), "rename own key");
+          break;
+        case 2:
+          _problems.check(k->deleteValue(k->value(str("str"))), "delete own value");
+          _problems.check(k->value(str("dw"))->setNumber(j + 1), "setNumber");
+          break;
+        case 3: {
+          _problems.check(k->value(str("str"))->setString(str(std::string(300 + j, 'z'))), "setString");
+          setBinary(k->value(str("bin")), 5000, 3);
+          // Moves a value from the previous key (case 2) into this one.
+          Ref<Key> previous = own->key(str(name("K", w, j - 1)));
+          _problems.check(previous && k->move(previous->value(str("multi")), str("moved")), "move value");
+          break;
+        }
+      }
+      poke(w);
+      // Another worker's subtree while it changes: only must not crash.
+      if (j % 4 == 1) exportText(_hive->path(str(name("W", (w + 1) % WORKERS))), "Other");
+    }
+
+    Ref<Key> shared = _hive->path(str("Shared"));
+    for (u32 j = 0; j < SHARED_VALUES; ++j) {
+      Ref<Value> v = shared->value(str(name("T", w, j)));
+      if (!v) return _problems.note("own shared value");
+      switch (j % 3) {
+        case 0:
+          _problems.check(shared->deleteValue(v), "delete shared value");
+          break;
+        case 1:
+          _problems.check(v->setNumber(w * 100000 + j + 7), "shared setNumber");
+          break;
+        case 2:
+          _problems.check(shared->move(v, str(name("M", w, j))), "rename shared value");
+          break;
+      }
+      if (j % 10 == 0) {
+        scanShared(w);
+        exportText(shared, "Shared");  // changing under it: only must not crash
+      }
+    }
+
+    Ref<Key> sharedKeys = _hive->path(str("SharedKeys"));
+    for (u32 j = 0; j < SHARED_KEYS; j += 3) {
+      Ref<Key> k = sharedKeys->key(str(name("T", w, j)));
+      if (!k) return _problems.note("own shared subkey");
+      switch (j % 5) {
+        case 0:
+          _problems.check(sharedKeys->deleteKey(k), "delete shared subkey");
+          break;
+        case 1:
+          _problems.check(sharedKeys->move(k, str(name("R", w, j))), "rename shared subkey");
+          break;
+        default:
+          makeValue(k, "v", Types::Dword)->setNumber(j);
+          break;
+      }
+      if (j % 60 == 0) _problems.check(_hive->flush(), "flush");
+    }
+    walkSecurity();
+  }
+
+  void afterDelete(u32 w) {
+    Held& held = _held[w];
+    for (const Ref<Key>& k : held.keys) {
+      Platform::Error::set(0);
+      _problems.check(!k->value(str("x")) && Platform::Error::get() == Errors::OBJECT_INVALID,
+                      "value of a deleted key");
+      _problems.check(!k->createKey(str("new")) && !k->keyIterator(), "use of a deleted key");
+    }
+    for (const Ref<Value>& v : held.values) {
+      Platform::Error::set(0);
+      _problems.check(!v->setString(str("late")) && Platform::Error::get() == Errors::OBJECT_INVALID,
+                      "setString on a deleted value");
+      _problems.check(v->number() == ~0ull && !v->binary(), "read of a deleted value");
+    }
+    _problems.check(!held.keyIterator->next() && !held.valueIterator->next(), "iterator of a deleted key");
+    held = Held();  // the last references go on this thread
+  }
+
+  void finish(u32 w) {
+    _problems.check(_hive->flush(), "final flush");
+    std::string text = exportText(_hive->path(str(name("W", w))), name("W", w));
+    std::lock_guard<std::mutex> g(_exportLock);
+    _exports.resize(WORKERS);
+    _exports[w] = std::move(text);
+  }
+
+  Ref<HiveFile> _hive;
+  bool _concurrent;
+  Problems _problems;
+  Held _held[WORKERS];
+  Ref<Key> _shared[WORKERS];
+  Watched _watched;
+  std::mutex _exportLock;
+  std::vector<std::string> _exports;
+};
+
+struct Outcome {
+  std::string listing;
+  std::vector<std::string> exports;
+  std::vector<u8> image;  // the flushed hive file
+};
+
+Outcome runOn(const Ref<HiveFile>& hive, bool concurrent) {
+  Watchdog watchdog;
+  // Every message is built and reaches a sink, from whichever thread.
+  Platform::Log::Capture capture(1);
+  Workload work(hive, concurrent);
+  work.run();
+  for (const std::string& p : work.problems()) ADD_FAILURE() << p;
+  return Outcome{listing(hive), work.exports(), {}};
+}
+
+// The serial run, made once for all tests.
+const Outcome& serial() {
+  static const Outcome outcome = [] {
+    Ref<MemoryStripe> stripe = MemoryStripe::create();
+    Ref<HiveFile> hive = HiveFile::create(stripe, 5, Hive::latin1, {});
+    Outcome o = runOn(hive, false);
+    EXPECT_TRUE(hive->flush());
+    o.image = stripe->bytes();
+    return o;
+  }();
+  return outcome;
+}
+
+TEST(ConcurrencyTest, MemoryHiveEndsAsSerialRun) {
+  const Outcome& expected = serial();
+  ASSERT_NE(expected.listing.find("[\\SharedKeys\\T5_209]"), std::string::npos);
+
+  Ref<MemoryStripe> stripe = MemoryStripe::create();
+  Ref<HiveFile> hive = HiveFile::create(stripe, 5, Hive::latin1, {});
+  ASSERT_TRUE(hive);
+  Outcome got = runOn(hive, true);
+  EXPECT_EQ(got.listing, expected.listing);
+  EXPECT_EQ(got.exports, expected.exports);
+
+  hive = nullptr;  // the last reference flushes
+  Ref<HiveFile> reopened =
+      HiveFile::open(MemoryStripe::create(stripe->bytes()), Hive::modeReadOnly, Hive::latin1, {});
+  ASSERT_TRUE(reopened);
+  EXPECT_EQ(listing(reopened), expected.listing);
+}
+
+TEST(ConcurrencyTest, FileHiveEndsAsSerialRun) {
+  namespace fs = std::filesystem;
+  const fs::path dir = fs::temp_directory_path() / ("hivekit-threads-" + std::to_string(::getpid()));
+  fs::create_directories(dir);
+  const std::string path = (dir / "hive").string();
+  {
+    Ref<HiveFile> hive = HiveFile::create(str(path), 5, Hive::latin1);
+    ASSERT_TRUE(hive);
+    Outcome got = runOn(hive, true);
+    EXPECT_EQ(got.listing, serial().listing);
+    EXPECT_EQ(got.exports, serial().exports);
+  }
+  Ref<HiveFile> reopened = HiveFile::open(str(path), Hive::modeReadOnly, Hive::latin1);
+  ASSERT_TRUE(reopened);
+  EXPECT_EQ(listing(reopened), serial().listing);
+  reopened = nullptr;
+  fs::remove_all(dir);
+}
+
+// Readers only, on the hive the serial run left, opened read-only and in
+// unsafe mode (which serves records from its own copy of the file): every
+// thread's walk sees the whole hive.
+TEST(ConcurrencyTest, ReadersOfOneHiveAgree) {
+  const Outcome& expected = serial();
+  for (u32 mode : {u32{Hive::modeReadOnly}, u32{Hive::modeReadOnly | Hive::modeUnsafe}}) {
+    Ref<HiveFile> hive = HiveFile::open(MemoryStripe::create(expected.image), mode, Hive::latin1, {});
+    ASSERT_TRUE(hive) << mode;
+    Watchdog watchdog;
+    std::vector<std::string> listings(WORKERS);
+    std::vector<std::thread> threads;
+    for (u32 w = 0; w < WORKERS; ++w)
+      threads.emplace_back([&, w] {
+        listings[w] = listing(hive);
+        listings[w] += exportText(hive->path(str(name("W", w))), name("W", w));
+      });
+    for (std::thread& t : threads) t.join();
+    for (u32 w = 0; w < WORKERS; ++w)
+      EXPECT_EQ(listings[w], expected.listing + expected.exports[w]) << "mode " << mode << ", reader " << w;
+  }
+}
+
+}  // namespace
+}  // namespace hivekit::test
