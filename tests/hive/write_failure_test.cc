@@ -145,20 +145,6 @@ TEST_P(WriteFailure, FullDiskWhileGrowing) {
   }
 }
 
-// The file stays a valid hive for any reader between the growth of the
-// hive and the next flush: the base block counts only hbins that are there.
-TEST_P(WriteFailure, FileValidBetweenGrowthAndFlush) {
-  ASSERT_TRUE(hive->flush());
-  const std::vector<u8> data(40000, 0x5a);
-  Ref<Cfg::Value> big = hive->root()->createValue(S(u"big"), T::Binary);
-  ASSERT_TRUE(big && big->binary()->setElementCount(data.size()) == data.size());
-  ASSERT_EQ(big->binary()->writeAt(0, data.data(), data.size()), data.size());
-  EXPECT_EQ(check(stripe->bytes(), model), "") << "before the flush";
-  ASSERT_TRUE(hive->flush());
-  model.values.push_back(MValue{u"big", T::Binary, data});
-  EXPECT_EQ(check(stripe->bytes(), model), "") << "after the flush";
-}
-
 // 255 characters are the most a key name may have, 16383 a value name,
 // in 8-bit and in UTF-16 form alike.
 TEST_P(WriteFailure, NameLengthLimits) {

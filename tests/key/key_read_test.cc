@@ -1,6 +1,7 @@
 // Loading subkey lists of every kind, lookups by name, and lists damaged in
 // the ways a hostile or broken hive can damage them.
 #include <algorithm>
+#include <functional>
 
 #include "platform/log.h"
 #include "tests/key/key_test_util.h"
@@ -59,33 +60,23 @@ void expectFourKeys(const Ref<RegistryHiveObj>& hive) {
 }
 
 TEST(KeyListRead, EveryKindOfListLoads) {
-  {
+  using Write = std::function<u32(FourKeys&)>;
+  const Write lists[] = {
+      [](FourKeys& f) { return f.b.writeList(LF, f.keys, f.hashes(0, 4, true)); },
+      [](FourKeys& f) { return f.b.writeList(LH, f.keys, f.hashes(0, 4, false)); },
+      [](FourKeys& f) { return f.b.writeList(LI, f.keys); },
+      [](FourKeys& f) {
+        return f.b.writeList(RI, {f.b.writeList(LI, f.slice(0, 1)), f.b.writeList(LI, f.slice(1, 3))});
+      },
+      // lh and li sublists mixed under one ri
+      [](FourKeys& f) {
+        return f.b.writeList(
+            RI, {f.b.writeList(LH, f.slice(0, 2), f.hashes(0, 2, false)), f.b.writeList(LI, f.slice(2, 2))});
+      },
+  };
+  for (const Write& write : lists) {
     FourKeys f;
-    f.setList(f.b.writeList(LF, f.keys, f.hashes(0, 4, true)), 4);
-    expectFourKeys(f.open());
-  }
-  {
-    FourKeys f;
-    f.setList(f.b.writeList(LH, f.keys, f.hashes(0, 4, false)), 4);
-    expectFourKeys(f.open());
-  }
-  {
-    FourKeys f;
-    f.setList(f.b.writeList(LI, f.keys), 4);
-    expectFourKeys(f.open());
-  }
-  {
-    FourKeys f;
-    const u32 a = f.b.writeList(LI, f.slice(0, 1));
-    const u32 b = f.b.writeList(LI, f.slice(1, 3));
-    f.setList(f.b.writeList(RI, {a, b}), 4);
-    expectFourKeys(f.open());
-  }
-  {  // lh and li sublists mixed under one ri
-    FourKeys f;
-    const u32 a = f.b.writeList(LH, f.slice(0, 2), f.hashes(0, 2, false));
-    const u32 b = f.b.writeList(LI, f.slice(2, 2));
-    f.setList(f.b.writeList(RI, {a, b}), 4);
+    f.setList(write(f), 4);
     expectFourKeys(f.open());
   }
 }
@@ -113,14 +104,55 @@ TEST(KeyListRead, MixedRiTakesNewEntriesAndHashesLiEntries) {
   EXPECT_EQ(sub->u32At(hive_record_list::OFS_ITEMS + 12), HiveBuilder::lhHash(u"alpha", true));
 }
 
-struct Damage {
-  const char* what;
-  const char* message;
-};
-
 TEST(KeyListRead, DamagedListsAreRefusedWithoutHarm) {
-  auto check = [](FourKeys& f, const Damage& d) {
+  struct Damage {
+    const char* what;
+    std::function<u32(FourKeys&)> list;  // the root's list record
+    u32 numKeys;
+    const char* message;
+  };
+  const Damage damages[] = {
+      {"count beyond the record",
+       [](FourKeys& f) { return f.b.writeList(LH, f.slice(0, 2), f.hashes(0, 2, false), 40); }, 40,
+       "Size of items of lh list exceeds size of record"},
+      {"more entries than subkeys",
+       [](FourKeys& f) { return f.b.writeList(LF, f.keys, f.hashes(0, 4, true)); }, 3,
+       "More items in lf list than expected"},
+      {"fewer entries than subkeys", [](FourKeys& f) { return f.b.writeList(LI, f.slice(0, 3)); }, 4,
+       "Failed to load li (top level) key list: "},
+      {"a count no single list can hold",
+       [](FourKeys& f) { return f.b.writeList(LH, f.slice(0, 3), f.hashes(0, 3, false)); }, 70000,
+       "Failed to load lh key list, list:"},
+      {"not a list", [](FourKeys& f) { return f.keys[1]; }, 4, "Invalid list type for key list: "},
+      {"ri over lf",
+       [](FourKeys& f) { return f.b.writeList(RI, {f.b.writeList(LF, f.keys, f.hashes(0, 4, true))}); }, 4,
+       "Invalid list type for key sub list: "},
+      {"ri over ri",
+       [](FourKeys& f) { return f.b.writeList(RI, {f.b.writeList(RI, {f.b.writeList(LI, f.keys)})}); }, 4,
+       "Invalid list type for key sub list: "},
+      {"sublists short of the count",
+       [](FourKeys& f) {
+         return f.b.writeList(RI, {f.b.writeList(LI, f.slice(0, 2)), f.b.writeList(LI, f.slice(2, 1))});
+       },
+       4, "Wrong number of items in sublists of ri list"},
+      {"ri count beyond the record",
+       [](FourKeys& f) { return f.b.writeList(RI, {f.b.writeList(LI, f.keys)}, {}, 50); }, 4,
+       "Size of items of ri list exceeds size of record"},
+      // Refused before anything of that size is allocated.
+      {"a key count no hive can hold",
+       [](FourKeys& f) { return f.b.writeList(RI, {f.b.writeList(LI, f.keys)}); }, 0xfffffff0u,
+       "Wrong number of items in sublists of ri list"},
+      {"ri naming one sublist twice",
+       [](FourKeys& f) {
+         const u32 a = f.b.writeList(LI, f.slice(0, 2));
+         return f.b.writeList(RI, {a, a});
+       },
+       4, "Failed to load sub list of ri list: "},
+  };
+  for (const Damage& d : damages) {
     SCOPED_TRACE(d.what);
+    FourKeys f;
+    f.setList(d.list(f), d.numKeys);
     Ref<RegistryHiveObj> hive = f.open();
     ASSERT_TRUE(hive);
     Ref<Hive::Key> root = hive->root();
@@ -134,70 +166,6 @@ TEST(KeyListRead, DamagedListsAreRefusedWithoutHarm) {
     log.clear();
     EXPECT_FALSE(root->key(str("beta")));
     EXPECT_TRUE(log.contains(d.message));
-  };
-  {
-    FourKeys f;
-    f.setList(f.b.writeList(LH, f.slice(0, 2), f.hashes(0, 2, false), 40), 40);
-    check(f, {"count beyond the record", "Size of items of lh list exceeds size of record"});
-  }
-  {
-    FourKeys f;
-    f.setList(f.b.writeList(LF, f.keys, f.hashes(0, 4, true)), 3);
-    check(f, {"more entries than subkeys", "More items in lf list than expected"});
-  }
-  {
-    FourKeys f;
-    f.setList(f.b.writeList(LI, f.slice(0, 3)), 4);
-    check(f, {"fewer entries than subkeys", "Failed to load li (top level) key list: "});
-  }
-  {
-    FourKeys f;
-    f.setList(f.b.writeList(LH, f.slice(0, 3), f.hashes(0, 3, false)), 70000);
-    check(f, {"a count no single list can hold", "Failed to load lh key list, list:"});
-  }
-  {
-    FourKeys f;
-    f.setList(f.keys[1], 4);  // an nk record where the list should be
-    check(f, {"not a list", "Invalid list type for key list: "});
-  }
-  {
-    FourKeys f;
-    const u32 lf = f.b.writeList(LF, f.keys, f.hashes(0, 4, true));
-    f.setList(f.b.writeList(RI, {lf}), 4);
-    check(f, {"ri over lf", "Invalid list type for key sub list: "});
-  }
-  {
-    FourKeys f;
-    const u32 li = f.b.writeList(LI, f.keys);
-    const u32 inner = f.b.writeList(RI, {li});
-    f.setList(f.b.writeList(RI, {inner}), 4);
-    check(f, {"ri over ri", "Invalid list type for key sub list: "});
-  }
-  {
-    FourKeys f;
-    const u32 a = f.b.writeList(LI, f.slice(0, 2));
-    const u32 b = f.b.writeList(LI, f.slice(2, 1));
-    f.setList(f.b.writeList(RI, {a, b}), 4);
-    check(f, {"sublists short of the count", "Wrong number of items in sublists of ri list"});
-  }
-  {
-    FourKeys f;
-    const u32 a = f.b.writeList(LI, f.keys);
-    f.setList(f.b.writeList(RI, {a}, {}, 50), 4);
-    check(f, {"ri count beyond the record", "Size of items of ri list exceeds size of record"});
-  }
-  {
-    // An absurd key count: refused before anything of that size is allocated.
-    FourKeys f;
-    const u32 li = f.b.writeList(LI, f.keys);
-    f.setList(f.b.writeList(RI, {li}), 0xfffffff0u);
-    check(f, {"a key count no hive can hold", "Wrong number of items in sublists of ri list"});
-  }
-  {
-    FourKeys f;
-    const u32 a = f.b.writeList(LI, f.slice(0, 2));
-    f.setList(f.b.writeList(RI, {a, a}), 4);
-    check(f, {"ri naming one sublist twice", "Failed to load sub list of ri list: "});
   }
 }
 
@@ -270,6 +238,8 @@ TEST(KeyListRead, LinearFallbackWhenAProbedNameIsEmpty) {
   EXPECT_TRUE(hive->root()->key(str("gamma")));
 }
 
+// The hashes of every name the model test stores are checked by its byte
+// walk; here, padding and names the codepage cannot hold.
 TEST(KeyListRead, MakeHash) {
   Ref<RegistryHiveObj> hive = newHive(5);
   ASSERT_TRUE(hive);
@@ -277,20 +247,11 @@ TEST(KeyListRead, MakeHash) {
   u32 hash = 0;
   ASSERT_TRUE(root->makeHash(Hive::keyListLF, str("ab"), true, false, hash));
   EXPECT_EQ(hash, 0x00006261u);  // zero padded
-  ASSERT_TRUE(root->makeHash(Hive::keyListLF, str("Software"), true, false, hash));
-  EXPECT_EQ(hash, HiveBuilder::lfHint(u"Software"));
-  ASSERT_TRUE(root->makeHash(Hive::keyListLH, str("Software"), false, false, hash));
-  EXPECT_EQ(hash, HiveBuilder::lhHash(u"Software", false));
   // A character outside the codepage: refused unless allowed (then 0).
   const Ref<String> wide = String::fromUtf16(u"a\u4e2d", 2);
   EXPECT_FALSE(root->makeHash(Hive::keyListLH, wide, true, false, hash));
   ASSERT_TRUE(root->makeHash(Hive::keyListLH, wide, true, true, hash));
   EXPECT_EQ(hash, u32{'A'} * 37);
-  ASSERT_TRUE(root->makeHash(Hive::keyListLH, wide, false, false, hash));
-  EXPECT_EQ(hash, u32{'A'} * 37 + 0x4e2d);
-  Platform::Log::Capture log;
-  EXPECT_FALSE(root->makeHash(Hive::keyListLI, str("x"), false, false, hash));
-  EXPECT_TRUE(log.contains("Can't calculate hash for hash type: 0"));
 }
 
 }  // namespace

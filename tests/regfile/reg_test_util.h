@@ -100,17 +100,4 @@ inline bool importText(const Ref<Hive::HiveFile>& hive, std::vector<u8> bytes, c
                                     str(prefix), diagnostics ? diagnostics->sink() : nullptr);
 }
 
-// The hive with ROOT -> A -> B whose B lists A again as its subkey.
-inline std::vector<u8> cyclicHive() {
-  HiveBuilder b;
-  const u32 root = b.root();
-  const u32 a = b.key(root, u"A");
-  const u32 bk = b.key(a, u"B");
-  const u32 list = b.writeList(Hive::hive_record_list::SIGNATURE_LH, {a}, {HiveBuilder::lhHash(u"A", true)});
-  b.layout();
-  Platform::W32(b.at(bk) + Hive::hive_record_nk::OFS_NUM_KEYS, 1);
-  Platform::W32(b.at(bk) + Hive::hive_record_nk::OFS_KEY_LIST, list);
-  return b.build();
-}
-
 }  // namespace hivekit::test

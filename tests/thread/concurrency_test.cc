@@ -2,7 +2,7 @@
 //
 // The hive's monitor serialises every operation, so whatever the threads
 // do at the same time must leave no data race (the tsan build checks),
-// must not deadlock (a watchdog bounds the run), and must leave the hive as
+// must not deadlock (an alarm bounds the run), and must leave the hive as
 // running the same work one thread after another does. The work is split
 // into phases; within a phase each worker changes only names it owns, and
 // readers only check what holds under any interleaving, so the final hive
@@ -13,9 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <latch>
@@ -47,7 +45,6 @@ using Interfaces::Config::Hive::ValueIterator;
 using Platform::MemoryStripe;
 using Platform::Ref;
 using Platform::String;
-using Platform::TVector;
 using Platform::u32;
 using Platform::u64;
 using Platform::u8;
@@ -58,7 +55,13 @@ constexpr u32 SHARED_VALUES = 40;  // values each worker makes under "Shared"
 // Subkeys each worker makes under "SharedKeys": together more than one lh
 // list holds, so the list becomes two-level while the workers add to it.
 constexpr u32 SHARED_KEYS = 210;
-constexpr auto DEADLINE = std::chrono::seconds(300);
+
+// A deadlock would otherwise hold CI until its own limit: SIGALRM ends
+// the test binary.
+struct Watchdog {
+  Watchdog() { alarm(300); }
+  ~Watchdog() { alarm(0); }
+};
 
 Ref<String> str(const std::string& s) {
   return String::create(s);
@@ -72,64 +75,6 @@ std::string name(const char* prefix, u32 worker, u32 j = 0) {
 
 std::string utf8(const Ref<String>& s) {
   return s ? s->toUtf8() : "<null>";
-}
-
-// Ends the test binary when the work is not done in time: a deadlock
-// would otherwise hold CI until its own limit.
-class Watchdog {
- public:
-  Watchdog() : _thread([this] { watch(); }) {}
-  ~Watchdog() {
-    {
-      std::lock_guard<std::mutex> g(_lock);
-      _done = true;
-    }
-    _wake.notify_one();
-    _thread.join();
-  }
-
- private:
-  void watch() {
-    std::unique_lock<std::mutex> g(_lock);
-    if (_wake.wait_for(g, DEADLINE, [this] { return _done; })) return;
-    std::fprintf(stderr, "concurrency test still running after %lld s: deadlock\n",
-                 static_cast<long long>(DEADLINE.count()));
-    std::abort();
-  }
-  std::mutex _lock;
-  std::condition_variable _wake;
-  bool _done = false;
-  std::thread _thread;
-};
-
-// Failures seen on worker threads, reported by the test's own thread.
-class Problems {
- public:
-  void note(const std::string& what) {
-    std::lock_guard<std::mutex> g(_lock);
-    if (_list.size() < 20) _list.push_back(what);
-  }
-  void check(bool ok, const std::string& what) {
-    if (!ok) note(what);
-  }
-  std::vector<std::string> list() {
-    std::lock_guard<std::mutex> g(_lock);
-    return _list;
-  }
-
- private:
-  std::mutex _lock;
-  std::vector<std::string> _list;
-};
-
-std::string hexBytes(const std::vector<u8>& bytes) {
-  static const char digits[] = "0123456789abcdef";
-  std::string out;
-  for (u8 b : bytes) {
-    out += digits[b >> 4];
-    out += digits[b & 15];
-  }
-  return out;
 }
 
 std::vector<u8> dataOf(const Ref<Value>& value) {
@@ -146,8 +91,11 @@ void listKey(const Ref<Key>& key, const std::string& path, std::string& out) {
   out += "[" + path + "]\n";
   std::vector<std::string> values;
   Ref<ValueIterator> vi = key->valueIterator();
-  while (Ref<Value> v = vi->next())
-    values.push_back(utf8(v->name()) + " " + std::to_string(v->type()) + " " + hexBytes(dataOf(v)) + "\n");
+  while (Ref<Value> v = vi->next()) {
+    std::string line = utf8(v->name()) + " " + std::to_string(v->type()) + " ";
+    for (u8 b : dataOf(v)) line += "0123456789abcdef"[b >> 4] + std::string(1, "0123456789abcdef"[b & 15]);
+    values.push_back(line + "\n");
+  }
   std::sort(values.begin(), values.end());
   for (const std::string& v : values) out += v;
   Ref<KeyIterator> ki = key->keyIterator();
@@ -166,45 +114,43 @@ std::string exportText(const Ref<Key>& key, const std::string& path) {
   return std::string(target->bytes().begin(), target->bytes().end());
 }
 
-// What one worker holds across phases: keys and values of another
-// worker's doomed subtree, which that worker deletes.
-struct Held {
-  std::vector<Ref<Key>> keys;
-  std::vector<Ref<Value>> values;
-  Ref<KeyIterator> keyIterator;
-  Ref<ValueIterator> valueIterator;
-};
-
-// Keys and values the workers rename, delete or resize, held by a watcher
-// thread that reads them meanwhile.
-struct Watched {
-  std::vector<Ref<Key>> keys;
-  std::vector<Ref<Value>> values;
-  Ref<ValueIterator> sharedValues;
-};
-
 class Workload {
  public:
   Workload(Ref<HiveFile> hive, bool concurrent) : _hive(std::move(hive)), _concurrent(concurrent) {}
 
   void run() {
     Ref<Key> root = _hive->root();
-    _problems.check(root->createKey(str("Shared")) && root->createKey(str("SharedKeys")), "setup");
+    check(root->createKey(str("Shared")) && root->createKey(str("SharedKeys")), "setup");
     phase([this](u32 w) { build(w); });
     phase([this](u32 w) { grab(w); });
     // Looked up on different threads at once, one key is one object.
-    for (const Ref<Key>& k : _shared) _problems.check(k && k == _shared[0], "one object for Shared");
+    for (const Ref<Key>& k : _shared) check(k && k == _shared[0], "one object for Shared");
     for (Ref<Key>& k : _shared) k = nullptr;
     gatherWatched();
     phase([this](u32 w) { mutate(w); }, true);
-    _watched = Watched();
+    _watchedKeys.clear();
+    _watchedValues.clear();
+    _watchedIterator = nullptr;
     phase([this](u32 w) { afterDelete(w); });
     phase([this](u32 w) { finish(w); });
   }
-  std::vector<std::string> problems() { return _problems.list(); }
+  // Failures seen on any thread, for the test's own thread to report.
+  std::vector<std::string> problems() {
+    std::lock_guard<std::mutex> g(_lock);
+    return _problems;
+  }
   const std::vector<std::string>& exports() const { return _exports; }
 
  private:
+  // Takes the lock only on failure: an extra lock on every check would
+  // order the threads and hide races from the sanitizer.
+  void check(bool ok, const std::string& what) {
+    if (ok) return;
+    std::lock_guard<std::mutex> g(_lock);
+    if (_problems.size() < 20) _problems.push_back(what);
+  }
+  void note(const std::string& what) { check(false, what); }
+
   // fn(w) for every worker: on one thread each, started together, or one
   // after another on this thread. A watcher reads while concurrent workers
   // run; it changes nothing, so the serial run goes without.
@@ -230,7 +176,7 @@ class Workload {
 
   Ref<Value> makeValue(const Ref<Key>& key, const std::string& n, u32 type) {
     Ref<Value> v = key->createValue(str(n), type);
-    _problems.check(v != nullptr, "createValue " + n);
+    check(v != nullptr, "createValue " + n);
     return v;
   }
 
@@ -238,8 +184,7 @@ class Workload {
     std::vector<u8> bytes(size);
     for (u32 i = 0; i < size; ++i) bytes[i] = static_cast<u8>(seed + i * 7);
     Ref<Interfaces::Stripe> s = v ? v->binary() : nullptr;
-    _problems.check(s && s->setElementCount(size) == size && s->writeAt(0, bytes.data(), size) == size,
-                    "binary data");
+    check(s && s->setElementCount(size) == size && s->writeAt(0, bytes.data(), size) == size, "binary data");
   }
 
   // The values under "Shared" as a reader sees them while others change
@@ -247,57 +192,55 @@ class Workload {
   // finds, unless it was renamed or deleted in between.
   void scanShared(u32 w) {
     Ref<Key> shared = _hive->path(str("Shared"));  // often a new object: others drop theirs
-    if (!shared) return _problems.note("path Shared");
-    _problems.check(_hive->root()->key(str("shared")) == shared, "two objects for key Shared");
+    if (!shared) return note("path Shared");
+    check(_hive->root()->key(str("shared")) == shared, "two objects for key Shared");
     Ref<ValueIterator> it = shared->valueIterator();
-    _problems.check(it->count() <= WORKERS * SHARED_VALUES, "value count");
+    check(it->count() <= WORKERS * SHARED_VALUES, "value count");
     u32 seen = 0;
     while (Ref<Value> v = it->next()) {
       // A value renamed behind the iterator's position moves to the list's
       // end and comes again; nothing else can lengthen the walk.
-      if (++seen > 2 * WORKERS * SHARED_VALUES) return _problems.note("value iterator runs on");
+      if (++seen > 2 * WORKERS * SHARED_VALUES) return note("value iterator runs on");
       Ref<String> n = v->name();
       const u64 number = v->number();
       if (seen % 8 != w) continue;  // a lookup by name walks the list
       Ref<Value> again = shared->value(n);
-      _problems.check(!again || again == v, "two objects for value " + utf8(n));
-      if (again) _problems.check(number != ~0ull, "number of live value " + utf8(n));
+      check(!again || again == v, "two objects for value " + utf8(n));
+      if (again) check(number != ~0ull, "number of live value " + utf8(n));
     }
     Ref<KeyIterator> keys = Util::openPath(_hive->root(), str("SharedKeys"))->keyIterator();
-    for (u32 i = 0; i < 50 + w; ++i)
-      if (!keys->next()) break;
+    for (u32 i = 0; i < 50 + w && keys->next(); ++i) {
+    }
   }
 
   void walkSecurity() {
-    Ref<Interfaces::Config::Hive::SecurityDescriptorIterator> it = _hive->securityDescriptorIterator();
+    auto it = _hive->securityDescriptorIterator();
     u32 n = 0;
-    while (Ref<Interfaces::Config::Hive::SecurityDescriptor> sd = it->next()) {
-      _problems.check(!sd->get().empty(), "security descriptor bytes");
-      if (++n > 100) return _problems.note("security descriptor list runs on");
+    while (auto sd = it->next()) {
+      check(!sd->get().empty(), "security descriptor bytes");
+      if (++n > 100) return note("security descriptor list runs on");
     }
-    _problems.check(n >= 1, "no security descriptor");
+    check(n >= 1, "no security descriptor");
   }
 
   void build(u32 w) {
     Ref<Key> own = _hive->root()->createKey(str(name("W", w)));
-    if (!own) return _problems.note("create own key");
+    if (!own) return note("create own key");
     for (u32 j = 0; j < OWN_KEYS; ++j) {
       Ref<Key> k = own->createKey(str(name("K", w, j)));
-      if (!k) return _problems.note("create key");
+      if (!k) return note("create key");
       makeValue(k, "str", Types::String)->setString(str("text " + name("", w, j)));
       makeValue(k, "dw", Types::Dword)->setNumber(w * 1000 + j);
       makeValue(k, "qw", Types::Qword)->setNumber((u64{w} << 40) | j);
-      Ref<TVector<Ref<String>>> list = TVector<Ref<String>>::create();
+      auto list = Platform::TVector<Ref<String>>::create();
       list->push_back(str(name("a", w)));
       list->push_back(str(name("b", j)));
       makeValue(k, "multi", Types::MultiString)->setStrings(list);
       setBinary(makeValue(k, "bin", Types::Binary), 37 * j, static_cast<u8>(w));
       // Above one record's worth: a db list in this hive version.
       if (j % 4 == 0) setBinary(makeValue(k, "big", Types::Binary), 20000 + j, static_cast<u8>(j));
-      Ref<Key> sub = k->createKey(str("sub"));
-      if (sub) makeValue(sub, "leaf", Types::Dword)->setNumber(j);
+      if (Ref<Key> sub = k->createKey(str("sub"))) makeValue(sub, "leaf", Types::Dword)->setNumber(j);
     }
-
     Ref<Key> shared = _hive->path(str("Shared"));
     Ref<Key> sharedKeys = Util::openPath(_hive->root(), str("SharedKeys"));
     for (u32 j = 0; j < SHARED_VALUES; ++j) {
@@ -305,18 +248,19 @@ class Workload {
       if (j % 8 == w % 8) scanShared(w);
     }
     for (u32 j = 0; j < SHARED_KEYS; ++j) {
-      _problems.check(sharedKeys->createKey(str(name("T", w, j))) != nullptr, "shared subkey");
-      if (j % 50 == 0) _problems.check(_hive->flush(), "flush");
+      check(sharedKeys->createKey(str(name("T", w, j))) != nullptr, "shared subkey");
+      if (j % 50 == 0) check(_hive->flush(), "flush");
     }
-
     // A subtree another worker takes references into and this one deletes.
     Ref<Key> doomed = Util::openOrCreatePath(_hive->root(), str(name("D", w) + "/a/b"));
-    if (!doomed) return _problems.note("create doomed subtree");
+    if (!doomed) return note("create doomed subtree");
     makeValue(doomed, "x", Types::Dword)->setNumber(w);
     makeValue(_hive->path(str(name("D", w) + "\\a")), "y", Types::String)->setString(str("y"));
     walkSecurity();
   }
 
+  // Takes references into the next worker's doomed subtree, kept across
+  // phases while that worker deletes it.
   void grab(u32 w) {
     const std::string other = name("D", (w + 1) % WORKERS);
     Held& held = _held[w];
@@ -324,12 +268,9 @@ class Workload {
     Ref<Key> top = _hive->root()->key(str(other));
     Ref<Key> a = Util::openPath(top, str("a"));
     Ref<Key> b = _hive->path(str(other + "\\a\\b"));
-    if (!top || !a || !b) return _problems.note("grab " + other);
-    held.keys = {top, a, b};
-    held.values = {a->value(str("y")), b->value(str("x"))};
-    held.keyIterator = a->keyIterator();
-    held.valueIterator = b->valueIterator();
-    _problems.check(held.values[0] && held.values[1], "grab values");
+    if (!top || !a || !b) return note("grab " + other);
+    held = {{top, a, b}, {a->value(str("y")), b->value(str("x"))}, a->keyIterator(), b->valueIterator()};
+    check(held.values[0] && held.values[1], "grab values");
   }
 
   // Keys and values that mutate renames, deletes, rewrites or resizes.
@@ -338,16 +279,16 @@ class Workload {
     Ref<Key> sharedKeys = _hive->path(str("SharedKeys"));
     for (u32 w = 0; w < WORKERS; ++w) {
       Ref<Key> own = _hive->path(str(name("W", w)));
-      for (u32 j = 0; j < 6; ++j) _watched.values.push_back(shared->value(str(name("T", w, j))));
+      for (u32 j = 0; j < 6; ++j) _watchedValues.push_back(shared->value(str(name("T", w, j))));
       for (u32 j = 3; j < OWN_KEYS; j += 4) {
-        _watched.values.push_back(Util::openPath(own, str(name("K", w, j)))->value(str("bin")));
-        _watched.keys.push_back(own->key(str(name("K", w, j - 2))));
+        _watchedValues.push_back(Util::openPath(own, str(name("K", w, j)))->value(str("bin")));
+        _watchedKeys.push_back(own->key(str(name("K", w, j - 2))));
       }
-      for (u32 j = 0; j < 15; j += 3) _watched.keys.push_back(sharedKeys->key(str(name("T", w, j))));
+      for (u32 j = 0; j < 15; j += 3) _watchedKeys.push_back(sharedKeys->key(str(name("T", w, j))));
     }
-    _watched.sharedValues = shared->valueIterator();
-    for (const Ref<Value>& v : _watched.values) _problems.check(v != nullptr, "watched value");
-    for (const Ref<Key>& k : _watched.keys) _problems.check(k != nullptr, "watched key");
+    _watchedIterator = shared->valueIterator();
+    for (const Ref<Value>& v : _watchedValues) check(v != nullptr, "watched value");
+    for (const Ref<Key>& k : _watchedKeys) check(k != nullptr, "watched key");
   }
 
   // Reads the watched objects over and over while the workers change them:
@@ -356,17 +297,17 @@ class Workload {
   // monitor, so the sanitizer sees any of them that skips it.
   void watch(const std::atomic<bool>& stop) {
     while (!stop) {
-      for (const Ref<Value>& v : _watched.values) {
+      for (const Ref<Value>& v : _watchedValues) {
         v->name();
         v->type();
         v->readOnly();
         if (Ref<Interfaces::Stripe> data = v->binary()) data->elementCount();
       }
-      for (const Ref<Key>& k : _watched.keys) {
+      for (const Ref<Key>& k : _watchedKeys) {
         k->name();
         Util::keyId(k);
       }
-      _watched.sharedValues->count();
+      _watchedIterator->count();
       std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
   }
@@ -381,10 +322,10 @@ class Workload {
     }
     for (const Ref<Value>& v : _held[w].values) {
       if (!v) continue;
+      // A value deleted by now; or "y", a string, which refuses a number.
       if (!v->setNumber(7)) {
-        // A value deleted by now; or "y", a string, which refuses a number.
         const u32 error = Platform::Error::get();
-        _problems.check(error == Errors::OBJECT_INVALID || error == Errors::WRONG_TYPE, "setNumber error");
+        check(error == Errors::OBJECT_INVALID || error == Errors::WRONG_TYPE, "setNumber error");
       }
       dataOf(v);
     }
@@ -393,32 +334,27 @@ class Workload {
   void mutate(u32 w) {
     poke(w);
     Ref<Key> root = _hive->root();
-    _problems.check(Util::recursiveKeyDelete(root, root->key(str(name("D", w)))), "delete doomed");
+    check(Util::recursiveKeyDelete(root, root->key(str(name("D", w)))), "delete doomed");
 
+    // Own keys: deleted, renamed, a value deleted and one rewritten, or
+    // values resized and one moved in from the previous key.
     Ref<Key> own = root->key(str(name("W", w)));
-    if (!own) return _problems.note("own key");
+    if (!own) return note("own key");
     for (u32 j = 0; j < OWN_KEYS; ++j) {
       Ref<Key> k = own->key(str(name("K", w, j)));
-      if (!k) return _problems.note("own subkey");
-      switch (j % 4) {
-        case 0:
-          _problems.check(Util::recursiveKeyDelete(own, k), "delete own subtree");
-          break;
-        case 1:
-          _problems.check(own->move(k, str(name("R", w, j))), "rename own key");
-          break;
-        case 2:
-          _problems.check(k->deleteValue(k->value(str("str"))), "delete own value");
-          _problems.check(k->value(str("dw"))->setNumber(j + 1), "setNumber");
-          break;
-        case 3: {
-          _problems.check(k->value(str("str"))->setString(str(std::string(300 + j, 'z'))), "setString");
-          setBinary(k->value(str("bin")), 5000, 3);
-          // Moves a value from the previous key (case 2) into this one.
-          Ref<Key> previous = own->key(str(name("K", w, j - 1)));
-          _problems.check(previous && k->move(previous->value(str("multi")), str("moved")), "move value");
-          break;
-        }
+      if (!k) return note("own subkey");
+      if (j % 4 == 0) {
+        check(Util::recursiveKeyDelete(own, k), "delete own subtree");
+      } else if (j % 4 == 1) {
+        check(own->move(k, str(name("R", w, j))), "rename own key");
+      } else if (j % 4 == 2) {
+        check(k->deleteValue(k->value(str("str"))), "delete own value");
+        check(k->value(str("dw"))->setNumber(j + 1), "setNumber");
+      } else {
+        check(k->value(str("str"))->setString(str(std::string(300 + j, 'z'))), "setString");
+        setBinary(k->value(str("bin")), 5000, 3);
+        Ref<Key> previous = own->key(str(name("K", w, j - 1)));
+        check(previous && k->move(previous->value(str("multi")), str("moved")), "move value");
       }
       poke(w);
       // Another worker's subtree while it changes: only must not crash.
@@ -428,18 +364,13 @@ class Workload {
     Ref<Key> shared = _hive->path(str("Shared"));
     for (u32 j = 0; j < SHARED_VALUES; ++j) {
       Ref<Value> v = shared->value(str(name("T", w, j)));
-      if (!v) return _problems.note("own shared value");
-      switch (j % 3) {
-        case 0:
-          _problems.check(shared->deleteValue(v), "delete shared value");
-          break;
-        case 1:
-          _problems.check(v->setNumber(w * 100000 + j + 7), "shared setNumber");
-          break;
-        case 2:
-          _problems.check(shared->move(v, str(name("M", w, j))), "rename shared value");
-          break;
-      }
+      if (!v) return note("own shared value");
+      if (j % 3 == 0)
+        check(shared->deleteValue(v), "delete shared value");
+      else if (j % 3 == 1)
+        check(v->setNumber(w * 100000 + j + 7), "shared setNumber");
+      else
+        check(shared->move(v, str(name("M", w, j))), "rename shared value");
       if (j % 10 == 0) {
         scanShared(w);
         exportText(shared, "Shared");  // changing under it: only must not crash
@@ -449,19 +380,14 @@ class Workload {
     Ref<Key> sharedKeys = _hive->path(str("SharedKeys"));
     for (u32 j = 0; j < SHARED_KEYS; j += 3) {
       Ref<Key> k = sharedKeys->key(str(name("T", w, j)));
-      if (!k) return _problems.note("own shared subkey");
-      switch (j % 5) {
-        case 0:
-          _problems.check(sharedKeys->deleteKey(k), "delete shared subkey");
-          break;
-        case 1:
-          _problems.check(sharedKeys->move(k, str(name("R", w, j))), "rename shared subkey");
-          break;
-        default:
-          makeValue(k, "v", Types::Dword)->setNumber(j);
-          break;
-      }
-      if (j % 60 == 0) _problems.check(_hive->flush(), "flush");
+      if (!k) return note("own shared subkey");
+      if (j % 5 == 0)
+        check(sharedKeys->deleteKey(k), "delete shared subkey");
+      else if (j % 5 == 1)
+        check(sharedKeys->move(k, str(name("R", w, j))), "rename shared subkey");
+      else
+        makeValue(k, "v", Types::Dword)->setNumber(j);
+      if (j % 60 == 0) check(_hive->flush(), "flush");
     }
     walkSecurity();
   }
@@ -470,36 +396,45 @@ class Workload {
     Held& held = _held[w];
     for (const Ref<Key>& k : held.keys) {
       Platform::Error::set(0);
-      _problems.check(!k->value(str("x")) && Platform::Error::get() == Errors::OBJECT_INVALID,
-                      "value of a deleted key");
-      _problems.check(!k->createKey(str("new")) && !k->keyIterator(), "use of a deleted key");
+      check(!k->value(str("x")) && Platform::Error::get() == Errors::OBJECT_INVALID,
+            "value of a deleted key");
+      check(!k->createKey(str("new")) && !k->keyIterator(), "use of a deleted key");
     }
     for (const Ref<Value>& v : held.values) {
       Platform::Error::set(0);
-      _problems.check(!v->setString(str("late")) && Platform::Error::get() == Errors::OBJECT_INVALID,
-                      "setString on a deleted value");
-      _problems.check(v->number() == ~0ull && !v->binary(), "read of a deleted value");
+      check(!v->setString(str("late")) && Platform::Error::get() == Errors::OBJECT_INVALID,
+            "setString on a deleted value");
+      check(v->number() == ~0ull && !v->binary(), "read of a deleted value");
     }
-    _problems.check(!held.keyIterator->next() && !held.valueIterator->next(), "iterator of a deleted key");
+    check(!held.keyIterator->next() && !held.valueIterator->next(), "iterator of a deleted key");
     held = Held();  // the last references go on this thread
   }
 
   void finish(u32 w) {
-    _problems.check(_hive->flush(), "final flush");
+    check(_hive->flush(), "final flush");
     std::string text = exportText(_hive->path(str(name("W", w))), name("W", w));
-    std::lock_guard<std::mutex> g(_exportLock);
+    std::lock_guard<std::mutex> g(_lock);
     _exports.resize(WORKERS);
     _exports[w] = std::move(text);
   }
 
+  struct Held {
+    std::vector<Ref<Key>> keys;
+    std::vector<Ref<Value>> values;
+    Ref<KeyIterator> keyIterator;
+    Ref<ValueIterator> valueIterator;
+  };
+
   Ref<HiveFile> _hive;
   bool _concurrent;
-  Problems _problems;
+  std::mutex _lock;
+  std::vector<std::string> _problems, _exports;
   Held _held[WORKERS];
   Ref<Key> _shared[WORKERS];
-  Watched _watched;
-  std::mutex _exportLock;
-  std::vector<std::string> _exports;
+  // Read by the watcher thread while the workers change them.
+  std::vector<Ref<Key>> _watchedKeys;
+  std::vector<Ref<Value>> _watchedValues;
+  Ref<ValueIterator> _watchedIterator;
 };
 
 struct Outcome {
@@ -510,8 +445,7 @@ struct Outcome {
 
 Outcome runOn(const Ref<HiveFile>& hive, bool concurrent) {
   Watchdog watchdog;
-  // Every message is built and reaches a sink, from whichever thread.
-  Platform::Log::Capture capture(1);
+  Platform::Log::Capture capture(1);  // every message is built and reaches a sink, from any thread
   Workload work(hive, concurrent);
   work.run();
   for (const std::string& p : work.problems()) ADD_FAILURE() << p;
@@ -531,22 +465,26 @@ const Outcome& serial() {
   return outcome;
 }
 
-TEST(ConcurrencyTest, MemoryHiveEndsAsSerialRun) {
+// The concurrent run on `hive` ends as the serial one, and so does the file
+// once the last reference has flushed it.
+void expectSerialOutcome(Ref<HiveFile> hive, const std::function<Ref<HiveFile>()>& reopen) {
+  ASSERT_TRUE(hive);
   const Outcome& expected = serial();
   ASSERT_NE(expected.listing.find("[\\SharedKeys\\T5_209]"), std::string::npos);
-
-  Ref<MemoryStripe> stripe = MemoryStripe::create();
-  Ref<HiveFile> hive = HiveFile::create(stripe, 5, Hive::latin1, {});
-  ASSERT_TRUE(hive);
-  Outcome got = runOn(hive, true);
+  const Outcome got = runOn(hive, true);
   EXPECT_EQ(got.listing, expected.listing);
   EXPECT_EQ(got.exports, expected.exports);
-
-  hive = nullptr;  // the last reference flushes
-  Ref<HiveFile> reopened =
-      HiveFile::open(MemoryStripe::create(stripe->bytes()), Hive::modeReadOnly, Hive::latin1, {});
+  hive = nullptr;
+  Ref<HiveFile> reopened = reopen();
   ASSERT_TRUE(reopened);
   EXPECT_EQ(listing(reopened), expected.listing);
+}
+
+TEST(ConcurrencyTest, MemoryHiveEndsAsSerialRun) {
+  Ref<MemoryStripe> stripe = MemoryStripe::create();
+  expectSerialOutcome(HiveFile::create(stripe, 5, Hive::latin1, {}), [&] {
+    return HiveFile::open(MemoryStripe::create(stripe->bytes()), Hive::modeReadOnly, Hive::latin1, {});
+  });
 }
 
 TEST(ConcurrencyTest, FileHiveEndsAsSerialRun) {
@@ -554,17 +492,8 @@ TEST(ConcurrencyTest, FileHiveEndsAsSerialRun) {
   const fs::path dir = fs::temp_directory_path() / ("hivekit-threads-" + std::to_string(::getpid()));
   fs::create_directories(dir);
   const std::string path = (dir / "hive").string();
-  {
-    Ref<HiveFile> hive = HiveFile::create(str(path), 5, Hive::latin1);
-    ASSERT_TRUE(hive);
-    Outcome got = runOn(hive, true);
-    EXPECT_EQ(got.listing, serial().listing);
-    EXPECT_EQ(got.exports, serial().exports);
-  }
-  Ref<HiveFile> reopened = HiveFile::open(str(path), Hive::modeReadOnly, Hive::latin1);
-  ASSERT_TRUE(reopened);
-  EXPECT_EQ(listing(reopened), serial().listing);
-  reopened = nullptr;
+  expectSerialOutcome(HiveFile::create(str(path), 5, Hive::latin1),
+                      [&] { return HiveFile::open(str(path), Hive::modeReadOnly, Hive::latin1); });
   fs::remove_all(dir);
 }
 
@@ -580,10 +509,8 @@ TEST(ConcurrencyTest, ReadersOfOneHiveAgree) {
     std::vector<std::string> listings(WORKERS);
     std::vector<std::thread> threads;
     for (u32 w = 0; w < WORKERS; ++w)
-      threads.emplace_back([&, w] {
-        listings[w] = listing(hive);
-        listings[w] += exportText(hive->path(str(name("W", w))), name("W", w));
-      });
+      threads.emplace_back(
+          [&, w] { listings[w] = listing(hive) + exportText(hive->path(str(name("W", w))), name("W", w)); });
     for (std::thread& t : threads) t.join();
     for (u32 w = 0; w < WORKERS; ++w)
       EXPECT_EQ(listings[w], expected.listing + expected.exports[w]) << "mode " << mode << ", reader " << w;

@@ -9,7 +9,6 @@
 namespace hivekit::test {
 namespace {
 
-
 std::vector<u8> loadHive(const char* name) {
   const std::string path = std::string(HIVEKIT_SOURCE_DIR) + "/../shared/testdata/hives/" + name;
   std::ifstream in(path, std::ios::binary);
