@@ -37,11 +37,8 @@ void appendHex(std::u16string& out, u32 v) {
 }  // namespace
 
 RegFileExporter::RegFileExporter(Ref<Platform::TextWriter> output, RegFileDiagnostics diagnostics,
-                                 bool reserved, bool binaryOnly)
-    : _out(std::move(output)),
-      _diagnostics(std::move(diagnostics)),
-      _reserved(reserved),
-      _binaryOnly(binaryOnly) {}
+                                 bool /*reserved*/, bool binaryOnly)
+    : _out(std::move(output)), _diagnostics(std::move(diagnostics)), _binaryOnly(binaryOnly) {}
 
 bool RegFileExporter::recursiveExport(const Ref<Key>& key, const Ref<String>& parentPath) {
   _path = parentPath ? parentPath->units() : std::u16string();

@@ -52,7 +52,6 @@ class RegFileExporter {
 
   Ref<Platform::TextWriter> _out;
   RegFileDiagnostics _diagnostics;
-  bool _reserved;
   bool _binaryOnly;
 
   // While a key's block is written: its full path. Each level appends
