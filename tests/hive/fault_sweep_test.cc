@@ -24,6 +24,8 @@ namespace {
 
 using Hive::HiveFile;
 using Platform::MemoryStripe;
+using test::FAULT_KINDS;
+using test::FaultSpec;
 using test::FaultStripe;
 namespace Error = Platform::Error;
 namespace Log = Platform::Log;
@@ -263,23 +265,6 @@ struct Config {
   bool faultOnLog;
   bool padded;  // the log has zeros behind its entries
 };
-// What goes wrong.
-struct FaultSpec {
-  const char* name;
-  FaultStripe::Kind kind;
-  FaultStripe::Fault fault;
-  bool sticky;
-};
-const FaultSpec FAULTS[] = {
-    {"read fails", FaultStripe::Read, FaultStripe::Fail, false},
-    {"read short", FaultStripe::Read, FaultStripe::Short, false},
-    {"write fails", FaultStripe::Write, FaultStripe::Fail, false},
-    {"write short", FaultStripe::Write, FaultStripe::Short, false},
-    {"writes fail from then on", FaultStripe::Write, FaultStripe::Fail, true},
-    {"resize fails", FaultStripe::Resize, FaultStripe::Fail, false},
-    {"resizes fail from then on", FaultStripe::Resize, FaultStripe::Fail, true},
-    {"sync fails", FaultStripe::Sync, FaultStripe::Fail, false},
-};
 
 class FaultSweep : public ::testing::TestWithParam<Config> {
  protected:
@@ -386,7 +371,7 @@ class FaultSweep : public ::testing::TestWithParam<Config> {
 };
 
 TEST_P(FaultSweep, EveryCallOfTheWorkloadFails) {
-  for (const FaultSpec& f : FAULTS) {
+  for (const FaultSpec& f : FAULT_KINDS) {
     const u64 count = run(f, 0);
     ASSERT_FALSE(HasFailure()) << "the workload fails without a fault";
     for (u64 n = 1; n <= count; ++n) {

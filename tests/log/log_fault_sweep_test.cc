@@ -20,6 +20,8 @@ namespace {
 
 using Hive::HiveFile;
 using Platform::MemoryStripe;
+using test::FAULT_KINDS;
+using test::FaultSpec;
 using test::FaultStripe;
 using test::LoggedPage;
 namespace Error = Platform::Error;
@@ -101,21 +103,6 @@ const Case CASES[] = {
     {"OldFormatReadOnly", true, Hive::modeReadOnly},
     {"OldFormatWritable", true, 0},
 };
-struct FaultSpec {
-  const char* name;
-  FaultStripe::Kind kind;
-  FaultStripe::Fault fault;
-  bool sticky;
-};
-const FaultSpec FAULTS[] = {
-    {"read fails", FaultStripe::Read, FaultStripe::Fail, false},
-    {"read short", FaultStripe::Read, FaultStripe::Short, false},
-    {"write fails", FaultStripe::Write, FaultStripe::Fail, false},
-    {"write short", FaultStripe::Write, FaultStripe::Short, false},
-    {"writes fail from then on", FaultStripe::Write, FaultStripe::Fail, true},
-    {"resize fails", FaultStripe::Resize, FaultStripe::Fail, false},
-    {"sync fails", FaultStripe::Sync, FaultStripe::Fail, false},
-};
 
 class LogFaultSweep : public ::testing::TestWithParam<Case> {};
 
@@ -131,7 +118,7 @@ TEST_P(LogFaultSweep, EveryCallOfTheOpenFails) {
 
   for (u32 faulted = 0; faulted < files.size(); ++faulted) {
     if (files[faulted].empty()) continue;
-    for (const FaultSpec& f : FAULTS) {
+    for (const FaultSpec& f : FAULT_KINDS) {
       const u64 count =
           open(files, c.mode, faulted, f.kind, 0, f.fault, f.sticky).stripes[faulted]->calls(f.kind);
       for (u64 n = 1; n <= count; ++n) {

@@ -79,4 +79,23 @@ class FaultStripe : public Interfaces::Stripe {
   u64 _fired = 0;
 };
 
+// One way for calls to go wrong, named for test output; FAULT_KINDS lists
+// every one the sweeps try.
+struct FaultSpec {
+  const char* name;
+  FaultStripe::Kind kind;
+  FaultStripe::Fault fault;
+  bool sticky;
+};
+inline constexpr FaultSpec FAULT_KINDS[] = {
+    {"read fails", FaultStripe::Read, FaultStripe::Fail, false},
+    {"read short", FaultStripe::Read, FaultStripe::Short, false},
+    {"write fails", FaultStripe::Write, FaultStripe::Fail, false},
+    {"write short", FaultStripe::Write, FaultStripe::Short, false},
+    {"writes fail from then on", FaultStripe::Write, FaultStripe::Fail, true},
+    {"resize fails", FaultStripe::Resize, FaultStripe::Fail, false},
+    {"resizes fail from then on", FaultStripe::Resize, FaultStripe::Fail, true},
+    {"sync fails", FaultStripe::Sync, FaultStripe::Fail, false},
+};
+
 }  // namespace hivekit::test
