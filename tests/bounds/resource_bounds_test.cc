@@ -38,6 +38,7 @@
 #include "platform/error.h"
 #include "platform/memory_stripe.h"
 #include "tests/support/hive_builder.h"
+#include "tests/support/test_files.h"
 
 namespace {
 
@@ -79,12 +80,7 @@ struct CliRun {
   std::string out, err;
 };
 
-std::string readFile(const fs::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using hivekit::test::readFile;
 
 long vmHwmKb(pid_t pid) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/status");

@@ -18,6 +18,7 @@
 
 #include "hive/format.h"
 #include "tests/support/hive_builder.h"
+#include "tests/support/test_files.h"
 
 namespace {
 
@@ -32,12 +33,7 @@ struct Result {
   std::string out, err;
 };
 
-std::string readFile(const fs::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
+using hivekit::test::readFile;
 
 template <class Bytes>
 void writeFile(const fs::path& p, const Bytes& bytes) {
