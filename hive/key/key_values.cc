@@ -150,7 +150,9 @@ u32 KeyObj::valueIndex(const ValueObj* value) {
     Ref<ValueObj> live = _values[i].object.lock();
     if (live && live.get() == value) return i;
   }
-  // An object of this value made through another object of this key.
+  // An object of this value made through another object of this key. A
+  // value of another hive is not read: its own monitor guards its parent.
+  if (value->hive().get() != _hive.get()) return INVALID_RECORD;
   Ref<KeyObj> parent = value->parent();
   if (parent && parent->_offset == _offset && parent->_hive.get() == _hive.get()) {
     for (u32 i = 0; i < _values.size(); ++i) {
@@ -244,8 +246,10 @@ bool KeyObj::move(Ref<Value> value, Ref<String> newName) {
     Error::set(Errors::MOVE_VALUE_EXISTS);
     return false;
   }
+  // The hive is checked before the parent is read: a value of another hive
+  // is guarded by that hive's monitor, which this call does not hold.
   Ref<ValueObj> v = value.cast<ValueObj>();
-  Ref<KeyObj> from = v ? v->parent() : nullptr;
+  Ref<KeyObj> from = v && v->hive().get() == _hive.get() ? v->parent() : nullptr;
   if (!v || !from || from->_hive.get() != _hive.get()) {
     HK_LOG(hiveLog, 4) << "Attempt to move a value form a different hive";
     Error::set(Errors::INVALID_ARGUMENT);

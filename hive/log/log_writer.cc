@@ -111,8 +111,10 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
   // then nothing at the position reads as an entry, so a write that fails
   // part way leaves no entry whose header a later open would take with the
   // pages half written (where the log has room behind its entries, cutting
-  // it back removes nothing). On any failure the log is cut back to what
-  // it was.
+  // it back removes nothing). The pages are synced before the header is
+  // written, so a disk that reorders writes cannot keep a header whose
+  // pages it lost: replay checks only the header's own hash. On any
+  // failure the log is cut back to what it was.
   const u64 oldSize = log->stripe->elementCount();
   if (oldSize < position && log->stripe->setElementCount(position) < position) {
     HK_LOG(hiveLog, 4) << "Failed to resize log file " << name << "; error: " << Error::get();
@@ -122,6 +124,7 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
   HK_LOG(hiveLog, 1) << "Writing new log entry at " << position;
   const u64 body = entrySize - hive_log_entry::SIZE;
   if (log->stripe->writeAt(position + hive_log_entry::SIZE, h + hive_log_entry::SIZE, body) != body ||
+      !log->stripe->sync() ||
       log->stripe->writeAt(position, h, hive_log_entry::SIZE) != hive_log_entry::SIZE) {
     HK_LOG(hiveLog, 4) << "Failed to write data to log " << name << "; error: " << Error::get();
     if (log->stripe->setElementCount(oldSize) != oldSize)
