@@ -238,6 +238,43 @@ void BM_CreateKeysRandomOrder(benchmark::State& state) {
   setCounters(state, keys, size);
 }
 
+// Many values in one key, made and then each looked up by name: every
+// creation and lookup searches the key's values by name.
+void BM_ValuesOfOneKey(benchmark::State& state) {
+  const u32 values = static_cast<u32>(state.range(0));
+  std::vector<Ref<String>> names(values);
+  for (u32 i = 0; i < values; ++i) names[i] = String::create(keyName(i));
+  u64 size = 0;
+  for (auto _ : state) {
+    Ref<MemoryStripe> stripe = MemoryStripe::create();
+    Ref<Hive::HiveFile> hive = Hive::HiveFile::create(stripe, 5, Hive::latin1, {});
+    Ref<Api::Key> key = hive ? hive->root()->createKey(String::create("Many")) : nullptr;
+    if (!key) {
+      state.SkipWithError("setup failed");
+      return;
+    }
+    for (u32 i = 0; i < values; ++i) {
+      Ref<Api::Value> v = key->createValue(names[i], Types::Dword);
+      if (!v || !v->setNumber(i)) {
+        state.SkipWithError("creating a value failed");
+        return;
+      }
+    }
+    for (u32 i = 0; i < values; ++i) {
+      if (!key->value(names[i])) {
+        state.SkipWithError("a value was not found");
+        return;
+      }
+    }
+    if (!hive->flush()) {
+      state.SkipWithError("flush failed");
+      return;
+    }
+    size = stripe->elementCount();
+  }
+  setCounters(state, values, size);
+}
+
 std::string systemHivePath() {
   if (const char* path = std::getenv("HIVEKIT_SYSTEM_HIVE")) return path;
   // This file is bench/import_bench.cc of the source tree; the shared test
@@ -314,4 +351,5 @@ BENCHMARK_CAPTURE(BM_ImportFile, utf16, Encoding::Utf16)
     ->Complexity(benchmark::oN);
 BENCHMARK(BM_CreateKeysApi)->Arg(10000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_CreateKeysRandomOrder)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ValuesOfOneKey)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ReadSystemHive)->Unit(benchmark::kMillisecond);

@@ -243,23 +243,6 @@ bool KeyObj::loadKeyList() {
   return true;
 }
 
-namespace {
-
-// compareIgnoreCase of a name whose units went through String::upcase
-// already against `count` units given by `unitAt`.
-template <class UnitAt>
-int compareUpper(const std::u16string& sought, size_t count, UnitAt unitAt) {
-  const size_t n = std::min(sought.size(), count);
-  for (size_t i = 0; i < n; ++i) {
-    const char16_t probe = String::upcase(unitAt(i));
-    if (sought[i] != probe) return sought[i] < probe ? -1 : 1;
-  }
-  if (sought.size() == count) return 0;
-  return sought.size() < count ? -1 : 1;
-}
-
-}  // namespace
-
 bool KeyObj::compareSubkeyName(u32 position, const std::u16string& sought, int& order) {
   const u32 nk = _keyList[position].offset;
   auto known = _keyObjects.find(nk);

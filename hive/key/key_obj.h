@@ -7,6 +7,7 @@
 // by identity. Every public operation holds the hive's monitor.
 #pragma once
 
+#include <algorithm>
 #include <unordered_map>
 #include <vector>
 
@@ -110,6 +111,18 @@ class KeyObj : public Key {
   // the record cannot be read that simply (damaged, a byte the codepage
   // lacks, an empty name, a live object for it): key(position) then decides.
   bool compareSubkeyName(u32 position, const std::u16string& sought, int& order);
+  // compareIgnoreCase of `sought` (upper-cased already) against `count`
+  // units given by `unitAt`.
+  template <class UnitAt>
+  static int compareUpper(const std::u16string& sought, size_t count, UnitAt unitAt) {
+    const size_t n = std::min(sought.size(), count);
+    for (size_t i = 0; i < n; ++i) {
+      const char16_t probe = String::upcase(unitAt(i));
+      if (sought[i] != probe) return sought[i] < probe ? -1 : 1;
+    }
+    if (sought.size() == count) return 0;
+    return sought.size() < count ? -1 : 1;
+  }
   bool linearFindKey(const Ref<String>& name, Ref<KeyObj>& key, u32& position);
 
   // Subkey list maintenance.
@@ -159,6 +172,10 @@ class KeyObj : public Key {
   // The cache position of a value (by identity, else by vk offset), or
   // INVALID_RECORD.
   u32 valueIndex(const ValueObj* value);
+  // True when the vk record of the value at `index` certainly names
+  // something other than `sought` (upper-cased), read without making a
+  // ValueObj. A record it cannot judge is left to value(index).
+  bool valueNameDiffers(u32 index, const std::u16string& sought);
   bool unlinkValueAt(u32 index);
   // Frees a record this key owns; logs and returns false on failure.
   bool freeOwnRecord(u32 offset, const char* what);

@@ -10,6 +10,7 @@ namespace Libraries::Files::Hive {
 
 namespace {
 using N = hive_record_nk;
+using VK = hive_record_vk;
 }  // namespace
 
 bool KeyObj::initValues() {
@@ -66,6 +67,9 @@ Ref<Value> KeyObj::value(Ref<String> name) {
   if (!initValues()) return nullptr;
   const Ref<String> sought = name->upper();
   for (u32 i = 0; i < _numOfValues; ++i) {
+    // Most values are told apart by their records alone: an object is
+    // made only for a value that may be the one sought.
+    if (i < _values.size() && valueNameDiffers(i, sought->units())) continue;
     Ref<ValueObj> v = value(i);
     if (!v) continue;
     Ref<String> vName = v->name();
@@ -73,6 +77,28 @@ Ref<Value> KeyObj::value(Ref<String> name) {
   }
   Error::set(Errors::VALUE_NOT_FOUND);
   return nullptr;
+}
+
+bool KeyObj::valueNameDiffers(u32 index, const std::u16string& sought) {
+  if (Ref<ValueObj> live = _values[index].object.lock()) {
+    const Ref<String> name = live->name();
+    return name && compareUpper(sought, name->length(), [&](size_t i) { return name->at(i); }) != 0;
+  }
+  // The checks of the ValueObj constructor that decide its name; the name
+  // is decoded as it decodes it (a byte the codepage lacks stands for
+  // itself).
+  const hive_record* rec = _hive->cacheLoadRecord(_values[index].offset);
+  if (!rec || rec->signature() != VK::SIGNATURE || !rec->used()) return false;
+  const u32 nameLength = rec->u16At(VK::OFS_NAME_LENGTH);
+  if (nameLength + VK::HEADER_SIZE > rec->length()) return false;
+  const u8* name = rec->bytes() + VK::OFS_NAME;
+  if ((rec->u16At(VK::OFS_FLAGS) & VK::FLAG_COMP_NAME) == 0)
+    return compareUpper(sought, nameLength / 2,
+                        [&](size_t i) { return static_cast<char16_t>(L16(name + 2 * i)); }) != 0;
+  return compareUpper(sought, nameLength, [&](size_t i) {
+           char16_t c;
+           return codepageToChar(_codepage, name[i], c) ? c : static_cast<char16_t>(name[i]);
+         }) != 0;
 }
 
 Ref<Value> KeyObj::createValue(Ref<String> name, ValueType type) {

@@ -96,5 +96,40 @@ TEST(ValueList, DamagedListRecord) {
   EXPECT_FALSE(key->valueIterator()->next());
 }
 
+// A lookup by name reads the names from the vk records: it must find what
+// the value objects would call themselves, in every stored form and
+// codepage, and pass over a record whose name cannot be read.
+TEST(ValueList, LookupByNameReadsEveryStoredForm) {
+  HiveBuilder b(5);
+  const u32 k = b.key(b.root(), u"k");
+  b.value(k, u"Ab", 4, {1, 0, 0, 0});
+  const u32 broken = b.value(k, u"abc", 4, {2, 0, 0, 0});
+  b.value(k, u"abc", 4, {3, 0, 0, 0}, NameForm::utf16);
+  b.value(k, u"\u0416x", 4, {4, 0, 0, 0});
+  b.value(k, u"\u0080e\u00e9", 4, {5, 0, 0, 0}, NameForm::compressed);
+  b.value(k, u"\u0081", 4, {6, 0, 0, 0}, NameForm::compressed);  // not in windows-1252
+  b.layout();
+  Platform::W16(b.at(broken) + Hive::hive_record_vk::OFS_NAME_LENGTH, 0x7FF0);
+  const std::vector<u8> image = b.build();
+  for (const Hive::HiveCodepage codepage : {Hive::latin1, Hive::windows1252}) {
+    SCOPED_TRACE(codepage);
+    Ref<Hive::HiveFile> hive = HiveFile::open(MemoryStripe::create(image), Hive::modeReadOnly, codepage, {});
+    Ref<Hive::Key> key = hive ? hive->root()->key(str("k")) : nullptr;
+    ASSERT_TRUE(key);
+    auto numberOf = [&](const std::u16string& name) -> int {
+      Ref<Hive::Value> v = key->value(String::fromUtf16(name));
+      return v ? static_cast<int>(v->number()) : -1;
+    };
+    EXPECT_EQ(numberOf(u"aB"), 1);
+    EXPECT_EQ(numberOf(u"a"), -1);
+    EXPECT_EQ(numberOf(u"AbCd"), -1);
+    EXPECT_EQ(numberOf(u"ABC"), 3);
+    EXPECT_EQ(numberOf(u"\u0436X"), 4);
+    EXPECT_EQ(numberOf(u"\u0080E\u00c9"), codepage == Hive::latin1 ? 5 : -1);
+    EXPECT_EQ(numberOf(u"\u20acE\u00c9"), codepage == Hive::latin1 ? -1 : 5);
+    EXPECT_EQ(numberOf(u"\u0081"), 6);
+  }
+}
+
 }  // namespace
 }  // namespace hivekit::test
