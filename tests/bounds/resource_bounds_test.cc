@@ -672,8 +672,10 @@ class ResourceBounds : public ::testing::Test {
     Runs runs;
     for (std::vector<std::string>& args : commands) {
       std::string label;
-      for (const std::string& a : args)
-        label += (label.empty() ? "" : " ") + (a == file ? "HIVE" : a.substr(0, 40));
+      for (const std::string& a : args) {
+        if (!label.empty()) label += ' ';
+        label += a == file ? std::string("HIVE") : a.substr(0, 40);
+      }
       runs[label] = cli(args, stack);
     }
     return runs;

@@ -105,7 +105,8 @@ void change(Hive::HiveFile& hive) {
   ASSERT_TRUE(moved && moved->move(moved->value(String::create("z")), S(u"z renamed")));
   ASSERT_TRUE(to->move(moved->value(String::create("z renamed")), S(u"z moved")));
   for (u32 i = 2; i < 1300; i += 3)
-    ASSERT_TRUE(many->deleteKey(many->key(String::create("k" + std::to_string(i * 7919 % 10000)))));
+    ASSERT_TRUE(many->deleteKey(
+        many->key(String::create(std::string("k").append(std::to_string(i * 7919 % 10000))))));
   EXPECT_TRUE(hive.flush());
 }
 
