@@ -12,6 +12,8 @@
 //   HIVEKIT_SWEEP_VARIANTS  variants of each kind per file (default 3; the
 //                           full sweep is 100)
 //   HIVEKIT_SWEEP_HIVE      only files whose path (below hives/) contains it
+//   HIVEKIT_SWEEP_FULL=1    walk and export damaged variants to the end too
+//                           (by default they stop after 10,000 objects)
 // A step that takes longer than HIVEKIT_SWEEP_HANG seconds (default 10; the
 // unchanged files get ten times as long) is a hang: the variant is printed
 // and the process aborts.
@@ -350,6 +352,7 @@ class TestdataMutation : public ::testing::Test {
     if (!fs::is_directory(hivesDir())) GTEST_SKIP() << "no shared test data at " << hivesDir();
     _variants = envNumber("HIVEKIT_SWEEP_VARIANTS", 3);
     _hang = envNumber("HIVEKIT_SWEEP_HANG", 10);
+    _fullWalk = envNumber("HIVEKIT_SWEEP_FULL", 0) != 0;
   }
 
   // Opens `hive` (with `logs` unless all are null) in each read-only mode a
@@ -358,8 +361,8 @@ class TestdataMutation : public ::testing::Test {
   // still reaches every record of all but the biggest hives. `number`
   // picks the codepage, the export options and the linear fallback.
   void run(const std::string& what, const Bytes& hive, const Bytes* logs[3], bool full, u32 number) {
-    const WalkLimitsFor limits =
-        full ? WalkLimitsFor{{~0u, 1u << 24, 1u << 26}, ~0ull} : WalkLimitsFor{kDamagedWalk, 1u << 20};
+    const WalkLimitsFor limits = full || _fullWalk ? WalkLimitsFor{{~0u, 1u << 24, 1u << 26}, ~0ull}
+                                                   : WalkLimitsFor{kDamagedWalk, 1u << 20};
     // On a clean file accepting a dirty one changes nothing: the full walk
     // of the big hives is spent once per distinct open. A dirty one is
     // also served unsafe, as a reader does who wants what is left of it.
@@ -372,7 +375,7 @@ class TestdataMutation : public ::testing::Test {
     for (u32 mode : modes) {
       if (number % 2) mode |= modeLinearFallback;
       const std::string label = what + " mode 0x" + hex(mode);
-      _watchdog.step(label, full ? 10.0 * _hang : _hang);
+      _watchdog.step(label, full || _fullWalk ? 10.0 * _hang : _hang);
       ++_tally.runs;
       const auto start = std::chrono::steady_clock::now();
       step(label, hive, logs, mode, number, limits);
@@ -453,6 +456,7 @@ class TestdataMutation : public ::testing::Test {
 
   u32 _variants = 0;
   u32 _hang = 10;
+  bool _fullWalk = false;
   Tally _tally;
   Watchdog _watchdog;
 };
@@ -480,7 +484,7 @@ TEST_F(TestdataMutation, CutShort) {
 TEST_F(TestdataMutation, BytesChanged) {
   forEachFile([&](const Subject& s, const Bytes& hive, const Bytes* logs[3]) {
     Layout layout = layoutOf(hive);
-    keepReached(layout, hive, kDamagedWalk);
+    if (!_fullWalk) keepReached(layout, hive, kDamagedWalk);
     for (u32 k = 0; k < _variants; ++k) {
       Mutator m(seedOf(s.name, "bytes", k));
       Bytes changed = hive;
