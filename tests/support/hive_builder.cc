@@ -421,7 +421,7 @@ std::vector<u8> HiveBuilder::build() {
   std::memcpy(h, "regf", 4);
   W32(h + H::OFS_PRIMARY_SEQ, _primarySeq);
   W32(h + H::OFS_SECONDARY_SEQ, _secondarySeq);
-  W64(h + H::OFS_TIMESTAMP, _timestamp.value_or(_lastWrite));
+  W64(h + H::OFS_TIMESTAMP, _lastWrite);
   W32(h + H::OFS_MAJOR, _major);
   W32(h + H::OFS_MINOR, _minor);
   W32(h + H::OFS_TYPE, _fileType);
@@ -432,7 +432,7 @@ std::vector<u8> HiveBuilder::build() {
   for (size_t i = 0; i < _fileName.size() && i < H::FILENAME_UNITS; ++i) {
     W16(h + H::OFS_FILENAME + 2 * i, _fileName[i]);
   }
-  u32 sum = _checksum.value_or(calculateHeaderChecksum(h));
+  u32 sum = calculateHeaderChecksum(h);
   if (_corruptChecksum) sum ^= 1;
   W32(h + H::OFS_CHECKSUM, sum);
 
@@ -440,7 +440,6 @@ std::vector<u8> HiveBuilder::build() {
     if (ofs + bytes.size() > img.size()) img.resize(ofs + bytes.size(), 0);
     std::copy(bytes.begin(), bytes.end(), img.begin() + ofs);
   }
-  if (_truncate && *_truncate < img.size()) img.resize(*_truncate);
   return img;
 }
 

@@ -88,26 +88,18 @@ class HiveBuilder {
   // ---- Base block. Each setter changes the field written by build().
   void setSequence(u32 primary, u32 secondary);
   void setVersion(u32 major, u32 minor);
-  u32 minor() const { return _minor; }
-  void setFileType(u32 v) { _fileType = v; }
-  void setFileFormat(u32 v) { _fileFormat = v; }
-  void setClustering(u32 v) { _clustering = v; }
   void setRootOffset(u32 v) { _rootOffset = v; }
   // At most 32 units are stored; a shorter name is zero-padded.
   void setFileName(std::u16string name) { _fileName = std::move(name); }
-  void setTimestamp(u64 v) { _timestamp = v; }
   // Default: the current length of all hbins.
   void setHbinsSize(u32 v) { _hbinsSize = v; }
 
   // ---- Damage applied to the rendered image, in this order: the checksum
-  // (computed, explicit or computed-and-flipped), then patches, then the cut.
-  void setChecksum(u32 v) { _checksum = v; }
+  // (computed, or computed-and-flipped), then patches.
   void corruptChecksum() { _corruptChecksum = true; }
   // Overwrites bytes at a file offset (base block included) after the checksum.
   void patch(size_t fileOffset, std::vector<u8> bytes);
   void patch32(size_t fileOffset, u32 value);
-  // The image is cut to this many bytes (no effect when longer).
-  void truncate(size_t fileLength) { _truncate = fileLength; }
 
   // ---- Low level: hbins and records.
   // Appends an hbin of `size` bytes (a positive multiple of 4096) and returns
@@ -161,8 +153,6 @@ class HiveBuilder {
   // and above 16344 bytes, as a db record with 16344-byte fragments.
   u32 value(u32 key, const std::u16string& name, u32 type, const std::vector<u8>& data,
             NameForm form = NameForm::automatic);
-  // Last write time of keys made from now on (and the default timestamp).
-  void setLastWrite(u64 filetime) { _lastWrite = filetime; }
   // Most entries of one subkey list record before an ri is used; 0 (the
   // default) means 400 for lf hives and 1200 for lh hives.
   void setMaxListEntries(u32 n) { _maxListEntries = n; }
@@ -206,12 +196,9 @@ class HiveBuilder {
   u32 _primarySeq = 1, _secondarySeq = 1, _major = 1, _minor;
   u32 _fileType = 0, _fileFormat = 1, _clustering = 1, _rootOffset = NO_RECORD;
   std::u16string _fileName = u"\\hivekit\\sample.hiv";
-  std::optional<u64> _timestamp;
   std::optional<u32> _hbinsSize;
-  std::optional<u32> _checksum;
   bool _corruptChecksum = false;
   std::vector<std::pair<size_t, std::vector<u8>>> _patches;
-  std::optional<size_t> _truncate;
   u64 _lastWrite = DEFAULT_TIME;
   u32 _maxListEntries = 0;
 };
