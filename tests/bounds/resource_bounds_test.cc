@@ -62,10 +62,10 @@ using Platform::String;
 using Platform::W16;
 using Platform::W32;
 
-constexpr u16 LF = hive_record_list::SIGNATURE_LF;
-constexpr u16 LH = hive_record_list::SIGNATURE_LH;
-constexpr u16 LI = hive_record_list::SIGNATURE_LI;
-constexpr u16 RI = hive_record_list::SIGNATURE_RI;
+using hivekit::test::LF;
+using hivekit::test::LH;
+using hivekit::test::LI;
+using hivekit::test::RI;
 
 double secondsSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

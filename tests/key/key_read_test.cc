@@ -12,10 +12,6 @@ namespace {
 namespace Error = Platform::Error;
 using Platform::W16;
 using Platform::W32;
-constexpr u16 LF = hive_record_list::SIGNATURE_LF;
-constexpr u16 LH = hive_record_list::SIGNATURE_LH;
-constexpr u16 LI = hive_record_list::SIGNATURE_LI;
-constexpr u16 RI = hive_record_list::SIGNATURE_RI;
 
 // A root with the four subkeys below (in sorted order), laid out; tests
 // then point the root at lists of their own making.

@@ -11,10 +11,6 @@ namespace hivekit::test {
 namespace {
 
 namespace Error = Platform::Error;
-constexpr u16 LF = hive_record_list::SIGNATURE_LF;
-constexpr u16 LH = hive_record_list::SIGNATURE_LH;
-constexpr u16 LI = hive_record_list::SIGNATURE_LI;
-constexpr u16 RI = hive_record_list::SIGNATURE_RI;
 // Enough for sublists to fill and split many times over (each holds at
 // most 1200); bench/import_bench.cc creates 100,000 keys the same way.
 constexpr u32 kManyKeys = 20000;

@@ -33,6 +33,11 @@ using Platform::u64;
 using Platform::u8;
 
 constexpr u32 NO_RECORD = Libraries::Files::Hive::INVALID_RECORD;
+// Subkey list signatures, as the tests name them.
+constexpr u16 LF = Libraries::Files::Hive::hive_record_list::SIGNATURE_LF;
+constexpr u16 LH = Libraries::Files::Hive::hive_record_list::SIGNATURE_LH;
+constexpr u16 LI = Libraries::Files::Hive::hive_record_list::SIGNATURE_LI;
+constexpr u16 RI = Libraries::Files::Hive::hive_record_list::SIGNATURE_RI;
 
 // How a name is stored: 8-bit (one Latin-1 byte per character, flagged as
 // compressed) or UTF-16LE. `automatic` picks 8-bit when every character is

@@ -12,10 +12,6 @@ namespace {
 
 using Hive::hive_record_db;
 using Hive::hive_record_vk;
-constexpr u16 LF = hive_record_list::SIGNATURE_LF;
-constexpr u16 LH = hive_record_list::SIGNATURE_LH;
-constexpr u16 LI = hive_record_list::SIGNATURE_LI;
-constexpr u16 RI = hive_record_list::SIGNATURE_RI;
 
 TEST(HiveBuilderTest, HashesByHand) {
   // Upper-cased units, h * 37 + c; Latin-1 letters fold too.
