@@ -8,27 +8,6 @@
 
 namespace Libraries::Files::Hive {
 
-namespace {
-
-using L = hive_record_list;
-
-// Entries of `width` bytes that fit in the record: a list is sized by what
-// its record can hold, never by a count taken on trust (a tiny record
-// claiming 65535 entries, met once per key, must not cost 512 KiB each).
-u32 entryRoom(const hive_record* record, u32 width) {
-  return record->length() > L::OFS_ITEMS ? (record->length() - L::OFS_ITEMS) / width : 0;
-}
-
-// The two signature bytes, printable or not, for messages.
-std::string signatureText(u16 signature) {
-  std::string s;
-  s += static_cast<char>(signature >> 8);
-  s += static_cast<char>(signature & 0xff);
-  return s;
-}
-
-}  // namespace
-
 bool KeyObj::makeHash(KeyListType type, const Ref<String>& name, bool codepageHash, bool allowUnconvertible,
                       u32& hash) const {
   hash = 0;
@@ -68,178 +47,34 @@ bool KeyObj::makeHash(KeyListType type, const Ref<String>& name, bool codepageHa
   return false;
 }
 
-u32 KeyObj::loadList(const hive_record* record, u32 recordOffset, u32 position, u16 signature, u32 width,
-                     const char* letters) {
-  if (!record || record->signature() != signature) return 0;
-  HK_ASSERT_AS(hiveLog, "-static_cast<s32>(L32ToHost(record->size)) >= 0", record->used(), 0);
-  const u32 recordSize = record->length();
-  const u32 count = record->u16At(L::OFS_COUNT);
-  if (static_cast<u64>(count) * width + L::OFS_ITEMS > recordSize) {
-    HK_LOG(hiveLog, 4) << "Size of items of " << letters << " list exceeds size of record"
-                       << ", record = " << recordOffset << ", recsize = " << recordSize
-                       << ", num of items = " << count;
-    Error::set(Errors::BAD_KEY_LIST);
-    return 0;
-  }
-  if (static_cast<u64>(position) + count > _numOfKeys || position + count > _keyList.size()) {
-    HK_LOG(hiveLog, 4) << "More items in " << letters << " list than expected"
-                       << ", record = " << recordOffset << ", num of items = " << count
-                       << ", offset = " << position << ", _numOfKeys = " << _numOfKeys;
-    Error::set(Errors::BAD_KEY_LIST);
-    return 0;
-  }
-  const u8* items = record->bytes() + L::OFS_ITEMS;
-  for (u32 i = 0; i < count; ++i) {
-    KeyEntry& e = _keyList[position + i];
-    e.offset = L32(items + i * width);
-    e.hash = width == 8 ? L32(items + i * width + 4) : 0;
-    if (e.hash == 0) _hashlessEntries = true;
-  }
-  return count;
-}
-
-u32 KeyObj::loadLf(const hive_record* record, u32 recordOffset, u32 position) {
-  return loadList(record, recordOffset, position, L::SIGNATURE_LF, 8, "lf");
-}
-
-u32 KeyObj::loadLh(const hive_record* record, u32 recordOffset, u32 position) {
-  return loadList(record, recordOffset, position, L::SIGNATURE_LH, 8, "lh");
-}
-
-u32 KeyObj::loadLi(const hive_record* record, u32 recordOffset, u32 position) {
-  return loadList(record, recordOffset, position, L::SIGNATURE_LI, 4, "li");
+KeyRecord KeyObj::record() const {
+  KeyRecord r;
+  r.offset = _offset;
+  r.flags = L16(_header + hive_record_nk::OFS_FLAGS);
+  r.numKeys = _numOfKeys;
+  r.keyList = _keyListCell;
+  r.numValues = _numOfValues;
+  r.valueList = _valueListCell;
+  return r;
 }
 
 bool KeyObj::initSubkeys() {
   if (!_valid) return false;
   if (_subkeysLoaded) return true;
-  _keyList.clear();
   _keyObjects.clear();
-  _tree.clear();
-  _twoLevelList = false;
-  _hashlessEntries = false;
-  if (_keyListCell == 0 && _numOfKeys == 0) {
-    _subkeysLoaded = true;
-    return true;
-  }
-  if (!loadKeyList()) {
-    Error::set(Errors::BAD_KEY_LIST);
-    _keyList.clear();
+  SubkeyList list;
+  const bool loaded = loadSubkeyList(*_hive, record(), list);
+  _keyList = std::move(list.entries);
+  _tree = std::move(list.sublists);
+  _twoLevelList = list.twoLevel;
+  _hashlessEntries = list.hashless;
+  if (!loaded) {
     _keyList.shrink_to_fit();
-    _tree.clear();
-    _twoLevelList = false;
     return false;
   }
+  // A key without a list record keeps the type it has.
+  if (_keyListCell != 0 || _numOfKeys != 0) _listType = list.type;
   _subkeysLoaded = true;
-  return true;
-}
-
-bool KeyObj::loadKeyList() {
-  const hive_record* rec = _keyListCell ? _hive->cacheLoadRecord(_keyListCell) : nullptr;
-  if (!rec) {
-    HK_LOG(hiveLog, 4) << "Failed to get key list record, key: " << _offset << ", list: " << _keyListCell;
-    return false;
-  }
-  const u16 signature = rec->signature();
-
-  if (signature == L::SIGNATURE_LF || signature == L::SIGNATURE_LH || signature == L::SIGNATURE_LI) {
-    const char* failure = signature == L::SIGNATURE_LF   ? "Failed to load lf key list, list:"
-                          : signature == L::SIGNATURE_LH ? "Failed to load lh key list, list:"
-                                                         : "Failed to load li (top level) key list: ";
-    if (_numOfKeys > 0xffff) {
-      HK_LOG(hiveLog, 4) << failure << _keyListCell;
-      return false;
-    }
-    _keyList.resize(std::min(_numOfKeys, entryRoom(rec, signature == L::SIGNATURE_LI ? 4 : 8)));
-    const u32 count = rec->u16At(L::OFS_COUNT);
-    const u32 read = signature == L::SIGNATURE_LF   ? loadLf(rec, _keyListCell, 0)
-                     : signature == L::SIGNATURE_LH ? loadLh(rec, _keyListCell, 0)
-                                                    : loadLi(rec, _keyListCell, 0);
-    if (read != count || read != _numOfKeys) {
-      HK_LOG(hiveLog, 4) << failure << _keyListCell;
-      return false;
-    }
-    _tree.push_back(TreeEntry{_keyListCell, static_cast<u16>(read)});
-    _listType = signature == L::SIGNATURE_LF   ? keyListLF
-                : signature == L::SIGNATURE_LH ? keyListLH
-                                               : keyListLI;
-    return true;
-  }
-
-  if (signature != L::SIGNATURE_RI) {
-    HK_LOG(hiveLog, 4) << "Invalid list type for key list: " << signatureText(signature)
-                       << ", key: " << _offset;
-    return false;
-  }
-
-  const u32 count = rec->u16At(L::OFS_COUNT);
-  if (static_cast<u64>(count) * 4 + L::OFS_ITEMS > rec->length()) {
-    HK_LOG(hiveLog, 4) << "Size of items of ri list exceeds size of record"
-                       << ", record = " << _keyListCell << ", recsize = " << rec->length()
-                       << ", num of items = " << count;
-    return false;
-  }
-  // An ri may name the same sublist many times; every distinct key needs
-  // an nk record of its own, which bounds what a sane count can be.
-  if (static_cast<u64>(_numOfKeys) * hive_record_nk::HEADER_SIZE > _hive->hiveLength()) {
-    HK_LOG(hiveLog, 4) << "Wrong number of items in sublists of ri list"
-                       << ", key: " << _offset << ", _numOfKeys = " << _numOfKeys;
-    return false;
-  }
-  std::vector<u32> sublists(count);
-  for (u32 i = 0; i < count; ++i) sublists[i] = rec->u32At(L::OFS_ITEMS + 4 * i);
-  // `rec` is not used past this point: loading the sublists may empty the cache.
-  // A sublist named twice would be changed through one entry behind the
-  // other's back.
-  std::vector<u32> sorted = sublists;
-  std::sort(sorted.begin(), sorted.end());
-  const auto twice = std::adjacent_find(sorted.begin(), sorted.end());
-  if (twice != sorted.end()) {
-    HK_LOG(hiveLog, 4) << "Failed to load sub list of ri list: " << *twice << ", named twice";
-    return false;
-  }
-
-  u32 position = 0;
-  bool anyLh = false, anyLi = false;
-  for (u32 sub : sublists) {
-    const hive_record* sr = _hive->cacheLoadRecord(sub);
-    if (!sr) {
-      HK_LOG(hiveLog, 4) << "Failed to load sub list of ri list: " << sub;
-      return false;
-    }
-    const u16 subSignature = sr->signature();
-    if (subSignature != L::SIGNATURE_LH && subSignature != L::SIGNATURE_LI) {
-      HK_LOG(hiveLog, 4) << "Invalid list type for key sub list: " << signatureText(subSignature);
-      return false;
-    }
-    const u32 subCount = sr->u16At(L::OFS_COUNT);
-    _keyList.resize(
-        std::min<u64>(_numOfKeys, u64{position} + entryRoom(sr, subSignature == L::SIGNATURE_LH ? 8 : 4)));
-    const u32 read = subSignature == L::SIGNATURE_LH ? loadLh(sr, sub, position) : loadLi(sr, sub, position);
-    if (read != subCount) {
-      HK_LOG(hiveLog, 4) << "Failed to load sub list of ri list: " << sub;
-      return false;
-    }
-    (subSignature == L::SIGNATURE_LH ? anyLh : anyLi) = true;
-    _tree.push_back(TreeEntry{sub, static_cast<u16>(read)});
-    position += read;
-  }
-  if (position != _numOfKeys) {
-    HK_LOG(hiveLog, 4) << "Wrong number of items in sublists of ri list"
-                       << ", key: " << _offset;
-    return false;
-  }
-  _twoLevelList = true;
-  const bool v13 = _hive->versionMajor() == 1 && _hive->versionMinor() < 4;
-  if (anyLh && !anyLi) {
-    _listType = keyListLH;
-  } else if (anyLi && !anyLh) {
-    _listType = keyListLI;
-  } else if (anyLh && anyLi) {
-    _listType = v13 ? keyListLI : keyListLH;
-  } else {
-    _listType = v13 ? keyListLI : keyListLH;  // an ri without sublists
-  }
   return true;
 }
 

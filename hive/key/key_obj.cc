@@ -9,44 +9,24 @@ KeyObj::KeyObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent)
     : _hive(std::move(hive)), _parent(std::move(parent)), _offset(offset) {
   _codepage = _hive->codepage();
   _readOnly = _hive->readonly();
-  const hive_record* hr = _hive->cacheLoadRecord(offset);
-  if (!hr) {
-    HK_LOG(hiveLog, 4) << "Failed to get hive record for key:" << offset;
-    return;
-  }
-  if (hr->signature() != hive_record_nk::SIGNATURE) {
-    HK_LOG(hiveLog, 4) << "Key record is no nk record: " << offset;
-    Error::set(Errors::NOT_NK_RECORD);
-    return;
-  }
-  HK_ASSERT_AS(hiveLog, "-static_cast<s32>(L32ToHost(hr->size)) >= 0", hr->used(), );
-  u32 cellSize = hr->length();
-  if (cellSize < hive_record_nk::HEADER_SIZE) {
-    HK_LOG(hiveLog, 4) << "Name of key exceeds length of record";
-    return;
-  }
-  u32 nameLength = hr->u16At(hive_record_nk::OFS_NAME_LENGTH);
-  if (nameLength + hive_record_nk::HEADER_SIZE > cellSize) {
-    HK_LOG(hiveLog, 4) << "Name of key exceeds length of record";
-    return;
-  }
+  KeyRecord rec;
+  const hive_record* hr = nullptr;
+  if (!readKeyRecord(*_hive, offset, rec, &hr)) return;
+  for (u32 i = 0; i < hive_record_nk::HEADER_SIZE; ++i) _header[i] = hr->bytes()[i];
   if (!_parent) {
     _name = String::empty();
-  } else if (hr->u16At(hive_record_nk::OFS_FLAGS) & hive_record_nk::FLAG_COMP_NAME) {
-    if (!_hive->regNameToString(hr->bytes() + hive_record_nk::OFS_NAME, nameLength, true, _name))
+  } else {
+    std::u16string name;
+    if (!readKeyName(*_hive, rec, name) && rec.compressedName())
       HK_LOG(hiveLog, 3) << "Name of key could not be converted from codepaged name to Ref<String>. key:"
                          << offset;
-  } else {
-    _hive->regNameToString(hr->bytes() + hive_record_nk::OFS_NAME, nameLength, false, _name);
+    _name = String::fromUtf16(std::move(name));
   }
-  _numOfKeys = hr->u32At(hive_record_nk::OFS_NUM_KEYS);
-  _keyListCell = hr->u32At(hive_record_nk::OFS_KEY_LIST);
-  if (_keyListCell == INVALID_RECORD) _keyListCell = 0;
-  _numOfValues = hr->u32At(hive_record_nk::OFS_NUM_VALUES);
-  _valueListCell = hr->u32At(hive_record_nk::OFS_VALUE_LIST);
-  if (_valueListCell == INVALID_RECORD) _valueListCell = 0;
-  _lastWriteTime = hr->u64At(hive_record_nk::OFS_LAST_WRITE);
-  for (u32 i = 0; i < hive_record_nk::HEADER_SIZE; ++i) _header[i] = hr->bytes()[i];
+  _numOfKeys = rec.numKeys;
+  _keyListCell = rec.keyList;
+  _numOfValues = rec.numValues;
+  _valueListCell = rec.valueList;
+  _lastWriteTime = rec.lastWriteTime;
   _listType = (_hive->versionMajor() == 1 && _hive->versionMinor() < 4) ? keyListLF : keyListLH;
   _valid = true;
 }

@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "hive/key/key_record.h"
 #include "hive/registry_hive.h"
 
 namespace Libraries::Files::Hive {
@@ -20,8 +21,6 @@ class KeyIteratorObj;
 class ValueIteratorObj;
 using Interfaces::Config::Hive::KeyIterator;
 using Interfaces::Config::Hive::ValueIterator;
-
-enum KeyListType : u32 { keyListLI = 0, keyListLH = 1, keyListLF = 2 };
 
 class KeyObj : public Key {
  public:
@@ -82,14 +81,8 @@ class KeyObj : public Key {
 
   // Trivially copyable, so that inserting into a long list is one memmove;
   // the objects handed out live in _keyObjects, by nk offset.
-  struct KeyEntry {
-    u32 hash;
-    u32 offset;
-  };
-  struct TreeEntry {
-    u32 offset;
-    u16 numOfkeys;
-  };
+  using KeyEntry = SubkeyEntry;
+  using TreeEntry = SubkeySublist;
   struct ValueEntry {
     WeakRef<ValueObj> object;
     u32 offset;
@@ -97,13 +90,8 @@ class KeyObj : public Key {
 
   // Subkey lists (loading and lookup).
   bool initSubkeys();
-  u32 loadLf(const hive_record* record, u32 recordOffset, u32 position);
-  u32 loadLh(const hive_record* record, u32 recordOffset, u32 position);
-  u32 loadLi(const hive_record* record, u32 recordOffset, u32 position);
-  // The common part of the three: `width` is 8 for lf/lh, 4 for li.
-  u32 loadList(const hive_record* record, u32 recordOffset, u32 position, u16 signature, u32 width,
-               const char* letters);
-  bool loadKeyList();
+  // The fields the list and value loaders read (see key_record.h).
+  KeyRecord record() const;
   bool binaryFindKey(const Ref<String>& name, Ref<KeyObj>& key, u32& position);
   // Orders `sought` (each unit already passed through String::upcase, so
   // that this matches compareIgnoreCase) against the name of the subkey at

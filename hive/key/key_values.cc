@@ -17,20 +17,10 @@ bool KeyObj::initValues() {
   if (!_valid) return false;
   if (_values.size() == _numOfValues) return true;
   _values.clear();
-  const hive_record* rec = _valueListCell ? _hive->cacheLoadRecord(_valueListCell) : nullptr;
-  if (!rec) {
-    HK_LOG(hiveLog, 4) << "Failed to get value list record, key:" << _offset << ", list: " << _valueListCell;
-    Error::set(Errors::VALUE_LIST_TOO_SMALL);
-    return false;
-  }
-  // The record bounds the count, and so what is allocated for it.
-  if (static_cast<u64>(_numOfValues) * 4 + 4 > rec->length()) {
-    HK_LOG(hiveLog, 4) << "Value list record is too small, key:" << _offset;
-    Error::set(Errors::VALUE_LIST_TOO_SMALL);
-    return false;
-  }
-  _values.resize(_numOfValues);
-  for (u32 i = 0; i < _numOfValues; ++i) _values[i].offset = rec->u32At(4 + 4 * i);
+  std::vector<u32> offsets;
+  if (!loadValueList(*_hive, record(), offsets)) return false;
+  _values.resize(offsets.size());
+  for (size_t i = 0; i < offsets.size(); ++i) _values[i].offset = offsets[i];
   return true;
 }
 

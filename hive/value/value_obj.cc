@@ -28,40 +28,18 @@ ValueObj::ValueObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent)
     : _hive(std::move(hive)), _parent(std::move(parent)), _offset(offset) {
   _readOnly = _hive->readonly();
   Mon::Lock lock(_hive->mon());
-  const hive_record* hr = _hive->cacheLoadRecord(offset);
-  if (!hr) {
-    HK_LOG(hiveLog, 4) << "Failed to get hive record for value:" << Log::hex(offset);
-    return;
-  }
-  if (hr->signature() != VK::SIGNATURE) {
-    HK_LOG(hiveLog, 4) << "Value record is no vk record:" << Log::hex(hr->signature());
-    return;
-  }
-  HK_CHECK_AS(hiveLog, "-static_cast<s32>(L32ToHost(hr->size)) >= 0", hr->used());
-  const u32 nameLength = hr->u16At(VK::OFS_NAME_LENGTH);
-  if (nameLength + VK::HEADER_SIZE > hr->length()) {
-    HK_LOG(hiveLog, 4) << "Name of value exceeds length of record";
-    return;
-  }
-  _isV13 = _hive->versionMinor() <= 3;
-
-  const bool compressed = (hr->u16At(VK::OFS_FLAGS) & VK::FLAG_COMP_NAME) != 0;
-  if (!_hive->regNameToString(hr->bytes() + VK::OFS_NAME, nameLength, compressed, _name) && compressed)
+  ValueRecord rec;
+  if (!readValueRecord(*_hive, offset, rec)) return;
+  _isV13 = rec.v13;
+  std::u16string name;
+  if (!readValueName(*_hive, rec, name) && rec.compressedName)
     HK_LOG(hiveLog, 3) << "Name of value could not be converted from codepaged name to Ref<String>. value:"
                        << Log::hex(offset);
-  if (!_name) _name = String::empty();
-
-  _type = hr->u32At(VK::OFS_TYPE);
-  const u32 sizeField = hr->u32At(VK::OFS_DATA_SIZE);
-  _dataResident = (sizeField & VK::DATA_RESIDENT) != 0;
-  _dataSize = sizeField & ~VK::DATA_RESIDENT;
-  if (_dataSize == 0) _dataResident = true;
-  if (_dataResident && _dataSize > 4) {
-    HK_LOG(hiveLog, 4) << "Invalid length of data! Data is resident, size is:" << _dataSize;
-    Error::set(Errors::BAD_VALUE_RECORD);
-    return;
-  }
-  std::memcpy(_recordData, hr->bytes(), VK::HEADER_SIZE);
+  _name = String::fromUtf16(std::move(name));
+  _type = rec.type;
+  _dataResident = rec.resident;
+  _dataSize = rec.dataSize;
+  std::memcpy(_recordData, rec.fixed, VK::HEADER_SIZE);
   _resizable =
       (_hive->mode() & modeResizableValues) != 0 || _type == Interfaces::Config::Hive::ValueTypes::Binary;
   _valid = true;
@@ -141,8 +119,19 @@ Ref<ValueObj> ValueObj::createValue(Ref<RegistryHiveObj> hive, Ref<KeyObj> paren
 
 // ---------------------------------------------------------------- extents
 
+ValueRecord ValueObj::asRecord() const {
+  ValueRecord r;
+  r.offset = _offset;
+  r.type = _type;
+  r.dataSize = _dataSize;
+  r.resident = _dataResident;
+  r.v13 = _isV13;
+  std::memcpy(r.fixed, _recordData, VK::HEADER_SIZE);
+  return r;
+}
+
 bool ValueObj::inDbForm() const {
-  return !_isV13 && !_dataResident && _dataSize > CHUNK;
+  return asRecord().inDbForm();
 }
 
 u32 ValueObj::extentCapacity() const {
@@ -152,95 +141,10 @@ u32 ValueObj::extentCapacity() const {
 bool ValueObj::initExtents() {
   if (!_valid) return false;
   if (!_extents.empty()) return true;
-  HK_ASSERT(hiveLog, !_dataResident, false);
-  const u32 dataCell = L32(_recordData + VK::OFS_DATA);
-  auto fail = [](void) {
-    Error::set(Errors::BAD_VALUE_RECORD);
-    return false;
-  };
-  if (dataCell == _offset) {
-    HK_LOG(hiveLog, 4) << "Data record of value is its vk record: " << Log::hex(dataCell);
-    return fail();
-  }
-  const hive_record* hr = _hive->cacheLoadRecord(dataCell);
-  if (!hr) {
-    HK_LOG(hiveLog, 4) << "Failed to load data record of value: " << Log::hex(_offset)
-                       << " data_cell: " << Log::hex(dataCell);
-    return fail();
-  }
-
-  if (!inDbForm()) {
-    if (static_cast<u64>(hr->length()) < static_cast<u64>(_dataSize) + 4) {
-      HK_LOG(hiveLog, 4) << "Size of data element is smaller than size value in vk record"
-                         << " size in vk: " << _dataSize << " size of data element: " << hr->length()
-                         << " data_cell: " << Log::hex(dataCell);
-      return fail();
-    }
-    _extents.push_back(dataCell);
-    return true;
-  }
-
-  if (hr->length() < DB::SIZE) {
-    HK_LOG(hiveLog, 4) << "Size too small for db record: " << hr->length();
-    return fail();
-  }
-  if (hr->signature() != DB::SIGNATURE) {
-    HK_LOG(hiveLog, 4) << "Invalid record type: Expected db, is: " << Log::hex(hr->signature());
-    return fail();
-  }
-  const u32 count = hr->u16At(DB::OFS_COUNT);
-  const u32 listCell = hr->u32At(DB::OFS_LIST);
-  if (static_cast<u64>(count) * CHUNK < _dataSize) {
-    HK_LOG(hiveLog, 4) << "Size of all fragments smaller than length of data"
-                       << " num of fragments: " << count << " length of data: " << _dataSize
-                       << " data_cell: " << Log::hex(dataCell);
-    return fail();
-  }
-  const hive_record* list = _hive->cacheLoadRecord(listCell);
-  if (!list) {
-    HK_LOG(hiveLog, 4) << "Failed to load fragment list: " << Log::hex(listCell);
-    return fail();
-  }
-  if (list->length() < 4 * count + 4) {
-    HK_LOG(hiveLog, 4) << "Size of fragment list is smaller than size of expected entries"
-                       << " minimum expected size: " << 4 * count + 4 << " size of list: " << list->length()
-                       << " data_cell: " << Log::hex(dataCell) << " fragment_list: " << Log::hex(listCell);
-    return fail();
-  }
-  // Copy the entries out: loading the fragments may move the cache.
-  std::vector<u32> fragments(count);
-  for (u32 i = 0; i < count; ++i) fragments[i] = list->u32At(4 + 4 * i);
-
-  // A fragment must be a record of its own: writing or freeing one that is
-  // also the vk, db or list record (or another fragment) would damage them.
-  std::vector<u32> sorted(fragments);
-  sorted.push_back(_offset);
-  sorted.push_back(dataCell);
-  sorted.push_back(listCell);
-  std::sort(sorted.begin(), sorted.end());
-  if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) {
-    HK_LOG(hiveLog, 4) << "Fragment list shares records with its value: " << Log::hex(_offset)
-                       << " fragment_list: " << Log::hex(listCell);
-    return fail();
-  }
-
-  _extents.reserve(count);
-  for (u32 i = 0; i < count; ++i) {
-    const hive_record* fragment = _hive->cacheLoadRecord(fragments[i]);
-    if (!fragment) {
-      HK_LOG(hiveLog, 4) << "Failed to load fragment: " << Log::hex(fragments[i]);
-      _extents.clear();
-      return fail();
-    }
-    if (i + 1 < count && fragment->length() != VK::FRAGMENT_CELL) {
-      HK_LOG(hiveLog, 4) << "Invalid size for non-last fragment: " << fragment->length()
-                         << " value: " << Log::hex(_offset) << " extent: " << Log::hex(fragments[i]);
-      _extents.clear();
-      return fail();
-    }
-    _extents.push_back(fragments[i]);
-  }
-  _dbListDataRecord = listCell;
+  ValueExtents found;
+  if (!loadValueExtents(*_hive, asRecord(), found)) return false;
+  _extents = std::move(found.extents);
+  if (found.dbList != INVALID_RECORD) _dbListDataRecord = found.dbList;
   return true;
 }
 
@@ -284,38 +188,9 @@ u32 clampCount(u32 dataSize, u32 offset, u32 size) {
 
 }  // namespace
 
-// Walks the extents from `offset` for `count` bytes, handing each piece to
-// `piece(extent, record, position in extent, bytes done, length)`. Every
-// fragment of a db list but the last holds exactly CHUNK bytes (checked by
-// initExtents), so the walk starts at the right fragment without loading
-// the ones before it. Returns the bytes handed over.
 template <class Piece>
 u32 ValueObj::walkExtents(u32 offset, u32 count, Piece piece) {
-  const u32 limit = extentCapacity();
-  size_t index = 0;
-  u64 start = 0;  // offset in the data of the current extent's first byte
-  if (_extents.size() > 1) {
-    index = std::min<size_t>(offset / CHUNK, _extents.size() - 1);
-    start = static_cast<u64>(index) * CHUNK;
-  }
-  u32 done = 0;
-  for (; index < _extents.size() && done < count; ++index) {
-    const u32 extent = _extents[index];
-    const hive_record* hr = _hive->cacheLoadRecord(extent);
-    if (!hr) break;
-    const u32 capacity = std::min(hr->length() - 4, limit);
-    const u64 at = static_cast<u64>(offset) + done;
-    if (start + capacity <= at) {
-      start += capacity;
-      continue;
-    }
-    const u32 position = static_cast<u32>(at - start);
-    const u32 n = std::min(count - done, capacity - position);
-    if (!piece(extent, hr, position, done, n)) break;
-    done += n;
-    start += capacity;
-  }
-  return done;
+  return walkValueExtents(*_hive, asRecord(), _extents, offset, count, piece);
 }
 
 u32 ValueObj::read(void* buffer, u32 offset, u32 size) {
@@ -324,19 +199,9 @@ u32 ValueObj::read(void* buffer, u32 offset, u32 size) {
     Error::set(Errors::OBJECT_INVALID);
     return 0;
   }
-  const u32 count = clampCount(_dataSize, offset, size);
-  if (count == 0) return 0;
-  u8* out = static_cast<u8*>(buffer);
-  if (_dataResident) {
-    std::memcpy(out, _recordData + VK::OFS_DATA + offset, count);
-    return count;
-  }
-  if (!initExtents()) return 0;
-  return walkExtents(offset, count, [&](u32 extent, const hive_record* hr, u32 position, u32 done, u32 n) {
-    (void)extent;
-    std::memcpy(out + done, hr->bytes() + 4 + position, n);
-    return true;
-  });
+  if (clampCount(_dataSize, offset, size) == 0) return 0;
+  if (!_dataResident && !initExtents()) return 0;
+  return readValueData(*_hive, asRecord(), _extents, offset, buffer, size);
 }
 
 u32 ValueObj::write(const void* buffer, u32 offset, u32 size) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "hive/registry_hive.h"
+#include "hive/value/value_record.h"
 
 namespace Libraries::Files::Hive {
 
@@ -80,6 +81,8 @@ class ValueObj : public Value {
 
  private:
   bool initExtents();
+  // The object's fields as the record readers take them.
+  ValueRecord asRecord() const;
   // The data's records are loaded and hold _dataSize bytes (true when
   // resident); sets the error otherwise. Call before allocating for the data.
   bool storageHolds();

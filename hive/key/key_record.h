@@ -1,0 +1,84 @@
+// Key records (nk) read in place: the fields of one record, the offsets its
+// subkey and value lists name, its name and its class name.
+//
+// KeyObj loads itself through these functions, and so does any walk that
+// makes no object per key (the public API's handles), so both judge a
+// record exactly alike and log the same reasons when they refuse one.
+// Every count and offset read here comes from the file: lists are sized by
+// what their records can hold, never by a count taken on trust.
+//
+// Callers hold the hive's monitor.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "hive/registry_hive.h"
+
+namespace Libraries::Files::Hive {
+
+// The kinds of subkey list: lf (name hints), lh (name hashes), li (offsets only).
+enum KeyListType : u32 { keyListLI = 0, keyListLH = 1, keyListLF = 2 };
+
+// The fixed part of an nk record that readers use.
+struct KeyRecord {
+  u32 offset = INVALID_RECORD;
+  u16 flags = 0;
+  u64 lastWriteTime = 0;
+  u32 parent = 0;
+  u32 numKeys = 0;
+  u32 keyList = 0;  // 0 when the record holds none (0 or all ones)
+  u32 numValues = 0;
+  u32 valueList = 0;  // 0 when the record holds none
+  u32 sk = 0;
+  u32 classCell = INVALID_RECORD;
+  u16 classLength = 0;  // bytes
+  u16 nameLength = 0;   // bytes as stored
+  bool compressedName() const { return (flags & hive_record_nk::FLAG_COMP_NAME) != 0; }
+};
+
+// One entry of a subkey list and one sublist of a two-level (ri) list.
+struct SubkeyEntry {
+  u32 hash;  // lf name hint or lh hash; 0 for li entries
+  u32 offset;
+};
+struct SubkeySublist {
+  u32 offset;
+  u16 numOfkeys;
+};
+
+struct SubkeyList {
+  std::vector<SubkeyEntry> entries;
+  std::vector<SubkeySublist> sublists;
+  KeyListType type = keyListLH;
+  bool twoLevel = false;
+  // Some entry carries hash 0 (an li entry, or one stored so).
+  bool hashless = false;
+};
+
+// Loads the record at `offset` and checks that it can be a key: an nk
+// record in use whose fixed part and name lie inside its cell. False with
+// the reason logged (NOT_NK_RECORD set for a record of another kind).
+// `record`, when given, receives the record in the cache (valid until the
+// cache is next emptied).
+bool readKeyRecord(RegistryHiveObj& hive, u32 offset, KeyRecord& out, const hive_record** record = nullptr);
+// The key's stored name decoded (8-bit names through the hive's codepage).
+// False, with the Latin-1 reading in `out`, when a byte has no character in
+// the codepage; false and empty when the record cannot be loaded.
+bool readKeyName(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& out);
+// The class name (UTF-16LE in a record of its own); empty when the key has
+// none. False when the class record cannot be read or is too small for
+// the length the key gives.
+bool readKeyClass(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& out);
+
+// The subkey list of `key`, both levels. The list type defaults to the
+// hive version's (lf for 1.3 and below, else lh). False with the reason
+// logged when a record of the list is damaged or the entries found differ
+// from the key's count; `out` is then empty.
+bool loadSubkeyList(RegistryHiveObj& hive, const KeyRecord& key, SubkeyList& out);
+// The vk offsets of the key's value list, in list order. False with the
+// reason logged (VALUE_LIST_TOO_SMALL set) when the list record is missing
+// or too small for the key's count.
+bool loadValueList(RegistryHiveObj& hive, const KeyRecord& key, std::vector<u32>& out);
+
+}  // namespace Libraries::Files::Hive
