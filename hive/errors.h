@@ -40,6 +40,13 @@ constexpr u32 HASH_FAILED = 0x200A;
 constexpr u32 BAD_VALUE_RECORD = 0x200C;
 constexpr u32 NO_INSERT_POSITION = 0x200D;
 constexpr u32 NO_MOVE_POSITION = 0x200E;
+// Why an open refused the file.
+constexpr u32 BAD_SIGNATURE = 0x2010;        // no "regf": not a hive file
+constexpr u32 FILE_TOO_SMALL = 0x2011;       // shorter than its base block says
+constexpr u32 UNSUPPORTED_VERSION = 0x2012;  // a major version other than 1
+constexpr u32 BAD_CHECKSUM = 0x2013;         // the base block's checksum is wrong
+constexpr u32 DIRTY_NO_LOG = 0x2014;         // dirty, and no log applies
+constexpr u32 LOG_UNREADABLE = 0x2015;       // dirty, and a log could not be read
 constexpr u32 INVALID_FILE = 0x8443;
 constexpr u32 NULL_ARGUMENT = 0x8445;
 constexpr u32 INVALID_ARGUMENT = 0x8446;

@@ -68,22 +68,26 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
   u64 got = _stripe->read(_header, hive_header::SIZE);
   if (got != hive_header::SIZE) {
     HK_LOG(hiveLog, 4) << "Failed to read file: read " << got << " of " << hive_header::SIZE << " bytes";
+    if ((Error::get() & Error::IO_ERROR) == 0) Error::set(Errors::FILE_TOO_SMALL);
     return false;
   }
   u32 signature = L32(_header + hive_header::OFS_SIGNATURE);
   if (B32(_header) != hive_header::SIGNATURE) {
     HK_LOG(hiveLog, 4) << "Wrong signature: " << Log::hex(signature);
+    Error::set(Errors::BAD_SIGNATURE);
     return false;
   }
   _fileSize = _stripe->elementCount();
   u64 minimum = u64{hiveLength()} + HIVE_HEADER_SIZE;
   if (minimum > 0xffffffffull || minimum > _fileSize) {
     HK_LOG(hiveLog, 4) << "File too small, file size:    " << _fileSize << ", minimum size: " << minimum;
+    Error::set(Errors::FILE_TOO_SMALL);
     return false;
   }
   if (versionMajor() != 1) {
     HK_LOG(hiveLog, 4) << "Unsupported registry version, major=" << versionMajor()
                        << " minor=" << versionMinor();
+    Error::set(Errors::UNSUPPORTED_VERSION);
     return false;
   }
 
@@ -111,6 +115,7 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
   // than the logs hold, and writes would then continue from that state.
   if (primarySeq != secondarySeq && unreadable) {
     HK_LOG(hiveLog, 4) << "A log file of the dirty hive could not be read; not opening an older state";
+    Error::set(Errors::LOG_UNREADABLE);
     return false;
   }
   if (primarySeq != secondarySeq) {
@@ -121,6 +126,7 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
         HK_LOG(hiveLog, 4) << "This would require reading the LOG, LOG1 and/or LOG2 files.";
         HK_LOG(hiveLog, 4) << "Primary  : " << primarySeq;
         HK_LOG(hiveLog, 4) << "Secondary: " << secondarySeq;
+        Error::set(Errors::DIRTY_NO_LOG);
         return false;
       }
       HK_LOG(hiveLog, 3) << "Primary Sequence Number and Secondary Sequence Number are different; hive "
@@ -138,6 +144,7 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
                        << " from header:" << Log::hex(stored);
     HK_LOG(hiveLog, 4) << "This would require reading the LOG, LOG1 and/or LOG2 files";
     HK_LOG(hiveLog, 4) << "and restoring the base from a transaction log file";
+    Error::set(Errors::BAD_CHECKSUM);
     return false;
   }
 

@@ -1,5 +1,12 @@
 // The per-thread error code: a failing call sets it, the caller reads it.
+//
+// Besides the code, each thread keeps the first failure message logged
+// since the error was last cleared (every severity-4 line of the log is
+// offered to it), so that a caller can tell a user why, not just what.
 #pragma once
+
+#include <string>
+#include <string_view>
 
 #include "platform/types.h"
 
@@ -11,5 +18,14 @@ constexpr u32 IO_ERROR = 0x8000;  // OR-ed with errno for other system failures
 
 void set(u32 code);
 u32 get();
+// The errno of an IO_ERROR code, else 0.
+inline int systemError(u32 code) { return (code & IO_ERROR) ? static_cast<int>(code & 0x7fff) : 0; }
+
+// Keeps `text` as this thread's failure message unless one is kept already.
+void note(std::string_view text);
+// The message kept since the last clear(); empty when none.
+const std::string& firstNote();
+// Code 0 and no message: call before an operation whose failure you report.
+void clear();
 
 }  // namespace Platform::Error

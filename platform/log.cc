@@ -6,6 +6,7 @@
 #include <iomanip>
 #include <mutex>
 
+#include "platform/error.h"
 #include "platform/string.h"
 
 namespace Platform::Log {
@@ -46,9 +47,12 @@ Registry& registry() {
 
 int threshold() { return registry().threshold.load(std::memory_order_relaxed); }
 
-bool Channel::enabled(int level) const { return level >= threshold(); }
+// Failures are always built: the thread's error keeps the first one.
+bool Channel::enabled(int level) const { return level >= threshold() || level >= FAILURE; }
 
 void Channel::write(int level, const std::string& text) const {
+  if (level >= FAILURE) Error::note(text);
+  if (level < threshold()) return;
   Registry& r = registry();
   std::vector<SinkFn> targets;
   bool toStderr;

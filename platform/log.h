@@ -2,10 +2,11 @@
 //
 // Severities: 1 tracing, 2 and 3 warnings after which work goes on, 4
 // failures. A message is built only when some sink admits its severity, so
-// tracing costs one comparison when nobody listens. The standard error sink
-// prints messages at or above the level in HIVEKIT_LOG_LEVEL (1-4; unset or
-// 0 prints nothing). Tests and the command-line tool add their own sinks to
-// capture messages.
+// tracing costs one comparison when nobody listens; failures are always
+// built, because the thread's error (platform/error.h) keeps the first.
+// The standard error sink prints messages at or above the level in
+// HIVEKIT_LOG_LEVEL (1-4; unset or 0 prints nothing). Tests and the
+// command-line tool add their own sinks to capture messages.
 #pragma once
 
 #include <functional>
@@ -16,6 +17,9 @@
 #include "platform/types.h"
 
 namespace Platform::Log {
+
+// Severity of failures (the highest).
+constexpr int FAILURE = 4;
 
 struct Message {
   std::string channel;

@@ -4,8 +4,8 @@ namespace Platform {
 
 namespace {
 
-void appendCodePoint(std::u16string& out, char32_t cp) {
-  if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) cp = 0xFFFD;
+void appendCodePoint(std::u16string& out, char32_t cp, bool keepSurrogates = false) {
+  if (cp > 0x10FFFF || (!keepSurrogates && cp >= 0xD800 && cp <= 0xDFFF)) cp = 0xFFFD;
   if (cp >= 0x10000) {
     cp -= 0x10000;
     out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
@@ -17,7 +17,9 @@ void appendCodePoint(std::u16string& out, char32_t cp) {
 
 }  // namespace
 
-std::u16string utf8ToUtf16(std::string_view s) {
+namespace {
+
+std::u16string decodeUtf8(std::string_view s, bool keepSurrogates) {
   std::u16string out;
   out.reserve(s.size());
   size_t i = 0;
@@ -60,13 +62,13 @@ std::u16string utf8ToUtf16(std::string_view s) {
       ++i;
       continue;
     }
-    appendCodePoint(out, cp);
+    appendCodePoint(out, cp, keepSurrogates);
     i += n;
   }
   return out;
 }
 
-std::string utf16ToUtf8(std::u16string_view u) {
+std::string encodeUtf8(std::u16string_view u, bool keepSurrogates) {
   std::string out;
   out.reserve(u.size());
   for (size_t i = 0; i < u.size(); ++i) {
@@ -74,7 +76,7 @@ std::string utf16ToUtf8(std::u16string_view u) {
     if (cp >= 0xD800 && cp <= 0xDBFF && i + 1 < u.size() && u[i + 1] >= 0xDC00 && u[i + 1] <= 0xDFFF) {
       cp = 0x10000 + ((cp - 0xD800) << 10) + (u[i + 1] - 0xDC00);
       ++i;
-    } else if (cp >= 0xD800 && cp <= 0xDFFF) {
+    } else if (cp >= 0xD800 && cp <= 0xDFFF && !keepSurrogates) {
       cp = 0xFFFD;
     }
     if (cp < 0x80) {
@@ -95,6 +97,13 @@ std::string utf16ToUtf8(std::u16string_view u) {
   }
   return out;
 }
+
+}  // namespace
+
+std::u16string utf8ToUtf16(std::string_view utf8) { return decodeUtf8(utf8, false); }
+std::string utf16ToUtf8(std::u16string_view units) { return encodeUtf8(units, false); }
+std::u16string wtf8ToUtf16(std::string_view wtf8) { return decodeUtf8(wtf8, true); }
+std::string utf16ToWtf8(std::u16string_view units) { return encodeUtf8(units, true); }
 
 Ref<String> String::create(std::string_view utf8) { return makeRef<String>(utf8ToUtf16(utf8)); }
 

@@ -57,5 +57,10 @@ class String : public Object {
 // Encodes UTF-16 units as UTF-8; an unpaired surrogate becomes U+FFFD.
 std::string utf16ToUtf8(std::u16string_view units);
 std::u16string utf8ToUtf16(std::string_view utf8);
+// The same, but an unpaired surrogate travels as its own three-byte form
+// (WTF-8), so that any sequence of UTF-16 units converts there and back
+// unchanged; valid UTF-16 gives plain UTF-8.
+std::string utf16ToWtf8(std::u16string_view units);
+std::u16string wtf8ToUtf16(std::string_view wtf8);
 
 }  // namespace Platform

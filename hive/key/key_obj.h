@@ -67,6 +67,14 @@ class KeyObj : public Key {
   Ref<KeyObj> key(u32 index);
   Ref<ValueObj> value(u32 index);
 
+  // Gives the key the self-relative descriptor `bytes`: an sk record that
+  // holds exactly these bytes is shared, else a new one joins the ring after
+  // the key's old one. The old record loses the key's reference and is
+  // freed and unlinked when no key is left using it. False with the error
+  // set when the descriptor is too short, or on a failed write; the key
+  // then keeps its old descriptor.
+  bool setSecurityDescriptor(const u8* bytes, u32 length);
+
   // Reference count of an sk record (+1 or -1); failures are only logged.
   static bool adjustSecurityCellRefCount(RegistryHiveObj* hive, u32 offset, bool increment);
 

@@ -85,40 +85,44 @@ u32 SecurityDescriptorObj::descriptorLength() {
   return rec ? rec->u32At(hive_record_sk::OFS_LENGTH) : 0;
 }
 
-Ref<SecurityDescriptor> SecurityDescriptorIteratorObj::next() {
-  if (_current == INVALID_RECORD) return nullptr;
-  Mon::Lock lock(_hive->mon());
-  const u32 offset = _current;
-  const hive_record* rec = loadSk(*_hive, offset);
+bool SecurityDescriptorIteratorObj::step(RegistryHiveObj& hive, u32 start, u32& current, u32& previous,
+                                         u32& out, bool& damaged) {
+  if (current == INVALID_RECORD) return false;
+  const u32 offset = current;
+  const hive_record* rec = loadSk(hive, offset);
   if (rec == nullptr) {
     HK_LOG(sdIteratorLog, 3) << "Invalid sk record at " << Log::hex(offset);
-    _current = INVALID_RECORD;
-    return nullptr;
+    current = INVALID_RECORD;
+    damaged = true;
+    return false;
   }
-  Ref<SecurityDescriptor> result = makeRef<SecurityDescriptorObj>(_hive, offset);
-
-  // Every record's blink must name the record returned before it. Besides
-  // catching damage, this bounds the walk: a record can only be reached
-  // again through the same predecessor, so any loop must pass the start,
-  // where the walk stops.
-  bool ended = false;
-  if (_previous != INVALID_RECORD && rec->u32At(hive_record_sk::OFS_BLINK) != _previous) {
+  out = offset;
+  const bool linked = previous == INVALID_RECORD || rec->u32At(hive_record_sk::OFS_BLINK) == previous;
+  previous = offset;
+  if (!linked) {
     HK_LOG(sdIteratorLog, 3) << "Incorrect back offset at " << Log::hex(offset);
-    ended = true;
-  }
-  _previous = offset;
-  if (ended) {
-    _current = INVALID_RECORD;
-    return result;
+    current = INVALID_RECORD;
+    damaged = true;
+    return true;
   }
   const u32 flink = rec->u32At(hive_record_sk::OFS_FLINK);
   if (flink == 0 || flink == INVALID_RECORD) {
     HK_LOG(sdIteratorLog, 3) << "Invalid offset in sk at " << Log::hex(offset);
-    _current = INVALID_RECORD;
+    current = INVALID_RECORD;
+    damaged = true;
   } else {
-    _current = flink == _start ? INVALID_RECORD : flink;
+    current = flink == start ? INVALID_RECORD : flink;
   }
-  return result;
+  return true;
+}
+
+Ref<SecurityDescriptor> SecurityDescriptorIteratorObj::next() {
+  if (_current == INVALID_RECORD) return nullptr;
+  Mon::Lock lock(_hive->mon());
+  u32 offset = INVALID_RECORD;
+  bool damaged = false;
+  if (!step(*_hive, _start, _current, _previous, offset, damaged)) return nullptr;
+  return makeRef<SecurityDescriptorObj>(_hive, offset);
 }
 
 bool SecurityDescriptorIteratorObj::rewind() {

@@ -33,6 +33,15 @@ class SecurityDescriptorIteratorObj : public SecurityDescriptorIterator {
   // Null at the end; a damaged link ends the walk after the record where it
   // was found.
   Ref<SecurityDescriptor> next() override;
+  // One step of the walk over the ring of sk records: the record at
+  // `current` (INVALID_RECORD: the walk is over) is checked and given in
+  // `out`, and `current` and `previous` move on. False when there is no
+  // record to give (the walk is over, or `current` is not an sk record).
+  // `damaged` is set when the walk ends early on a broken link.
+  // Every record's blink must name the one given before it: besides
+  // catching damage, this bounds the walk, since a record can only be
+  // reached again through the same predecessor, so any loop passes `start`.
+  static bool step(RegistryHiveObj& hive, u32 start, u32& current, u32& previous, u32& out, bool& damaged);
   bool rewind() override;
 
  private:

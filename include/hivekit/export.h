@@ -12,5 +12,5 @@
 #define HIVEKIT_EXPORT __declspec(dllimport)
 #endif
 #else
-#define HIVEKIT_EXPORT __attribute__((visibility("default")))
+#define HIVEKIT_EXPORT [[gnu::visibility("default")]]
 #endif

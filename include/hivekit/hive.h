@@ -51,7 +51,7 @@ struct OpenOptions {
   // With Logs::named: the log files, in any order. Each takes the slot its
   // extension names (.LOG, .LOG1, .LOG2); a name without one takes the first
   // free slot of .LOG1, .LOG2, .LOG.
-  std::vector<std::string> log_files;
+  std::vector<std::string> log_files = {};
   // Writable opens: every change reaches the file at once instead of at
   // flush() (slower; never used together with a log in use).
   bool write_through = false;

@@ -12,6 +12,7 @@
 
 #include "hivekit/hive.h"
 #include "hivekit/key.h"
+#include "hivekit/log.h"
 #include "hivekit/regfile.h"
 #include "hivekit/security.h"
 #include "hivekit/status.h"

@@ -28,13 +28,13 @@ struct ExportOptions {
   // The path that heads the exported key, with backslashes. Empty: "ROOT"
   // followed by the key's path in the hive ([ROOT], [ROOT\ControlSet001],
   // ...), which import_reg's default prefix puts back in the same place.
-  std::string root_path;
+  std::string root_path = {};
   // Add to the end of the file instead of replacing it; no byte order mark
   // and header are written (unless the file is new or empty).
   bool append = false;
   // Every value as hex(TYPE): bytes, strings and dwords included.
   bool binary_only = false;
-  Diagnostics diagnostics;
+  Diagnostics diagnostics = {};
 };
 
 // Writes `key` and everything below it to the file at `path` ("-" for
@@ -52,7 +52,7 @@ struct ImportOptions {
   std::string prefix = "ROOT";
   // Report every key the import creates through `diagnostics`.
   bool trace = false;
-  Diagnostics diagnostics;
+  Diagnostics diagnostics = {};
 };
 
 // Applies the registry text file at `path` ("-" for standard input):

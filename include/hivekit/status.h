@@ -96,13 +96,16 @@ class [[nodiscard]] Result {
   // A failure; `status` should not be ok.
   Result(Status status) : status_(std::move(status)) {}
   Result(Code code, std::string message) : status_(code, std::move(message)) {}
+  // A failure that still carries a value (calls that give one say so, for
+  // instance the part of a value's data that could be read).
+  Result(T partial, Status status) : value_(std::move(partial)), status_(std::move(status)) {}
 
   bool ok() const noexcept { return status_.ok(); }
   explicit operator bool() const noexcept { return ok(); }
   const Status& status() const& noexcept { return status_; }
   Status status() && noexcept { return std::move(status_); }
 
-  // The value; a default T when !ok().
+  // The value; a default T when !ok() (unless the call gave a partial one).
   T& value() & noexcept { return value_; }
   const T& value() const& noexcept { return value_; }
   T&& value() && noexcept { return std::move(value_); }

@@ -1,0 +1,176 @@
+// The state behind the handles of one open hive, and the helpers every
+// call of the public API shares: the guard that checks a handle and takes
+// the hive's monitor, the translation of engine failures into Status, text
+// conversion and the path grammar.
+//
+// Internal to the library: nothing here is exported.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "hive/key/key_obj.h"
+#include "hive/registry_hive.h"
+#include "hive/value/value_obj.h"
+#include "hivekit/hivekit.h"
+#include "platform/error.h"
+#include "platform/mon.h"
+
+namespace hivekit::detail {
+
+using Libraries::Files::Hive::HiveFile;
+using Libraries::Files::Hive::KeyObj;
+using Libraries::Files::Hive::RegistryHiveObj;
+using Libraries::Files::Hive::ValueObj;
+using Platform::Ref;
+using Platform::u16;
+using Platform::u32;
+using Platform::u64;
+using Platform::u8;
+
+class HiveCore final : public CoreBase {
+ public:
+  HiveCore(Ref<RegistryHiveObj> hive, std::string path, std::array<std::string, 3> logPaths, bool writable);
+  ~HiveCore();
+
+  RegistryHiveObj& hive() const { return *_hive; }
+  bool closed() const { return _closed.load(std::memory_order_acquire); }
+  bool writable() const { return _writable; }
+  const std::string& path() const { return _path; }
+  // The log files in use (.LOG, .LOG1, .LOG2); "" for none.
+  const std::array<std::string, 3>& logPaths() const { return _logPaths; }
+
+  // Flushes (when writable) and marks the hive closed. The engine objects
+  // and the files stay until the last handle goes.
+  Status close();
+
+  // The engine's own object for the key at `offset` (the one every change
+  // must go through, so that all holders see the change), reached from the
+  // root by name. Null, with `why` set, when the key cannot be reached that
+  // way (deleted, or its parent links are damaged). Caller holds the monitor.
+  Ref<KeyObj> keyObject(u32 offset, Status& why);
+  // The engine's object for the value at `offset` of the key at `key`.
+  Ref<ValueObj> valueObject(u32 key, u32 offset, Status& why);
+  // Forgets the objects kept for recent changes.
+  void forgetObjects() { _recent.clear(); }
+
+ private:
+  Ref<RegistryHiveObj> _hive;
+  std::string _path;
+  std::array<std::string, 3> _logPaths;
+  bool _writable;
+  std::atomic<bool> _closed{false};
+  // Key objects of recent changes, so that a run of changes to one key
+  // does not walk down from the root each time. Bounded: emptied when full.
+  std::unordered_map<u32, Ref<KeyObj>> _recent;
+};
+
+// Constructs and opens handles; a friend of each.
+class Access {
+ public:
+  static HiveCore* core(const CoreRef& ref) { return static_cast<HiveCore*>(ref.get()); }
+  static const CoreRef& ref(const Key& k) { return k.core_; }
+  static const CoreRef& ref(const Value& v) { return v.core_; }
+  static u32 keyOf(const Value& v) { return v.key_; }
+  static Hive makeHive(CoreRef core) { return Hive(std::move(core)); }
+  static const CoreRef& ref(const Hive& h) { return h.core_; }
+  static Key makeKey(const CoreRef& core, u32 offset) {
+    Key k;
+    k.core_ = core;
+    k.offset_ = offset;
+    return k;
+  }
+  static void setOffset(Key& k, u32 offset) { k.offset_ = offset; }
+  static Value makeValue(const CoreRef& core, u32 offset, u32 key) {
+    Value v;
+    v.core_ = core;
+    v.offset_ = offset;
+    v.key_ = key;
+    return v;
+  }
+  static u32 offsetOf(const Value& v) { return v.offset_; }
+  static void reset(Value& v) { v = Value(); }
+  static Subkeys makeSubkeys(const CoreRef& core, std::vector<u32> offsets, Status status) {
+    Subkeys s;
+    s.core_ = core;
+    s.offsets_ = std::move(offsets);
+    s.status_ = std::move(status);
+    return s;
+  }
+  static Values makeValues(const CoreRef& core, u32 key, std::vector<u32> offsets, Status status) {
+    Values s;
+    s.core_ = core;
+    s.key_ = key;
+    s.offsets_ = std::move(offsets);
+    s.status_ = std::move(status);
+    return s;
+  }
+  static SecurityDescriptor makeSecurityDescriptor(const CoreRef& core, u32 offset) {
+    SecurityDescriptor sd;
+    sd.core_ = core;
+    sd.offset_ = offset;
+    return sd;
+  }
+  static const CoreRef& ref(const SecurityDescriptor& sd) { return sd.core_; }
+  static SecurityDescriptors makeSecurityDescriptors(const CoreRef& core, u32 start, Status status) {
+    SecurityDescriptors s;
+    s.core_ = core;
+    s.start_ = start;
+    s.status_ = std::move(status);
+    return s;
+  }
+};
+
+// Checks a handle and holds its hive's monitor for one call. Clears the
+// thread's engine error first, so a failure reports only this call's cause.
+class Call {
+ public:
+  explicit Call(const CoreRef& ref);
+  ~Call() {
+    if (_locked) _core->hive().mon()->unlock();
+  }
+  Call(const Call&) = delete;
+  Call& operator=(const Call&) = delete;
+
+  bool ok() const { return _status.ok(); }
+  const Status& status() const { return _status; }
+  HiveCore& core() const { return *_core; }
+  RegistryHiveObj& hive() const { return _core->hive(); }
+  // ok() and the hive may be changed; read_only otherwise.
+  bool writable();
+
+ private:
+  HiveCore* _core;
+  bool _locked = false;
+  Status _status;
+};
+
+// The Status for an engine failure: `what` says what failed, the engine's
+// error code picks the class (`fallback` when it set none) and its first
+// failure message, when it logged one, follows as the reason.
+Status engineStatus(std::string_view what, Code fallback = Code::corrupt);
+// The code for an engine or system error code; `fallback` for 0 or one
+// without a class.
+Code codeFor(u32 engineCode, Code fallback);
+// errno's text for a system error code folded into an engine code.
+std::string systemText(u32 engineCode);
+
+// Text at the API: UTF-8 (WTF-8 for unpaired surrogates) <-> UTF-16.
+std::string toUtf8(std::u16string_view units);
+std::u16string toUtf16(std::string_view text);
+// A name quoted for a message: "'name'", cut to 200 characters.
+std::string quoted(std::string_view text);
+
+// Splits a path by the public grammar (see key.h). False for an empty name
+// between two separators.
+bool splitPath(std::string_view path, std::vector<std::string_view>& parts);
+
+// Is `a` the same file as `b` (device and inode)? False when either cannot
+// be examined.
+bool sameFile(const std::string& a, const std::string& b);
+
+}  // namespace hivekit::detail

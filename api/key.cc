@@ -1,0 +1,401 @@
+// Key handles: reads straight from the key's record (no object per key),
+// changes through the engine's key objects.
+#include "api/core.h"
+#include "api/value_data.h"
+#include "hive/errors.h"
+#include "hive/key/key_record.h"
+#include "hive/util/util.h"
+#include "platform/string.h"
+
+namespace hivekit {
+
+using namespace detail;
+using Libraries::Files::Hive::KeyRecord;
+using Libraries::Files::Hive::SubkeyList;
+using Libraries::Files::Hive::Util;
+using Platform::String;
+namespace Errors = Libraries::Files::Hive::Errors;
+
+namespace {
+
+// The key's record, read under `call`; false with `why` set.
+bool readKey(const Call& call, u32 offset, KeyRecord& rec, Status* why = nullptr) {
+  if (readKeyRecord(call.hive(), offset, rec)) return true;
+  if (why) *why = engineStatus("cannot read the key", Code::corrupt);
+  return false;
+}
+
+std::u16string nameOf(const Call& call, u32 offset) {
+  if (offset == call.hive().rootOffset()) return {};
+  KeyRecord rec;
+  std::u16string name;
+  if (readKey(call, offset, rec)) readKeyName(call.hive(), rec, name);
+  return name;
+}
+
+Ref<String> engineName(std::string_view name) {
+  return String::fromUtf16(toUtf16(name));
+}
+
+// The subkey `name` of `key`, through the engine's own search (binary
+// search by upper-cased name, the linear fallback when asked for).
+Result<Ref<KeyObj>> lookup(const Ref<KeyObj>& key, std::string_view name, const std::string& walked) {
+  Platform::Error::clear();
+  Ref<KeyObj> found = key->key(engineName(name)).cast<KeyObj>();
+  if (found) return found;
+  if (Platform::Error::get() == Errors::KEY_NOT_FOUND || Platform::Error::get() == 0)
+    return Status(Code::key_not_found, "key not found: " + quoted(walked));
+  return engineStatus("cannot look up " + quoted(walked), Code::corrupt);
+}
+
+// Deletes the keys this call created, deepest first (a failed create_key
+// leaves the hive as it was).
+void undoCreated(std::vector<std::pair<Ref<KeyObj>, Ref<KeyObj>>>& created) {
+  for (auto it = created.rbegin(); it != created.rend(); ++it) it->first->deleteKey(it->second);
+}
+
+}  // namespace
+
+std::string Key::name() const {
+  Call call(core_);
+  return call.ok() ? toUtf8(nameOf(call, offset_)) : std::string();
+}
+
+std::u16string Key::name_utf16() const {
+  Call call(core_);
+  return call.ok() ? nameOf(call, offset_) : std::u16string();
+}
+
+std::string Key::path() const {
+  Call call(core_);
+  if (!call.ok()) return {};
+  RegistryHiveObj& hive = call.hive();
+  std::vector<std::u16string> names;
+  std::vector<u32> seen;
+  bool broken = false;
+  for (u32 at = offset_; at != hive.rootOffset();) {
+    KeyRecord rec;
+    if (seen.size() >= Util::MAX_TREE_DEPTH || std::find(seen.begin(), seen.end(), at) != seen.end() ||
+        !readKeyRecord(hive, at, rec)) {
+      broken = true;
+      break;
+    }
+    seen.push_back(at);
+    std::u16string name;
+    readKeyName(hive, rec, name);
+    names.push_back(std::move(name));
+    at = rec.parent;
+  }
+  std::string out = broken ? "\\?" : "";
+  for (auto it = names.rbegin(); it != names.rend(); ++it) out += "\\" + toUtf8(*it);
+  return out.empty() ? "\\" : out;
+}
+
+FileTime Key::last_write() const {
+  Call call(core_);
+  KeyRecord rec;
+  return call.ok() && readKey(call, offset_, rec) ? rec.lastWriteTime : 0;
+}
+
+std::string Key::class_name() const {
+  Call call(core_);
+  KeyRecord rec;
+  std::u16string text;
+  if (call.ok() && readKey(call, offset_, rec)) readKeyClass(call.hive(), rec, text);
+  return toUtf8(text);
+}
+
+std::uint32_t Key::subkey_count() const {
+  Call call(core_);
+  KeyRecord rec;
+  return call.ok() && readKey(call, offset_, rec) ? rec.numKeys : 0;
+}
+
+std::uint32_t Key::value_count() const {
+  Call call(core_);
+  KeyRecord rec;
+  return call.ok() && readKey(call, offset_, rec) ? rec.numValues : 0;
+}
+
+Subkeys Key::subkeys() const {
+  Call call(core_);
+  if (!call.ok()) return Access::makeSubkeys(core_, {}, call.status());
+  KeyRecord rec;
+  Status why;
+  if (!readKey(call, offset_, rec, &why)) return Access::makeSubkeys(core_, {}, why);
+  SubkeyList list;
+  if (!loadSubkeyList(call.hive(), rec, list))
+    return Access::makeSubkeys(core_, {}, engineStatus("cannot read the subkey list", Code::corrupt));
+  std::vector<u32> offsets(list.entries.size());
+  for (size_t i = 0; i < offsets.size(); ++i) offsets[i] = list.entries[i].offset;
+  return Access::makeSubkeys(core_, std::move(offsets), Status());
+}
+
+Values Key::values() const {
+  Call call(core_);
+  if (!call.ok()) return Access::makeValues(core_, offset_, {}, call.status());
+  KeyRecord rec;
+  Status why;
+  if (!readKey(call, offset_, rec, &why)) return Access::makeValues(core_, offset_, {}, why);
+  std::vector<u32> offsets;
+  if (!loadValueList(call.hive(), rec, offsets))
+    return Access::makeValues(core_, offset_, {}, engineStatus("cannot read the value list", Code::corrupt));
+  return Access::makeValues(core_, offset_, std::move(offsets), Status());
+}
+
+Result<Key> Key::subkey(std::string_view name) const {
+  if (name.empty()) return Status(Code::invalid_argument, "empty key name");
+  Call call(core_);
+  if (!call.ok()) return call.status();
+  Status why;
+  Ref<KeyObj> key = call.core().keyObject(offset_, why);
+  if (!key) return why;
+  Result<Ref<KeyObj>> found = lookup(key, name, std::string(name));
+  if (!found) return found.status();
+  return Access::makeKey(core_, (*found)->offset());
+}
+
+Result<Key> Key::key(std::string_view path) const {
+  Call call(core_);
+  if (!call.ok()) return call.status();
+  std::vector<std::string_view> parts;
+  if (!splitPath(path, parts)) return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
+  if (parts.empty()) return *this;
+  Status why;
+  Ref<KeyObj> key = call.core().keyObject(offset_, why);
+  if (!key) return why;
+  std::string walked;
+  for (std::string_view part : parts) {
+    walked += walked.empty() ? "" : "\\";
+    walked += part;
+    Result<Ref<KeyObj>> next = lookup(key, part, walked);
+    if (!next) return next.status();
+    key = std::move(*next);
+  }
+  return Access::makeKey(core_, key->offset());
+}
+
+Result<Key> Key::parent() const {
+  Call call(core_);
+  if (!call.ok()) return call.status();
+  if (offset_ == call.hive().rootOffset()) return Status(Code::key_not_found, "the root key has no parent");
+  KeyRecord rec, up;
+  Status why;
+  if (!readKey(call, offset_, rec, &why)) return why;
+  if (!readKey(call, rec.parent, up, &why)) return why;
+  return Access::makeKey(core_, rec.parent);
+}
+
+Result<Value> Key::value(std::string_view name) const {
+  Call call(core_);
+  if (!call.ok()) return call.status();
+  Status why;
+  Ref<KeyObj> key = call.core().keyObject(offset_, why);
+  if (!key) return why;
+  Platform::Error::clear();
+  Ref<ValueObj> v = key->value(engineName(name)).cast<ValueObj>();
+  if (v) return Access::makeValue(core_, v->offset(), offset_);
+  if (Platform::Error::get() == Errors::VALUE_NOT_FOUND || Platform::Error::get() == 0)
+    return Status(Code::value_not_found, "value not found: " + quoted(name));
+  return engineStatus("cannot look up value " + quoted(name), Code::corrupt);
+}
+
+Result<SecurityDescriptor> Key::security_descriptor() const {
+  Call call(core_);
+  if (!call.ok()) return call.status();
+  KeyRecord rec;
+  Status why;
+  if (!readKey(call, offset_, rec, &why)) return why;
+  const Libraries::Files::Hive::hive_record* sk = call.hive().cacheLoadRecord(rec.sk);
+  if (!sk || sk->signature() != Libraries::Files::Hive::hive_record_sk::SIGNATURE)
+    return engineStatus("the key's security record cannot be read", Code::corrupt);
+  return Access::makeSecurityDescriptor(core_, rec.sk);
+}
+
+Result<Key> Key::create_key(std::string_view path) {
+  Call call(core_);
+  if (!call.writable()) return call.status();
+  std::vector<std::string_view> parts;
+  if (!splitPath(path, parts)) return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
+  Status why;
+  Ref<KeyObj> key = call.core().keyObject(offset_, why);
+  if (!key) return why;
+  std::vector<std::pair<Ref<KeyObj>, Ref<KeyObj>>> created;  // (parent, new key)
+  for (std::string_view part : parts) {
+    if (toUtf16(part).size() > KeyObj::MAX_KEY_NAME_LENGTH) {
+      undoCreated(created);
+      return Status(Code::too_large, "key name longer than 255 characters: " + quoted(part));
+    }
+    Ref<String> name = engineName(part);
+    Platform::Error::clear();
+    Ref<KeyObj> next = key->key(name).cast<KeyObj>();
+    if (!next) {
+      if (Platform::Error::get() != Errors::KEY_NOT_FOUND && Platform::Error::get() != 0) {
+        Status s = engineStatus("cannot look up " + quoted(part), Code::corrupt);
+        undoCreated(created);
+        return s;
+      }
+      Platform::Error::clear();
+      next = key->createKey(name).cast<KeyObj>();
+      if (!next) {
+        Status s = engineStatus("cannot create key " + quoted(part), Code::internal);
+        undoCreated(created);
+        return s;
+      }
+      created.emplace_back(key, next);
+    }
+    key = next;
+  }
+  return Access::makeKey(core_, key->offset());
+}
+
+Status Key::delete_key(std::string_view path, bool recursive) {
+  Call call(core_);
+  if (!call.writable()) return call.status();
+  std::vector<std::string_view> parts;
+  if (!splitPath(path, parts)) return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
+  if (parts.empty()) return Status(Code::invalid_argument, "no key named to delete");
+  Status why;
+  Ref<KeyObj> parent = call.core().keyObject(offset_, why);
+  if (!parent) return why;
+  for (size_t i = 0; i + 1 < parts.size(); ++i) {
+    Ref<KeyObj> next = parent->key(engineName(parts[i])).cast<KeyObj>();
+    if (!next) return Status(Code::key_not_found, "key not found: " + quoted(path));
+    parent = next;
+  }
+  Platform::Error::clear();
+  Ref<KeyObj> victim = parent->key(engineName(parts.back())).cast<KeyObj>();
+  if (!victim) return Status(Code::key_not_found, "key not found: " + quoted(path));
+  Platform::Error::clear();
+  const bool deleted = recursive ? Util::recursiveKeyDelete(parent, victim) : parent->deleteKey(victim);
+  call.core().forgetObjects();
+  if (!deleted) {
+    if (Platform::Error::get() == Errors::KEY_NOT_EMPTY)
+      return Status(Code::not_empty, "key " + quoted(path) + " has subkeys or values (delete it recursively)");
+    return engineStatus("cannot delete key " + quoted(path), Code::internal);
+  }
+  return Status();
+}
+
+Status Key::rename(std::string_view new_name) {
+  Call call(core_);
+  if (!call.writable()) return call.status();
+  if (offset_ == call.hive().rootOffset()) return Status(Code::invalid_argument, "the root key cannot be renamed");
+  Status why;
+  Ref<KeyObj> key = call.core().keyObject(offset_, why);
+  if (!key) return why;
+  Ref<KeyObj> parent = key->parent();
+  if (!parent) return Status(Code::invalid_argument, "the root key cannot be renamed");
+  return move_to(Access::makeKey(core_, parent->offset()), new_name);
+}
+
+Status Key::move_to(const Key& new_parent) {
+  const std::string name = this->name();
+  return move_to(new_parent, name);
+}
+
+Status Key::move_to(const Key& new_parent, std::string_view new_name) {
+  Call call(core_);
+  if (!call.writable()) return call.status();
+  if (!(new_parent.core_ == core_)) return Status(Code::invalid_argument, "the new parent is of another hive");
+  if (offset_ == call.hive().rootOffset()) return Status(Code::invalid_argument, "the root key cannot be moved");
+  if (new_name.empty()) return Status(Code::invalid_argument, "empty key name");
+  if (toUtf16(new_name).size() > KeyObj::MAX_KEY_NAME_LENGTH)
+    return Status(Code::too_large, "key name longer than 255 characters: " + quoted(new_name));
+  Status why;
+  Ref<KeyObj> key = call.core().keyObject(offset_, why);
+  if (!key) return why;
+  Ref<KeyObj> target = call.core().keyObject(new_parent.offset_, why);
+  if (!target) return why;
+  Platform::Error::clear();
+  if (!target->move(Ref<Interfaces::Config::Hive::Key>(key), engineName(new_name))) {
+    if (Platform::Error::get() == Errors::MOVE_NESTED)
+      return Status(Code::invalid_argument, "a key cannot be moved below itself");
+    return engineStatus("cannot move key to " + quoted(new_name), Code::internal);
+  }
+  // A new name may have moved the record; this handle follows it.
+  offset_ = key->offset();
+  call.core().forgetObjects();
+  return Status();
+}
+
+Result<Value> Key::set_value(std::string_view name, ValueType type, std::span<const std::byte> data) {
+  Call call(core_);
+  if (!call.writable()) return call.status();
+  Status why;
+  Ref<KeyObj> key = call.core().keyObject(offset_, why);
+  if (!key) return why;
+  Ref<ValueObj> value;
+  Status s = setValueData(*key, name, static_cast<u32>(type), data, value);
+  if (!s) return s;
+  return Access::makeValue(core_, value->offset(), offset_);
+}
+
+Result<Value> Key::set_string(std::string_view name, std::string_view text, ValueType type) {
+  return set_value(name, type, encodeString(text, type));
+}
+
+Result<Value> Key::set_multi_string(std::string_view name, std::span<const std::string> strings) {
+  return set_value(name, ValueType::multi_sz, encodeMultiString(strings));
+}
+
+Result<Value> Key::set_dword(std::string_view name, std::uint32_t number, ValueType type) {
+  return set_value(name, type, encodeDword(number, type));
+}
+
+Result<Value> Key::set_qword(std::string_view name, std::uint64_t number) {
+  return set_value(name, ValueType::qword, encodeQword(number));
+}
+
+Status Key::delete_value(std::string_view name) {
+  Call call(core_);
+  if (!call.writable()) return call.status();
+  Status why;
+  Ref<KeyObj> key = call.core().keyObject(offset_, why);
+  if (!key) return why;
+  Ref<Interfaces::Config::Hive::Value> v = key->value(engineName(name));
+  if (!v) return Status(Code::value_not_found, "value not found: " + quoted(name));
+  Platform::Error::clear();
+  if (!key->deleteValue(v)) return engineStatus("cannot delete value " + quoted(name), Code::internal);
+  return Status();
+}
+
+Status Key::set_security_descriptor(std::span<const std::byte> descriptor) {
+  Call call(core_);
+  if (!call.writable()) return call.status();
+  Status why;
+  Ref<KeyObj> key = call.core().keyObject(offset_, why);
+  if (!key) return why;
+  Platform::Error::clear();
+  if (!key->setSecurityDescriptor(reinterpret_cast<const u8*>(descriptor.data()),
+                                  static_cast<u32>(descriptor.size())))
+    return engineStatus("cannot set the key's security descriptor", Code::internal);
+  return Status();
+}
+
+Subkeys::iterator Subkeys::begin() {
+  iterator it;
+  it.owner_ = this;
+  it.index_ = static_cast<std::uint32_t>(-1);
+  advance(it);
+  return it;
+}
+
+void Subkeys::advance(iterator& it) {
+  Call call(core_);
+  const u32 end = static_cast<u32>(offsets_.size());
+  u32 i = it.index_ + 1;
+  if (call.ok()) {
+    for (; i < end; ++i) {
+      KeyRecord rec;
+      if (readKeyRecord(call.hive(), offsets_[i], rec)) break;
+      ++skipped_;
+    }
+  } else {
+    i = end;
+  }
+  it.index_ = i;
+  it.current_ = i < end ? Access::makeKey(core_, offsets_[i]) : Key();
+}
+
+}  // namespace hivekit

@@ -1,0 +1,252 @@
+// Value handles: reads straight from the value's records, changes through
+// the engine's value objects.
+#include "api/core.h"
+#include "api/value_data.h"
+#include "hive/errors.h"
+#include "hive/value/value_record.h"
+
+namespace hivekit {
+
+using namespace detail;
+using Libraries::Files::Hive::ValueRecord;
+namespace Errors = Libraries::Files::Hive::Errors;
+
+namespace {
+
+bool readRecord(const Call& call, u32 offset, ValueRecord& rec) {
+  return readValueRecord(call.hive(), offset, rec);
+}
+
+std::u16string nameOf(const Call& call, u32 offset) {
+  ValueRecord rec;
+  std::u16string name;
+  if (readRecord(call, offset, rec)) readValueName(call.hive(), rec, name);
+  return name;
+}
+
+// The data as UTF-16 units (an odd last byte dropped).
+std::u16string units(const std::vector<std::byte>& data) {
+  std::u16string out(data.size() / 2, u'\0');
+  for (size_t i = 0; i < out.size(); ++i)
+    out[i] = static_cast<char16_t>(std::to_integer<unsigned>(data[2 * i]) |
+                                   (std::to_integer<unsigned>(data[2 * i + 1]) << 8));
+  return out;
+}
+
+Status wrongType(u32 type, const char* wanted) {
+  const std::string_view name = type_name(static_cast<ValueType>(type));
+  return Status(Code::wrong_type, "the value is of type " +
+                                      (name.empty() ? std::to_string(type) : std::string(name)) + ", not " + wanted);
+}
+
+// Type and data of the value under a fresh call; false with `why`.
+bool typedData(const CoreRef& core, u32 offset, u32& type, std::vector<std::byte>& data, Status& why) {
+  Call call(core);
+  if (!call.ok()) {
+    why = call.status();
+    return false;
+  }
+  return readValue(call.hive(), offset, type, data, why);
+}
+
+}  // namespace
+
+std::string Value::name() const {
+  Call call(core_);
+  return call.ok() ? toUtf8(nameOf(call, offset_)) : std::string();
+}
+
+std::u16string Value::name_utf16() const {
+  Call call(core_);
+  return call.ok() ? nameOf(call, offset_) : std::u16string();
+}
+
+ValueType Value::type() const {
+  Call call(core_);
+  ValueRecord rec;
+  return call.ok() && readRecord(call, offset_, rec) ? static_cast<ValueType>(rec.type) : ValueType::none;
+}
+
+std::uint32_t Value::size() const {
+  Call call(core_);
+  ValueRecord rec;
+  return call.ok() && readRecord(call, offset_, rec) ? rec.dataSize : 0;
+}
+
+Result<Bytes> Value::data() const {
+  u32 type = 0;
+  std::vector<std::byte> data;
+  Status why;
+  if (!typedData(core_, offset_, type, data, why)) return Result<Bytes>(Bytes(std::move(data)), std::move(why));
+  return Bytes(std::move(data));
+}
+
+Result<std::string> Value::string() const {
+  u32 type = 0;
+  std::vector<std::byte> data;
+  Status why;
+  if (!typedData(core_, offset_, type, data, why)) return why;
+  if (type != static_cast<u32>(ValueType::sz) && type != static_cast<u32>(ValueType::expand_sz))
+    return wrongType(type, "REG_SZ or REG_EXPAND_SZ");
+  std::u16string text = units(data);
+  const size_t end = text.find(u'\0');
+  if (end != std::u16string::npos) text.resize(end);
+  return toUtf8(text);
+}
+
+Result<std::vector<std::string>> Value::multi_string() const {
+  u32 type = 0;
+  std::vector<std::byte> data;
+  Status why;
+  if (!typedData(core_, offset_, type, data, why)) return why;
+  if (type != static_cast<u32>(ValueType::multi_sz)) return wrongType(type, "REG_MULTI_SZ");
+  std::u16string text = units(data);
+  // The last string's terminator, then the list's.
+  for (int i = 0; i < 2 && !text.empty() && text.back() == u'\0'; ++i) text.pop_back();
+  std::vector<std::string> out;
+  if (text.empty()) return out;
+  size_t start = 0;
+  while (true) {
+    const size_t end = text.find(u'\0', start);
+    out.push_back(toUtf8(std::u16string_view(text).substr(start, end - start)));
+    if (end == std::u16string::npos) break;
+    start = end + 1;
+  }
+  return out;
+}
+
+Result<std::uint32_t> Value::dword() const {
+  u32 type = 0;
+  std::vector<std::byte> data;
+  Status why;
+  if (!typedData(core_, offset_, type, data, why)) return why;
+  const bool big = type == static_cast<u32>(ValueType::dword_big_endian);
+  if (type != static_cast<u32>(ValueType::dword) && !big) return wrongType(type, "REG_DWORD");
+  if (data.size() != 4)
+    return Status(Code::wrong_type, "a DWORD value of " + std::to_string(data.size()) + " bytes instead of 4");
+  std::uint32_t n = 0;
+  for (int i = 0; i < 4; ++i) n |= std::to_integer<std::uint32_t>(data[i]) << (big ? 24 - 8 * i : 8 * i);
+  return n;
+}
+
+Result<std::uint64_t> Value::qword() const {
+  u32 type = 0;
+  std::vector<std::byte> data;
+  Status why;
+  if (!typedData(core_, offset_, type, data, why)) return why;
+  if (type != static_cast<u32>(ValueType::qword)) return wrongType(type, "REG_QWORD");
+  if (data.size() != 8)
+    return Status(Code::wrong_type, "a QWORD value of " + std::to_string(data.size()) + " bytes instead of 8");
+  std::uint64_t n = 0;
+  for (int i = 0; i < 8; ++i) n |= std::to_integer<std::uint64_t>(data[i]) << (8 * i);
+  return n;
+}
+
+Result<std::string> Value::link() const {
+  u32 type = 0;
+  std::vector<std::byte> data;
+  Status why;
+  if (!typedData(core_, offset_, type, data, why)) return why;
+  if (type != static_cast<u32>(ValueType::link)) return wrongType(type, "REG_LINK");
+  return toUtf8(units(data));
+}
+
+Status Value::set(ValueType type, std::span<const std::byte> data) {
+  Call call(core_);
+  if (!call.writable()) return call.status();
+  Status why;
+  Ref<ValueObj> v = call.core().valueObject(key_, offset_, why);
+  if (!v) return why;
+  return replaceValueData(*v, static_cast<u32>(type), data);
+}
+
+Status Value::set_string(std::string_view text, ValueType type) {
+  return set(type, encodeString(text, type));
+}
+
+Status Value::set_multi_string(std::span<const std::string> strings) {
+  return set(ValueType::multi_sz, encodeMultiString(strings));
+}
+
+Status Value::set_dword(std::uint32_t number, ValueType type) {
+  return set(type, encodeDword(number, type));
+}
+
+Status Value::set_qword(std::uint64_t number) {
+  return set(ValueType::qword, encodeQword(number));
+}
+
+Status Value::rename(std::string_view new_name) {
+  return move_to(key(), new_name);
+}
+
+Status Value::move_to(const Key& key) {
+  const std::string name = this->name();
+  return move_to(key, name);
+}
+
+Status Value::move_to(const Key& key, std::string_view new_name) {
+  Call call(core_);
+  if (!call.writable()) return call.status();
+  if (!(Access::ref(key) == core_)) return Status(Code::invalid_argument, "the key is of another hive");
+  Status why;
+  Ref<ValueObj> v = call.core().valueObject(key_, offset_, why);
+  if (!v) return why;
+  Ref<KeyObj> target = call.core().keyObject(key.offset(), why);
+  if (!target) return why;
+  Platform::Error::clear();
+  if (!target->move(Ref<Interfaces::Config::Hive::Value>(v), Platform::String::fromUtf16(toUtf16(new_name)))) {
+    if (Platform::Error::get() == Errors::MOVE_VALUE_EXISTS || Platform::Error::get() == Errors::VALUE_EXISTS)
+      return Status(Code::already_exists, "a value named " + quoted(new_name) + " exists already");
+    return engineStatus("cannot move the value to " + quoted(new_name), Code::internal);
+  }
+  offset_ = v->offset();
+  key_ = key.offset();
+  return Status();
+}
+
+Status Value::remove() {
+  Call call(core_);
+  if (!call.writable()) return call.status();
+  Status why;
+  Ref<ValueObj> v = call.core().valueObject(key_, offset_, why);
+  if (!v) return why;
+  Ref<KeyObj> key = call.core().keyObject(key_, why);
+  if (!key) return why;
+  Platform::Error::clear();
+  if (!key->deleteValue(Ref<Interfaces::Config::Hive::Value>(v)))
+    return engineStatus("cannot delete the value", Code::internal);
+  *this = Value();
+  return Status();
+}
+
+Key Value::key() const {
+  return core_ ? Access::makeKey(core_, key_) : Key();
+}
+
+Values::iterator Values::begin() {
+  iterator it;
+  it.owner_ = this;
+  it.index_ = static_cast<std::uint32_t>(-1);
+  advance(it);
+  return it;
+}
+
+void Values::advance(iterator& it) {
+  Call call(core_);
+  const u32 end = static_cast<u32>(offsets_.size());
+  u32 i = it.index_ + 1;
+  if (call.ok()) {
+    for (; i < end; ++i) {
+      ValueRecord rec;
+      if (readValueRecord(call.hive(), offsets_[i], rec)) break;
+      ++skipped_;
+    }
+  } else {
+    i = end;
+  }
+  it.index_ = i;
+  it.current_ = i < end ? Access::makeValue(core_, offsets_[i], key_) : Value();
+}
+
+}  // namespace hivekit
