@@ -256,11 +256,19 @@ std::u16string toUtf16(std::string_view text) {
 
 std::string quoted(std::string_view text) {
   constexpr size_t LIMIT = 200;
-  if (text.size() <= LIMIT) return "'" + std::string(text) + "'";
-  // Cut at a character boundary.
-  size_t cut = LIMIT;
-  while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
-  return "'" + std::string(text.substr(0, cut)) + "...'";
+  size_t cut = text.size();
+  if (cut > LIMIT) {
+    // Cut at a character boundary.
+    cut = LIMIT;
+    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
+  }
+  std::string out;
+  out.reserve(cut + 5);
+  out.push_back('\'');
+  out.append(text.substr(0, cut));
+  if (cut < text.size()) out.append("...");
+  out.push_back('\'');
+  return out;
 }
 
 bool splitPath(std::string_view path, std::vector<std::string_view>& parts) {

@@ -87,7 +87,10 @@ std::string Key::path() const {
     at = rec.parent;
   }
   std::string out = broken ? "\\?" : "";
-  for (auto it = names.rbegin(); it != names.rend(); ++it) out += "\\" + toUtf8(*it);
+  for (auto it = names.rbegin(); it != names.rend(); ++it) {
+    out.push_back('\\');
+    out.append(toUtf8(*it));
+  }
   return out.empty() ? "\\" : out;
 }
 
