@@ -94,9 +94,13 @@ Ref<KeyObj> HiveCore::keyObject(u32 offset, Status& why) {
     }
     key = child;
   }
-  if (_recent.size() >= RECENT_OBJECTS) _recent.clear();
-  _recent[offset] = key;
+  remember(key);
   return key;
+}
+
+void HiveCore::remember(const Ref<KeyObj>& key) {
+  if (_recent.size() >= RECENT_OBJECTS) _recent.clear();
+  _recent[key->offset()] = key;
 }
 
 Ref<ValueObj> HiveCore::valueObject(u32 keyOffset, u32 offset, Status& why) {
@@ -244,6 +248,22 @@ Status engineStatus(std::string_view what, Code fallback) {
     message += ": " + Platform::Error::firstNote();
   }
   return Status(codeFor(c, fallback), std::move(message));
+}
+
+Status fileStatus(std::string_view whatView, const std::string& path) {
+  const u32 c = Platform::Error::get();
+  const Code code = codeFor(c, Code::io_error);
+  const std::string what = std::string(whatView) + " " + quoted(path);
+  switch (code) {
+    case Code::file_not_found:
+      return Status(code, what + ": no such file");
+    case Code::permission_denied:
+      return Status(code, what + ": permission denied");
+    case Code::is_directory:
+      return Status(code, what + ": it is a directory");
+    default:
+      return Status(code, what + (systemText(c).empty() ? std::string() : ": " + systemText(c)));
+  }
 }
 
 std::string toUtf8(std::u16string_view units) {

@@ -55,6 +55,11 @@ class HiveCore final : public CoreBase {
   Ref<KeyObj> keyObject(u32 offset, Status& why);
   // The engine's object for the value at `offset` of the key at `key`.
   Ref<ValueObj> valueObject(u32 key, u32 offset, Status& why);
+  // Keeps the object a lookup by path found, so that a change or value
+  // lookup through its handle right after needs no walk up the parent links
+  // (which a key deeper than the tree limit, or one whose links are damaged,
+  // would not survive). Caller holds the monitor.
+  void remember(const Ref<KeyObj>& key);
   // Forgets the objects kept for recent changes.
   void forgetObjects() { _recent.clear(); }
 
@@ -64,8 +69,9 @@ class HiveCore final : public CoreBase {
   std::array<std::string, 3> _logPaths;
   bool _writable;
   std::atomic<bool> _closed{false};
-  // Key objects of recent changes, so that a run of changes to one key
-  // does not walk down from the root each time. Bounded: emptied when full.
+  // Key objects of recent lookups and changes, so that a run of changes to
+  // one key does not walk down from the root each time. Bounded: emptied
+  // when full.
   std::unordered_map<u32, Ref<KeyObj>> _recent;
 };
 
@@ -153,6 +159,9 @@ class Call {
 // error code picks the class (`fallback` when it set none) and its first
 // failure message, when it logged one, follows as the reason.
 Status engineStatus(std::string_view what, Code fallback = Code::corrupt);
+// Why the file at `path` could not be opened, from the system error the
+// engine left: "WHAT 'path': no such file", "...: permission denied", ...
+Status fileStatus(std::string_view what, const std::string& path);
 // The code for an engine or system error code; `fallback` for 0 or one
 // without a class.
 Code codeFor(u32 engineCode, Code fallback);

@@ -87,23 +87,6 @@ bool namedLogs(const std::vector<std::string>& names, std::array<std::string, 3>
   return true;
 }
 
-// Why a file could not be opened, from the system error the stripe left.
-Status fileStatus(const std::string& path, const char* role) {
-  const u32 c = Platform::Error::get();
-  const Code code = codeFor(c, Code::io_error);
-  std::string what = std::string("cannot open ") + role + " " + quoted(path);
-  switch (code) {
-    case Code::file_not_found:
-      return Status(code, what + ": no such file");
-    case Code::permission_denied:
-      return Status(code, what + ": permission denied");
-    case Code::is_directory:
-      return Status(code, what + ": it is a directory");
-    default:
-      return Status(code, what + (systemText(c).empty() ? std::string() : ": " + systemText(c)));
-  }
-}
-
 // The message for an open the engine refused, naming the cause and, for a
 // dirty hive, the ways out.
 Status openStatus(const std::string& path, const std::array<std::string, 3>& logs) {
@@ -120,10 +103,14 @@ Status openStatus(const std::string& path, const std::array<std::string, 3>& log
       return Status(Code::bad_checksum, what + ": the base block's checksum is wrong and no log repairs it");
     case Errors::DIRTY_NO_LOG: {
       const bool anyLog = !logs[0].empty() || !logs[1].empty() || !logs[2].empty();
-      return Status(Code::dirty, what + ": the hive is dirty (its sequence numbers differ) and " +
-                                     (anyLog ? "no log beside it can be applied" : "no transaction log was found") +
-                                     "; open it with accept_dirty (hivekit --dirty) to read it as stored, "
-                                     "or give its logs");
+      // The first failure noted is why the first log was refused.
+      const std::string& why = Platform::Error::firstNote();
+      return Status(Code::dirty,
+                    what + ": the hive is dirty (its sequence numbers differ) and " +
+                        (anyLog ? "none of its logs can be applied" + (why.empty() ? "" : " (" + why + ")")
+                                : std::string("no transaction log was found")) +
+                        "; open it with accept_dirty (hivekit --dirty) to read it as stored, "
+                        "or give its logs");
     }
     case Errors::LOG_UNREADABLE:
       return Status(Code::io_error, what + ": the hive is dirty and one of its logs could not be read");
@@ -159,7 +146,7 @@ Result<Hive> Hive::open(std::string_view pathView, const OpenOptions& options) {
 
   const u32 flags = options.writable ? (FileStripe::Read | FileStripe::Write) : FileStripe::Read;
   Ref<FileStripe> file = FileStripe::open(path, flags);
-  if (!file) return fileStatus(path, "hive");
+  if (!file) return fileStatus("cannot open hive", path);
 
   std::array<std::string, 3> logPaths;
   if (options.logs == Logs::beside) {
@@ -178,7 +165,7 @@ Result<Hive> Hive::open(std::string_view pathView, const OpenOptions& options) {
     if (!log && options.writable) log = FileStripe::open(logPaths[i], FileStripe::Read);
     if (!log) {
       // A log named on purpose must be there; one found beside is optional.
-      if (options.logs == Logs::named) return fileStatus(logPaths[i], "log");
+      if (options.logs == Logs::named) return fileStatus("cannot open log", logPaths[i]);
       logPaths[i].clear();
       continue;
     }
@@ -291,7 +278,11 @@ HiveInfo Hive::info() const {
   if ((hive.mode() & F::modeUnsafe) == 0) {
     // The hbin table grows as records are reached; asking for the last
     // bytes makes it scan to the end.
-    if (info.hive_bins_size >= 5) hive.hbinFromOffset(info.hive_bins_size - 5);
+    if (info.hive_bins_size >= 5 &&
+        hive.hbinFromOffset(info.hive_bins_size - 5) == RegistryHiveObj::INVALID_HBIN) {
+      info.hbins_state = Platform::Error::firstNote();
+      if (info.hbins_state.empty()) info.hbins_state = "a hive bin cannot be read";
+    }
     info.hbin_count = hive.hbinCount();
   }
   info.log_mode = static_cast<LogMode>(static_cast<u32>(hive.logMode()));
@@ -354,7 +345,7 @@ Status Hive::recover(std::string_view pathView) const {
     if (sameFile(log, target)) return Status(Code::invalid_argument, quoted(target) + " is one of the hive's logs");
   Ref<FileStripe> out =
       FileStripe::open(target, FileStripe::Read | FileStripe::Write | FileStripe::Create | FileStripe::Truncate);
-  if (!out) return fileStatus(target, "file");
+  if (!out) return fileStatus("cannot open", target);
   Platform::Error::clear();
   if (!call.hive().writeRecoveredCopy(out) || !out->sync()) {
     Status s = engineStatus("cannot write the recovered copy to " + quoted(target), Code::io_error);

@@ -155,6 +155,7 @@ Result<Key> Key::subkey(std::string_view name) const {
   if (!key) return why;
   Result<Ref<KeyObj>> found = lookup(key, name, std::string(name));
   if (!found) return found.status();
+  call.core().remember(*found);
   return Access::makeKey(core_, (*found)->offset());
 }
 
@@ -175,6 +176,7 @@ Result<Key> Key::key(std::string_view path) const {
     if (!next) return next.status();
     key = std::move(*next);
   }
+  call.core().remember(key);
   return Access::makeKey(core_, key->offset());
 }
 
@@ -314,6 +316,8 @@ Status Key::move_to(const Key& new_parent, std::string_view new_name) {
   if (!target->move(Ref<Interfaces::Config::Hive::Key>(key), engineName(new_name))) {
     if (Platform::Error::get() == Errors::MOVE_NESTED)
       return Status(Code::invalid_argument, "a key cannot be moved below itself");
+    if (Platform::Error::get() == Errors::MOVE_NAME_EXISTS || Platform::Error::get() == Errors::KEY_EXISTS)
+      return Status(Code::already_exists, "a key named " + quoted(new_name) + " exists there already");
     return engineStatus("cannot move key to " + quoted(new_name), Code::internal);
   }
   // A new name may have moved the record; this handle follows it.

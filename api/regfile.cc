@@ -112,7 +112,7 @@ Status export_reg(const Key& key, std::string_view pathView, const ExportOptions
     Platform::Error::clear();
     Ref<FileStripe> file = FileStripe::open(
         path, FileStripe::Read | FileStripe::Write | FileStripe::Create | (append ? 0u : +FileStripe::Truncate));
-    if (!file) return engineStatus("cannot open " + quoted(path) + " for writing", Code::io_error);
+    if (!file) return fileStatus("cannot write to", path);
     // Appending to a new or empty file starts it like any export.
     if (append && file->elementCount() == 0) append = false;
     target = file;
@@ -166,7 +166,7 @@ Status import_reg(Hive& hive, std::string_view pathView, const ImportOptions& op
   } else {
     Platform::Error::clear();
     source = FileStripe::open(path, FileStripe::Read);
-    if (!source) return engineStatus("cannot open " + quoted(path), Code::io_error);
+    if (!source) return fileStatus("cannot open", path);
   }
   return importFrom(hive, source, options, path == "-" ? "standard input" : quoted(path));
 }

@@ -1,83 +1,83 @@
 // hivekit get: one value, shown by its type.
+#include <hivekit/hivekit.h>
+
 #include <cstdio>
 
-#include "cli/commands.h"
-#include "cli/open_hive.h"
-#include "cli/text.h"
-#include "cli/walk.h"
+#include "commands.h"
+#include "open_hive.h"
+#include "text.h"
 
 namespace hivekit::cli {
 namespace {
 
-using namespace Interfaces::Config::Hive;
-
-constexpr u32 MAX_STRING_UNITS = 1u << 24;
-
-// The typed form of the value; false when its data does not fit its type.
-bool typed(const ValueRef& v, u32 type, size_t size, std::string& out) {
-  switch (type) {
-    case ValueTypes::String:
-    case ValueTypes::ExpandString: {
-      Ref<String> s = v->string(MAX_STRING_UNITS);
-      if (!s) return false;
-      appendUtf8(out, s->units());
-      out += '\n';
-      return true;
-    }
-    case ValueTypes::MultiString: {
-      auto list = v->strings(MAX_STRING_UNITS);
-      if (!list) return false;
-      for (const Ref<String>& s : list->items()) {
-        appendUtf8(out, s->units());
-        out += '\n';
-      }
-      return true;
-    }
-    case ValueTypes::Dword:
-    case ValueTypes::DwordBigEndian:
-    case ValueTypes::Qword: {
-      u64 n = v->number();
-      if (n == ~0ull && size != (type == ValueTypes::Qword ? 8u : 4u)) return false;
-      char b[64];
-      std::snprintf(b, sizeof(b), "%llu (0x%llx)\n", static_cast<unsigned long long>(n),
-                    static_cast<unsigned long long>(n));
-      out += b;
-      return true;
-    }
-    default:
-      return false;
-  }
+std::string number(uint64_t n) {
+  char b[64];
+  std::snprintf(b, sizeof(b), "%llu (0x%llx)\n", static_cast<unsigned long long>(n),
+                static_cast<unsigned long long>(n));
+  return b;
 }
 
-bool hasTypedForm(u32 type) {
-  return type == ValueTypes::String || type == ValueTypes::ExpandString || type == ValueTypes::MultiString ||
-         type == ValueTypes::Dword || type == ValueTypes::DwordBigEndian || type == ValueTypes::Qword;
+// The typed form of the value, or why there is none: wrong_type for a type
+// without one, the library's reason when the data does not fit its type.
+Result<std::string> typed(const Value& v, ValueType type) {
+  std::string out;
+  switch (type) {
+    case ValueType::sz:
+    case ValueType::expand_sz: {
+      Result<std::string> s = v.string();
+      if (!s) return s.status();
+      appendEscaped(out, *s, Escape::text);
+      return out + '\n';
+    }
+    case ValueType::multi_sz: {
+      Result<std::vector<std::string>> list = v.multi_string();
+      if (!list) return list.status();
+      for (const std::string& s : *list) {
+        appendEscaped(out, s, Escape::text);
+        out += '\n';
+      }
+      return out;
+    }
+    case ValueType::dword:
+    case ValueType::dword_big_endian: {
+      Result<uint32_t> n = v.dword();
+      if (!n) return n.status();
+      return number(*n);
+    }
+    case ValueType::qword: {
+      Result<uint64_t> n = v.qword();
+      if (!n) return n.status();
+      return number(*n);
+    }
+    default:
+      return Status(Code::wrong_type, "no typed form");
+  }
 }
 
 int runGet(Context& ctx) {
-  OpenedHive h;
-  if (!openHive(ctx, ctx.operand(0), h)) return EXIT_FAILED;
-  ctx.beginOperation();
-  KeyRef root = h.file->root();
-  if (!root) return fail(ctx, "cannot read the root key");
-  KeyRef key = openKeyPath(ctx, root, ctx.operand(1));
-  if (!key) return EXIT_FAILED;
-  std::string name = ctx.operandCount() > 2 ? ctx.operand(2) : "";
-  ctx.beginOperation();
-  ValueRef v = key->value(String::create(name));
-  if (!v) return fail(ctx, name.empty() ? "the key has no default value" : "value not found: " + name);
-
-  u32 type = v->type();
-  std::vector<u8> data;
-  if (!readValueData(v, data)) return fail(ctx, "cannot read the data of the value");
-  std::string out;
-  if (!typed(v, type, data.size(), out)) {
-    if (hasTypedForm(type)) warn("the data does not read as " + typeName(type) + "; showing its bytes");
-    out = hexDump(data.data(), data.size());
+  Hive hive;
+  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
+  Key key;
+  if (!findKey(hive, ctx.operand(1), key)) return EXIT_FAILED;
+  const std::string name = ctx.operandCount() > 2 ? ctx.operand(2) : "";
+  Result<Value> v = key.value(name);
+  if (!v) {
+    if (v.status().code() == Code::value_not_found && name.empty())
+      return fail("value not found: the key has no default value");
+    return fail(v.status());
   }
-  Output o;
-  o.put(out);
-  return o.flush() ? EXIT_OK : failWithCode(ctx, "cannot write to standard output", 0);
+  const ValueType type = v->type();
+  Result<Bytes> data = v->data();
+  if (!data) return fail("cannot read the data of the value", data.status());
+  Result<std::string> text = typed(*v, type);
+  if (!text) {
+    if (type == ValueType::sz || type == ValueType::expand_sz || type == ValueType::multi_sz ||
+        type == ValueType::dword || type == ValueType::dword_big_endian || type == ValueType::qword)
+      warn("the data does not read as " + typeName(type) + " (" + text.status().message() +
+           "); showing its bytes");
+    *text = hexDump(data->data(), data->size());
+  }
+  return print(*text);
 }
 
 }  // namespace

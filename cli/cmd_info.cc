@@ -1,16 +1,16 @@
 // hivekit info: the base block and the layout of a hive.
+#include <hivekit/hivekit.h>
+
 #include <cstdio>
 
-#include "cli/commands.h"
-#include "cli/open_hive.h"
-#include "cli/text.h"
+#include "commands.h"
+#include "open_hive.h"
+#include "text.h"
 
 namespace hivekit::cli {
 namespace {
 
-using namespace Libraries::Files::Hive;
-
-std::string hex(u64 v) {
+std::string hex(uint64_t v) {
   char b[24];
   std::snprintf(b, sizeof(b), "0x%llx", static_cast<unsigned long long>(v));
   return b;
@@ -24,7 +24,7 @@ void line(std::string& out, const char* label, const std::string& value) {
   out += '\n';
 }
 
-const char* fileTypeName(u32 t) {
+const char* fileTypeName(uint32_t t) {
   switch (t) {
     case 0:
       return " (primary)";
@@ -44,98 +44,81 @@ const char* const LOG_LABELS[3] = {".LOG", ".LOG1", ".LOG2"};
 // One log's state: where it was found, its format and sequence numbers,
 // what it holds, whether it can serve recovery (or why not) and how much of
 // it was replayed when the hive was opened.
-std::string logLine(const LogFileInfo& l, const std::string& found) {
-  if (found.empty()) return "none";
-  std::string s = found;
-  if (!l.present()) return s + ": not usable: " + (l.state.empty() ? std::string("not read") : l.state);
-  s += l.newFormat() ? ": new format" : ": old format";
-  s += ", sequence " + std::to_string(l.primarySequence()) + "/" + std::to_string(l.secondarySequence());
-  if (l.newFormat()) {
-    s += ", " + std::to_string(l.entries.size()) + (l.entries.size() == 1 ? " entry" : " entries");
-    if (!l.entries.empty())
-      s += " (" + std::to_string(l.entries.front().sequence()) + ".." +
-           std::to_string(l.entries.back().sequence()) + ")";
+std::string logLine(const LogInfo& l) {
+  if (l.path.empty()) return "none";
+  std::string s = l.path;
+  // A log whose base block was refused (bad signature, checksum, ...) has
+  // nothing more to show than why.
+  const bool read = l.usable || l.new_format || l.primary_sequence || l.secondary_sequence || l.entries;
+  if (!read) return s + ": not usable: " + l.state;
+  s += l.new_format ? ": new format" : ": old format";
+  s += ", sequence " + std::to_string(l.primary_sequence) + "/" + std::to_string(l.secondary_sequence);
+  if (l.new_format) {
+    s += ", " + std::to_string(l.entries) + (l.entries == 1 ? " entry" : " entries");
+    if (l.entries)
+      s += " (" + std::to_string(l.first_sequence) + ".." + std::to_string(l.last_sequence) + ")";
   } else {
-    s += ", " + std::to_string(l.pages.size()) + " dirty pages";
+    s += ", " + std::to_string(l.entries) + " dirty pages";
   }
-  s += l.state.empty() ? ", usable" : ", not usable: " + l.state;
+  s += l.usable ? ", usable" : ", not usable: " + l.state;
   s += ", " + (l.applied ? std::to_string(l.applied) : std::string("none")) + " applied";
   return s;
 }
 
-std::string logModeLine(const RegistryHiveObj& hive) {
-  static const char* const modes[] = {"none", "single log", "dual logs"};
-  u32 mode = static_cast<u32>(hive.logMode());
-  std::string s = mode < 3 ? modes[mode] : std::to_string(mode);
-  if (mode == 0) return s;
-  u32 last = hive.appliedLog();
-  if (last == RegistryHiveObj::NO_LOG) return s + ", nothing applied";
-  if (hive.logFile(last).newFormat())
-    return s + ", entries applied up to sequence " + std::to_string(hive.appliedSequence()) + " (" +
+std::string logModeLine(const HiveInfo& info) {
+  switch (info.log_mode) {
+    case LogMode::none:
+      return "none";
+    case LogMode::single:
+    case LogMode::dual:
+      break;
+  }
+  std::string s = info.log_mode == LogMode::single ? "single log" : "dual logs";
+  const int last = info.applied_log;
+  if (last < 0 || last > 2) return s + ", nothing applied";
+  if (info.logs[last].new_format)
+    return s + ", entries applied up to sequence " + std::to_string(info.applied_sequence) + " (" +
            LOG_LABELS[last] + ")";
   return s + ", dirty pages of " + LOG_LABELS[last] + " applied";
 }
 
 int runInfo(Context& ctx) {
   const std::string& path = ctx.operand(0);
-  OpenedHive h;
-  if (!openHive(ctx, path, h)) return EXIT_FAILED;
-  RegistryHiveObj& hive = *h.hive;
-  const u8* b = hive.header();
+  Hive hive;
+  if (!openHive(ctx, path, hive)) return EXIT_FAILED;
+  const HiveInfo info = hive.info();
   std::string out;
-  u32 primary = L32(b + hive_header::OFS_PRIMARY_SEQ), secondary = L32(b + hive_header::OFS_SECONDARY_SEQ);
-
   line(out, "File:", path);
-  line(out, "Version:", std::to_string(hive.versionMajor()) + "." + std::to_string(hive.versionMinor()));
-  line(out, "Primary sequence:", std::to_string(primary));
-  line(out, "Secondary sequence:", std::to_string(secondary));
-  line(out, "State:", primary == secondary ? "clean" : "dirty (sequence numbers differ)");
-  line(out, "Last written:", fileTimeToIso(L64(b + hive_header::OFS_TIMESTAMP)));
-  u32 type = L32(b + hive_header::OFS_TYPE), format = L32(b + hive_header::OFS_FORMAT);
-  line(out, "File type:", std::to_string(type) + fileTypeName(type));
-  line(out, "File format:", std::to_string(format) + (format == 1 ? " (direct memory load)" : ""));
-  line(out, "Root key offset:", hex(L32(b + hive_header::OFS_ROOT)));
-  u32 length = hive.hiveLength();
-  line(out, "Hive bins data size:", std::to_string(length) + " (" + hex(length) + ")");
-
-  if (hive.mode() & modeUnsafe) {
+  line(out, "Version:", std::to_string(info.major_version) + "." + std::to_string(info.minor_version));
+  line(out, "Primary sequence:", std::to_string(info.primary_sequence));
+  line(out, "Secondary sequence:", std::to_string(info.secondary_sequence));
+  line(out, "State:", info.dirty ? "dirty (sequence numbers differ)" : "clean");
+  line(out, "Last written:", fileTimeToIso(info.timestamp));
+  line(out, "File type:", std::to_string(info.file_type) + fileTypeName(info.file_type));
+  line(out, "File format:",
+       std::to_string(info.file_format) + (info.file_format == 1 ? " (direct memory load)" : ""));
+  line(out, "Root key offset:", hex(info.root_offset));
+  line(out,
+       "Hive bins data size:", std::to_string(info.hive_bins_size) + " (" + hex(info.hive_bins_size) + ")");
+  if (ctx.common.unsafe) {
     line(out, "Hive bins:", "not counted in unsafe mode");
   } else {
-    // The hbin table grows as records are reached; asking for the last
-    // bytes makes it scan to the end.
-    ctx.beginOperation();
-    u32 last = length >= 5 ? hive.hbinFromOffset(length - 5) : RegistryHiveObj::INVALID_HBIN;
-    std::string n = std::to_string(hive.hbinCount());
-    if (length >= 5 && last == RegistryHiveObj::INVALID_HBIN) {
-      n += " (scan stopped early";
-      if (!ctx.diagnostics.messages().empty()) n += ": " + ctx.diagnostics.messages().back();
-      n += ")";
-    }
-    line(out, "Hive bins:", n);
+    line(out, "Hive bins:",
+         std::to_string(info.hbin_count) +
+             (info.hbins_state.empty() ? std::string() : " (scan stopped early: " + info.hbins_state + ")"));
   }
-  line(out, "Clustering factor:", std::to_string(L32(b + hive_header::OFS_CLUSTER)));
-  u32 stored = L32(b + hive_header::OFS_CHECKSUM), computed = calculateHeaderChecksum(b);
+  line(out, "Clustering factor:", std::to_string(info.clustering_factor));
   char sum[80];
-  std::snprintf(sum, sizeof(sum), "0x%08x stored, 0x%08x computed%s", stored, computed,
-                stored == computed ? "" : " (MISMATCH)");
+  std::snprintf(sum, sizeof(sum), "0x%08x stored, 0x%08x computed%s", info.stored_checksum,
+                info.computed_checksum, info.stored_checksum == info.computed_checksum ? "" : " (MISMATCH)");
   line(out, "Checksum:", sum);
-  std::u16string name;
-  for (u32 i = 0; i < hive_header::FILENAME_UNITS; ++i) {
-    char16_t u = static_cast<char16_t>(L16(b + hive_header::OFS_FILENAME + 2 * i));
-    if (!u) break;
-    name.push_back(u);
-  }
-  std::string nameText;
-  appendPrintable(nameText, name);
-  line(out, "File name field:", nameText);
-
-  line(out, "Log mode:", logModeLine(hive));
-  line(out, "Log (.LOG):", logLine(hive.logFile(0), h.logs.primary));
-  line(out, "Log (.LOG1):", logLine(hive.logFile(1), h.logs.log1));
-  line(out, "Log (.LOG2):", logLine(hive.logFile(2), h.logs.log2));
-  Output o;
-  o.put(out);
-  return o.flush() ? EXIT_OK : failWithCode(ctx, "cannot write to standard output", 0);
+  std::string name;
+  appendEscaped(name, info.file_name, Escape::printable);
+  line(out, "File name field:", name);
+  line(out, "Log mode:", logModeLine(info));
+  for (int i = 0; i < 3; ++i)
+    line(out, (std::string("Log (") + LOG_LABELS[i] + "):").c_str(), logLine(info.logs[i]));
+  return print(out);
 }
 
 }  // namespace

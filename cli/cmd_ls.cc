@@ -1,23 +1,23 @@
 // hivekit ls: the subkeys and values of one key.
-#include <algorithm>
+#include <hivekit/hivekit.h>
 
-#include "cli/commands.h"
-#include "cli/open_hive.h"
-#include "cli/text.h"
-#include "cli/walk.h"
-#include "hive/util/util.h"
+#include <algorithm>
+#include <cstdio>
+
+#include "commands.h"
+#include "open_hive.h"
+#include "text.h"
+#include "walk.h"
 
 namespace hivekit::cli {
 namespace {
 
-using namespace Interfaces::Config::Hive;
-
 constexpr size_t PREVIEW_CHARS = 60;
 
-std::string displayName(const Ref<String>& name, bool isValue) {
-  if (isValue && (!name || name->isEmpty())) return "(default)";
+std::string displayName(const std::string& name, bool isValue) {
+  if (isValue && name.empty()) return "(default)";
   std::string s;
-  if (name) appendPrintable(s, name->units());
+  appendEscaped(s, name, Escape::printable);
   return s;
 }
 
@@ -26,38 +26,45 @@ std::string shorten(const std::string& s, size_t chars) {
   size_t i = 0, n = 0;
   while (i < s.size() && n < chars) {
     ++i;
-    while (i < s.size() && (static_cast<u8>(s[i]) & 0xC0) == 0x80) ++i;
+    while (i < s.size() && (static_cast<unsigned char>(s[i]) & 0xC0) == 0x80) ++i;
     ++n;
   }
   return i < s.size() ? s.substr(0, i) + "..." : s;
 }
 
-std::string quoted(const Ref<String>& text) {
+std::string quoted(const std::string& text) {
   std::string s;
   // Line breaks and other controls would break the table.
-  appendPrintable(s, text->units());
+  appendEscaped(s, text, Escape::printable);
   return "\"" + s + "\"";
 }
 
-std::string hexPreview(const std::vector<u8>& data) {
+std::string hexPreview(const Bytes& data) {
   std::string s;
   size_t n = std::min<size_t>(data.size(), 16);
   for (size_t i = 0; i < n; ++i) {
     if (i) s += ' ';
-    appendHexBytes(s, &data[i], 1);
+    appendHexBytes(s, data.data() + i, 1);
   }
   if (data.size() > n) s += " ...";
   return s;
 }
 
-std::string preview(const ValueRef& v, u32 type, const std::vector<u8>& data) {
+std::string number(uint64_t n) {
+  char b[64];
+  std::snprintf(b, sizeof(b), "%llu (0x%llx)", static_cast<unsigned long long>(n),
+                static_cast<unsigned long long>(n));
+  return b;
+}
+
+std::string preview(const Value& v, ValueType type, const Bytes& data) {
   switch (type) {
-    case ValueTypes::String:
-    case ValueTypes::ExpandString:
-      if (Ref<String> s = v->string(1u << 24)) return shorten(quoted(s), PREVIEW_CHARS);
+    case ValueType::sz:
+    case ValueType::expand_sz:
+      if (Result<std::string> s = v.string()) return shorten(quoted(*s), PREVIEW_CHARS);
       break;
-    case ValueTypes::MultiString:
-      if (auto list = v->strings(1u << 24)) {
+    case ValueType::multi_sz:
+      if (Result<std::vector<std::string>> list = v.multi_string()) {
         std::string s;
         for (size_t i = 0; i < list->size(); ++i) {
           if (i) s += ", ";
@@ -67,19 +74,13 @@ std::string preview(const ValueRef& v, u32 type, const std::vector<u8>& data) {
         return shorten(s.empty() ? "(empty list)" : s, PREVIEW_CHARS);
       }
       break;
-    case ValueTypes::Dword:
-    case ValueTypes::DwordBigEndian:
-    case ValueTypes::Qword: {
-      u64 n = v->number();
-      bool sizeFits = data.size() == (type == ValueTypes::Qword ? 8u : 4u);
-      if (n != ~0ull || sizeFits) {
-        char b[64];
-        std::snprintf(b, sizeof(b), "%llu (0x%llx)", static_cast<unsigned long long>(n),
-                      static_cast<unsigned long long>(n));
-        return b;
-      }
+    case ValueType::dword:
+    case ValueType::dword_big_endian:
+      if (Result<uint32_t> n = v.dword()) return number(*n);
       break;
-    }
+    case ValueType::qword:
+      if (Result<uint64_t> n = v.qword()) return number(*n);
+      break;
     default:
       break;
   }
@@ -87,33 +88,30 @@ std::string preview(const ValueRef& v, u32 type, const std::vector<u8>& data) {
 }
 
 int runLs(Context& ctx) {
-  OpenedHive h;
-  if (!openHive(ctx, ctx.operand(0), h)) return EXIT_FAILED;
-  ctx.beginOperation();
-  KeyRef root = h.file->root();
-  if (!root) return fail(ctx, "cannot read the root key");
-  KeyRef key = openKeyPath(ctx, root, ctx.operandCount() > 1 ? ctx.operand(1) : "");
-  if (!key) return EXIT_FAILED;
+  Hive hive;
+  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
+  Key key;
+  if (!findKey(hive, ctx.operandCount() > 1 ? ctx.operand(1) : "", key)) return EXIT_FAILED;
 
-  ctx.beginOperation();
-  std::vector<KeyRef> keys;
-  std::vector<ValueRef> values;
-  size_t badKeys = 0, badValues = 0;
-  listSubkeys(key, keys, badKeys);
-  listValues(key, values, badValues);
+  std::vector<Key> keys;
+  Subkeys subkeys = key.subkeys();
+  for (const Key& k : subkeys) keys.push_back(k);
+  const uint64_t badKeys = subkeys.status().ok() ? subkeys.skipped() : key.subkey_count();
+  std::vector<Value> values;
+  Values valueList = key.values();
+  for (const Value& v : valueList) values.push_back(v);
+  const uint64_t badValues = valueList.status().ok() ? valueList.skipped() : key.value_count();
 
   std::string out;
   std::vector<std::string> names;
   size_t width = 0;
-  for (const KeyRef& k : keys) {
-    names.push_back(displayName(k->name(), false));
+  for (const Key& k : keys) {
+    names.push_back(displayName(k.name(), false));
     width = std::max(width, names.back().size());
   }
   width = std::min<size_t>(width, 40);
   out += "Keys (" + std::to_string(keys.size()) + "):\n";
   for (size_t i = 0; i < keys.size(); ++i) {
-    auto ki = keys[i]->keyIterator();
-    auto vi = keys[i]->valueIterator();
     std::string name = names[i];
     // A long name gets a line of its own, so the columns stay aligned.
     if (name.size() > width) {
@@ -122,31 +120,29 @@ int runLs(Context& ctx) {
     }
     char b[160];
     std::snprintf(b, sizeof(b), "  %-*s  %s  %6u subkeys  %6u values\n", static_cast<int>(width),
-                  name.c_str(), fileTimeToIso(keys[i]->lastWriteTime()).c_str(), ki ? ki->count() : 0,
-                  vi ? vi->count() : 0);
+                  name.c_str(), fileTimeToIso(keys[i].last_write()).c_str(), keys[i].subkey_count(),
+                  keys[i].value_count());
     out += b;
   }
 
   names.clear();
   width = 0;
-  for (const ValueRef& v : values) {
-    names.push_back(displayName(v->name(), true));
+  for (const Value& v : values) {
+    names.push_back(displayName(v.name(), true));
     width = std::max(width, names.back().size());
   }
   width = std::min<size_t>(width, 40);
   out += "Values (" + std::to_string(values.size()) + "):\n";
   size_t typeWidth = 0;
-  for (const ValueRef& v : values) typeWidth = std::max(typeWidth, typeName(v->type()).size());
-  std::vector<u8> data;
+  for (const Value& v : values) typeWidth = std::max(typeWidth, typeName(v.type()).size());
   // A value list may name one large value thousands of times.
-  Libraries::Files::Hive::Util::WalkBudget budget;
-  budget.limitBy(*h.hive);
+  WalkBudget budget(hive, ctx.operand(0));
   size_t shown = 0;
   for (size_t i = 0; i < values.size(); ++i, ++shown) {
-    const ValueRef& v = values[i];
-    u32 type = v->type();
-    bool complete = readValueData(v, data);
-    if (!budget.charge(1, data.size())) break;
+    const Value& v = values[i];
+    const ValueType type = v.type();
+    Result<Bytes> data = v.data();
+    if (!budget.charge(1, data->size())) break;
     std::string name = names[i];
     if (name.size() > width) {
       out += "  " + name + "\n";
@@ -154,22 +150,22 @@ int runLs(Context& ctx) {
     }
     char b[160];
     std::snprintf(b, sizeof(b), "  %-*s  %-*s %8zu  ", static_cast<int>(width), name.c_str(),
-                  static_cast<int>(typeWidth), typeName(type).c_str(), data.size());
+                  static_cast<int>(typeWidth), typeName(type).c_str(), data->size());
     out += b;
-    out += complete ? preview(v, type, data) : "(data unreadable)";
+    out += data.ok() ? preview(v, type, *data) : "(data unreadable)";
     out += '\n';
   }
-  Output o;
-  o.put(out);
-  if (!o.flush()) return failWithCode(ctx, "cannot write to standard output", 0);
+  if (const int status = print(out)) return status;
   if (shown < values.size()) {
     warn("the value list names more data than a hive of its size can hold; " +
          std::to_string(values.size() - shown) + " values not shown");
-    return fail(ctx, "the key's value list is damaged");
+    return fail("the key's value list is damaged");
   }
   if (badKeys || badValues) {
     warn(std::to_string(badKeys) + " subkeys and " + std::to_string(badValues) + " values could not be read");
-    return fail(ctx, "the key's lists are damaged");
+    const Status& why = subkeys.status().ok() ? valueList.status() : subkeys.status();
+    return fail("the key's lists are damaged: " +
+                (why.ok() ? std::string("they name records that cannot be read") : why.message()));
   }
   return EXIT_OK;
 }
@@ -184,7 +180,7 @@ const Command LS_COMMAND = {
     "subkey list: name, last write time (UTC), numbers of subkeys and values; then\n"
     "its values in the order of its value list: name ((default) for the unnamed\n"
     "value), type, data size in bytes, and a short preview of the data.\n"
-    "Control characters, \\ and % in names are shown as %XXXX.\n",
+    "Control characters and unpaired surrogates in names are shown as %XXXX.\n",
     {},
     1,
     2,

@@ -1,60 +1,53 @@
 // hivekit sd: the security descriptors of a hive.
+#include <hivekit/hivekit.h>
+
 #include <cstdio>
 #include <set>
 
-#include "cli/commands.h"
-#include "cli/open_hive.h"
-#include "cli/text.h"
-#include "hive/security/security_descriptor.h"
+#include "commands.h"
+#include "open_hive.h"
+#include "text.h"
 
 namespace hivekit::cli {
 namespace {
 
-using Libraries::Files::Hive::SecurityDescriptorObj;
-
 int runSd(Context& ctx) {
-  OpenedHive h;
-  if (!openHive(ctx, ctx.operand(0), h)) return EXIT_FAILED;
-  ctx.beginOperation();
-  auto it = h.file->securityDescriptorIterator();
-  if (!it) return fail(ctx, "cannot walk the security descriptors");
+  Hive hive;
+  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
+  SecurityDescriptors all = hive.security_descriptors();
   Output out;
-  std::set<u32> seen;
+  std::set<uint32_t> seen;
   size_t count = 0;
   bool damaged = false;
-  while (auto sd = it->next()) {
-    auto obj = sd.cast<SecurityDescriptorObj>();
-    u32 offset = obj ? obj->offset() : 0;
-    // The iterator stops where the circular list closes; a list that
-    // closes somewhere else would otherwise go round for ever.
-    if (obj && !seen.insert(offset).second) {
+  for (const SecurityDescriptor& sd : all) {
+    const uint32_t offset = sd.offset();
+    // The walk stops where the circular list closes; a list that closes
+    // somewhere else would otherwise go round for ever.
+    if (!seen.insert(offset).second) {
       char b[96];
       std::snprintf(b, sizeof(b), "the list of security records returns to 0x%x without closing; stopped",
                     offset);
+      out.flush();
       warn(b);
       damaged = true;
       break;
     }
-    std::vector<u8> bytes = sd->get();
+    Result<Bytes> bytes = sd.bytes();
     char head[160];
-    if (obj) {
-      std::snprintf(head, sizeof(head), "sk 0x%08x  references %u  length %u\n", offset,
-                    obj->referenceCount(), obj->descriptorLength());
-    } else {
-      std::snprintf(head, sizeof(head), "sk ?  length %zu\n", bytes.size());
-    }
+    std::snprintf(head, sizeof(head), "sk 0x%08x  references %u  length %zu\n", offset, sd.reference_count(),
+                  bytes->size());
     out.put(head);
-    if (bytes.empty()) {
-      out.put("  (descriptor unreadable)\n");
+    if (!bytes) {
+      out.put("  (descriptor unreadable: " + bytes.status().message() + ")\n");
       damaged = true;
     }
-    for (size_t i = 0; i < bytes.size(); i += 16) {
+    for (size_t i = 0; i < bytes->size(); i += 16) {
       std::string line = "  ";
       appendHexFixed(line, i, 4);
       line += ' ';
-      for (size_t j = i; j < bytes.size() && j < i + 16; ++j) {
+      for (size_t j = i; j < bytes->size() && j < i + 16; ++j) {
         line += ' ';
-        appendHexBytes(line, &bytes[j], 1);
+        appendHexBytes(line, bytes->data() + j, 1);
       }
       line += '\n';
       out.put(line);
@@ -62,8 +55,9 @@ int runSd(Context& ctx) {
     ++count;
   }
   out.put(std::to_string(count) + " security descriptors\n");
-  if (!out.flush()) return failWithCode(ctx, "cannot write to standard output", 0);
-  if (damaged) return fail(ctx, "some security records are damaged");
+  if (!out.flush()) return out.reportFailure();
+  if (!all.status().ok()) return fail(all.status());
+  if (damaged) return fail("some security records are damaged");
   return EXIT_OK;
 }
 

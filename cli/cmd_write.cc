@@ -1,60 +1,45 @@
 // The commands that change hives: new, mkkey, set, rm, mv, import.
 //
-// Each opens the hive read-write, does its one change and flushes; a
-// failed flush is a failed command.
-#include <sys/stat.h>
+// Each opens the hive read-write, does its one change and closes it, which
+// writes the change; a failed write is a failed command.
+#include <hivekit/hivekit.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 
-#include "cli/commands.h"
-#include "cli/open_hive.h"
-#include "cli/text.h"
-#include "hive/errors.h"
-#include "hive/regfile/reg_file_util.h"
-#include "hive/util/util.h"
-#include "platform/error.h"
-#include "platform/file_stripe.h"
-#include "platform/memory_stripe.h"
+#include "commands.h"
+#include "open_hive.h"
 
 namespace hivekit::cli {
 namespace {
 
-using namespace Interfaces::Config::Hive;
-using Libraries::Files::Hive::RegFileUtil;
-using Libraries::Files::Hive::Util;
-namespace Errors = Libraries::Files::Hive::Errors;
-
-int flushHive(Context& ctx, OpenedHive& h) {
-  ctx.beginOperation();
-  if (!h.file->flush()) return fail(ctx, "cannot write the changes to '" + ctx.operand(0) + "'");
-  return EXIT_OK;
-}
-
-KeyRef rootOf(Context& ctx, OpenedHive& h) {
-  ctx.beginOperation();
-  KeyRef root = h.file->root();
-  if (!root) fail(ctx, "cannot read the root key");
-  return root;
+// Writes the changes and releases the hive.
+int closeHive(Hive& hive) {
+  const Status status = hive.close();
+  return status ? EXIT_OK : fail(status);
 }
 
 // ---- new -------------------------------------------------------------------
 
 int runNew(Context& ctx) {
   const std::string& path = ctx.operand(0);
-  std::string minorText = ctx.args.value("--minor", "5");
+  const std::string minorText = ctx.args.value("--minor", "5");
   if (minorText != "3" && minorText != "5") return usageError(ctx.command, "--minor is 3 or 5");
-  struct stat st;
-  if (!ctx.args.has("--force") && ::stat(path.c_str(), &st) == 0)
-    return failWithCode(ctx, "'" + path + "' exists already (--force replaces it)", Errors::INVALID_ARGUMENT);
-  ctx.beginOperation();
-  Ref<HiveFile> hive = HiveFile::create(String::create(path), minorText == "3" ? 3 : 5, ctx.common.codepage);
-  if (!hive) return fail(ctx, "cannot create a hive in '" + path + "'");
-  ctx.beginOperation();
-  if (!hive->flush()) return fail(ctx, "cannot write '" + path + "'");
-  return EXIT_OK;
+  CreateOptions options;
+  options.minor_version = minorText == "3" ? 3 : 5;
+  options.codepage = ctx.common.codepage;
+  options.overwrite = ctx.args.has("--force");
+  Result<Hive> hive = Hive::create(path, options);
+  if (!hive) {
+    if (hive.status().code() == Code::already_exists)
+      return fail(hive.status().message() + " (--force replaces it)");
+    return fail(hive.status());
+  }
+  return closeHive(*hive);
 }
 
 // ---- mkkey -----------------------------------------------------------------
@@ -63,19 +48,16 @@ int runMkkey(Context& ctx) {
   std::vector<std::string> parts;
   if (!splitKeyPath(ctx.operand(1), parts) || parts.empty())
     return usageError(ctx.command, "KEYPATH must name a key below the root");
-  OpenedHive h;
-  if (!openHive(ctx, ctx.operand(0), h)) return EXIT_FAILED;
-  KeyRef root = rootOf(ctx, h);
-  if (!root) return EXIT_FAILED;
-  ctx.beginOperation();
-  KeyRef key = Util::openOrCreatePath(root, Util::regPathFromWindowsStyle(String::create(ctx.operand(1))));
-  if (!key) return fail(ctx, "cannot create key " + ctx.operand(1));
-  return flushHive(ctx, h);
+  Hive hive;
+  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
+  if (Result<Key> key = hive.root().create_key(libraryPath(ctx.operand(1))); !key)
+    return fail("cannot create key " + ctx.operand(1), key.status());
+  return closeHive(hive);
 }
 
 // ---- set -------------------------------------------------------------------
 
-bool parseUnsigned(const std::string& text, u64 max, u64& out) {
+bool parseUnsigned(const std::string& text, uint64_t max, uint64_t& out) {
   std::string t = text;
   int base = 10;
   if (t.size() > 2 && t[0] == '0' && (t[1] == 'x' || t[1] == 'X')) {
@@ -83,7 +65,7 @@ bool parseUnsigned(const std::string& text, u64 max, u64& out) {
     base = 16;
   }
   if (t.empty() || t.size() > 20) return false;
-  u64 v = 0;
+  uint64_t v = 0;
   for (char c : t) {
     int d;
     if (c >= '0' && c <= '9')
@@ -92,15 +74,15 @@ bool parseUnsigned(const std::string& text, u64 max, u64& out) {
       d = std::tolower(static_cast<unsigned char>(c)) - 'a' + 10;
     else
       return false;
-    if (v > (max - static_cast<u64>(d)) / static_cast<u64>(base)) return false;
-    v = v * static_cast<u64>(base) + static_cast<u64>(d);
+    if (v > (max - static_cast<uint64_t>(d)) / static_cast<uint64_t>(base)) return false;
+    v = v * static_cast<uint64_t>(base) + static_cast<uint64_t>(d);
   }
   out = v;
   return true;
 }
 
 // Hex digits in pairs; blanks, commas and colons between them are ignored.
-bool parseHexBytes(const std::string& text, std::vector<u8>& out) {
+bool parseHexBytes(const std::string& text, std::vector<std::byte>& out) {
   std::string digits;
   for (char c : text) {
     if (std::isxdigit(static_cast<unsigned char>(c)))
@@ -111,41 +93,37 @@ bool parseHexBytes(const std::string& text, std::vector<u8>& out) {
   if (digits.size() % 2) return false;
   out.clear();
   for (size_t i = 0; i < digits.size(); i += 2)
-    out.push_back(static_cast<u8>(std::stoul(digits.substr(i, 2), nullptr, 16)));
+    out.push_back(static_cast<std::byte>(std::stoul(digits.substr(i, 2), nullptr, 16)));
   return true;
 }
 
-enum class Form { Text, TextList, Number32, Number32Be, Number64, Bytes };
+// How DATA is read for a type.
+enum class Form { Text, TextList, Number32, Number64, Bytes };
 
-bool parseType(const std::string& text, u32& type, Form& form) {
-  std::string t = text;
-  std::transform(t.begin(), t.end(), t.begin(), [](unsigned char c) { return std::tolower(c); });
-  if (t.compare(0, 4, "reg_") == 0) t = t.substr(4);
-  struct Known {
-    const char* name;
-    u32 type;
-    Form form;
-  };
-  static const Known known[] = {
-      {"sz", ValueTypes::String, Form::Text},
-      {"expand_sz", ValueTypes::ExpandString, Form::Text},
-      {"multi_sz", ValueTypes::MultiString, Form::TextList},
-      {"dword", ValueTypes::Dword, Form::Number32},
-      {"dword_be", ValueTypes::DwordBigEndian, Form::Number32Be},
-      {"dword_big_endian", ValueTypes::DwordBigEndian, Form::Number32Be},
-      {"qword", ValueTypes::Qword, Form::Number64},
-      {"binary", ValueTypes::Binary, Form::Bytes},
-  };
-  for (const Known& k : known)
-    if (t == k.name) {
-      type = k.type;
-      form = k.form;
-      return true;
-    }
-  u64 n;
-  if (!parseUnsigned(text, 0xffffffffull, n)) return false;
-  type = static_cast<u32>(n);
+// A type given by name has its own form of DATA (hex bytes for the types
+// without one); a type given by number always takes hex bytes.
+bool parseType(const std::string& text, ValueType& type, Form& form) {
+  if (!parse_type(text, type)) return false;
   form = Form::Bytes;
+  if (!text.empty() && std::isdigit(static_cast<unsigned char>(text[0]))) return true;
+  switch (type) {
+    case ValueType::sz:
+    case ValueType::expand_sz:
+      form = Form::Text;
+      break;
+    case ValueType::multi_sz:
+      form = Form::TextList;
+      break;
+    case ValueType::dword:
+    case ValueType::dword_big_endian:
+      form = Form::Number32;
+      break;
+    case ValueType::qword:
+      form = Form::Number64;
+      break;
+    default:
+      break;
+  }
   return true;
 }
 
@@ -171,30 +149,17 @@ void splitLines(const std::string& text, std::vector<std::string>& out) {
   }
 }
 
-// Stores raw bytes under any type: the value passes through the binary
-// type, whose data may always be resized.
-bool writeBytes(const ValueRef& v, u32 type, const std::vector<u8>& bytes) {
-  if (v->type() != ValueTypes::Binary && !v->setType(ValueTypes::Binary)) return false;
-  Ref<Interfaces::Stripe> data = v->binary();
-  if (!data || data->setElementCount(bytes.size()) != bytes.size()) return false;
-  if (!bytes.empty() && data->writeAt(0, bytes.data(), bytes.size()) != bytes.size()) {
-    if (!Platform::Error::get()) Platform::Error::set(Errors::SHORT_WRITE);
-    return false;
-  }
-  return type == ValueTypes::Binary || v->setType(type);
-}
-
 int runSet(Context& ctx) {
-  u32 type;
+  ValueType type;
   Form form;
   if (!parseType(ctx.operand(3), type, form))
     return usageError(ctx.command, "unknown type '" + ctx.operand(3) + "'");
-  bool fromStdin = ctx.args.has("--stdin");
+  const bool fromStdin = ctx.args.has("--stdin");
   std::vector<std::string> data(ctx.args.operands.begin() + 4, ctx.args.operands.end());
   if (fromStdin) {
     if (!data.empty()) return usageError(ctx.command, "DATA comes from standard input with --stdin");
     std::string text;
-    if (!readStdin(text)) return failWithCode(ctx, "cannot read standard input", Platform::Error::IO_ERROR);
+    if (!readStdin(text)) return fail(std::string("cannot read standard input: ") + std::strerror(errno));
     // Text typed or piped in ends with a line break that is not data.
     if (form != Form::Bytes && !text.empty() && text.back() == '\n') {
       text.pop_back();
@@ -206,8 +171,8 @@ int runSet(Context& ctx) {
   if (data.size() > 1 && form != Form::TextList) return usageError(ctx.command, "too many arguments");
 
   // Everything is checked before the hive is opened.
-  std::vector<u8> bytes;
-  u64 number = 0;
+  std::vector<std::byte> bytes;
+  uint64_t number = 0;
   std::vector<std::string> lines;
   switch (form) {
     case Form::Text:
@@ -217,7 +182,6 @@ int runSet(Context& ctx) {
       if (data.size() == 1 && data[0].empty()) lines.clear();  // "" is the empty list
       break;
     case Form::Number32:
-    case Form::Number32Be:
     case Form::Number64:
       if (!parseUnsigned(data[0], form == Form::Number64 ? ~0ull : 0xffffffffull, number))
         return usageError(ctx.command, "'" + data[0] + "' is not a number that fits the type");
@@ -227,61 +191,30 @@ int runSet(Context& ctx) {
         return usageError(ctx.command, "DATA must be hex bytes for this type");
       break;
   }
-  if (form == Form::Number32Be) {
-    bytes = {static_cast<u8>(number >> 24), static_cast<u8>(number >> 16), static_cast<u8>(number >> 8),
-             static_cast<u8>(number)};
-    form = Form::Bytes;
-  }
 
-  OpenedHive h;
-  if (!openHive(ctx, ctx.operand(0), h)) return EXIT_FAILED;
-  KeyRef root = rootOf(ctx, h);
-  if (!root) return EXIT_FAILED;
-  KeyRef key = openKeyPath(ctx, root, ctx.operand(1));
-  if (!key) return EXIT_FAILED;
-  Ref<String> name = String::create(ctx.operand(2));
-  ctx.beginOperation();
-  ValueRef v = key->value(name);
-  if (!v) {
-    // A fresh value of a number type starts with data of the right size.
-    u32 initial = form == Form::Bytes ? ValueTypes::Binary : type;
-    ctx.beginOperation();
-    v = key->createValue(name, initial);
-    if (!v) return fail(ctx, "cannot create value '" + ctx.operand(2) + "'");
-  }
-  ctx.beginOperation();
-  bool ok = false;
-  switch (form) {
-    case Form::Text:
-      ok = (v->type() == type || v->setType(type)) && v->setString(String::create(data[0]));
-      break;
-    case Form::TextList: {
-      auto list = TVector<Ref<String>>::create();
-      for (const std::string& l : lines) list->push_back(String::create(l));
-      ok = (v->type() == type || v->setType(type)) && v->setStrings(list);
-      break;
+  Hive hive;
+  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
+  Key key;
+  if (!findKey(hive, ctx.operand(1), key)) return EXIT_FAILED;
+  const std::string& name = ctx.operand(2);
+  auto set = [&]() -> Result<Value> {
+    switch (form) {
+      case Form::Text:
+        return key.set_string(name, data[0], type);
+      case Form::TextList:
+        return key.set_multi_string(name, lines);
+      case Form::Number32:
+        return key.set_dword(name, static_cast<uint32_t>(number), type);
+      case Form::Number64:
+        return key.set_qword(name, number);
+      case Form::Bytes:
+        break;
     }
-    case Form::Number32:
-    case Form::Number64: {
-      // Through the typed setter when the data has the size already,
-      // else as bytes.
-      u32 width = form == Form::Number64 ? 8 : 4;
-      Ref<Interfaces::Stripe> d = v->binary();
-      if (v->type() == type && d && d->elementCount() == width) {
-        ok = v->setNumber(number);
-      } else {
-        for (u32 i = 0; i < width; ++i) bytes.push_back(static_cast<u8>(number >> (8 * i)));
-        ok = writeBytes(v, type, bytes);
-      }
-      break;
-    }
-    case Form::Bytes:
-    case Form::Number32Be:
-      ok = writeBytes(v, type, bytes);
-      break;
-  }
-  if (!ok) return fail(ctx, "cannot set value '" + ctx.operand(2) + "'");
-  return flushHive(ctx, h);
+    return key.set_value(name, type, bytes);
+  };
+  const Result<Value> done = set();
+  if (!done) return fail("cannot set value '" + name + "'", done.status());
+  return closeHive(hive);
 }
 
 // ---- rm --------------------------------------------------------------------
@@ -289,31 +222,19 @@ int runSet(Context& ctx) {
 int runRm(Context& ctx) {
   std::vector<std::string> parts;
   if (!splitKeyPath(ctx.operand(1), parts)) return usageError(ctx.command, "invalid KEYPATH");
-  bool value = ctx.operandCount() > 2;
+  const bool value = ctx.operandCount() > 2;
   if (parts.empty() && !value) return usageError(ctx.command, "the root key cannot be removed");
-  OpenedHive h;
-  if (!openHive(ctx, ctx.operand(0), h)) return EXIT_FAILED;
-  KeyRef root = rootOf(ctx, h);
-  if (!root) return EXIT_FAILED;
+  Hive hive;
+  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
   if (value) {
-    KeyRef key = openKeyPath(ctx, root, ctx.operand(1));
-    if (!key) return EXIT_FAILED;
-    ctx.beginOperation();
-    ValueRef v = key->value(String::create(ctx.operand(2)));
-    if (!v) return fail(ctx, "value not found: " + ctx.operand(2));
-    ctx.beginOperation();
-    if (!key->deleteValue(v)) return fail(ctx, "cannot delete value '" + ctx.operand(2) + "'");
+    Key key;
+    if (!findKey(hive, ctx.operand(1), key)) return EXIT_FAILED;
+    if (const Status status = key.delete_value(ctx.operand(2)); !status) return fail(status);
   } else {
-    std::string parentPath;
-    for (size_t i = 0; i + 1 < parts.size(); ++i) parentPath += "\\" + parts[i];
-    KeyRef parent = openKeyPath(ctx, root, parentPath);
-    if (!parent) return EXIT_FAILED;
-    KeyRef key = openKeyPath(ctx, parent, parts.back());
-    if (!key) return EXIT_FAILED;
-    ctx.beginOperation();
-    if (!Util::recursiveKeyDelete(parent, key)) return fail(ctx, "cannot delete key " + ctx.operand(1));
+    if (const Status status = hive.root().delete_key(libraryPath(ctx.operand(1)), true); !status)
+      return fail(status);
   }
-  return flushHive(ctx, h);
+  return closeHive(hive);
 }
 
 // ---- mv --------------------------------------------------------------------
@@ -322,48 +243,32 @@ int runMv(Context& ctx) {
   std::vector<std::string> parts;
   if (!splitKeyPath(ctx.operand(1), parts)) return usageError(ctx.command, "invalid KEYPATH");
   if (parts.empty()) return usageError(ctx.command, "the root key cannot be moved");
-  OpenedHive h;
-  if (!openHive(ctx, ctx.operand(0), h)) return EXIT_FAILED;
-  KeyRef root = rootOf(ctx, h);
-  if (!root) return EXIT_FAILED;
-  KeyRef key = openKeyPath(ctx, root, ctx.operand(1));
-  if (!key) return EXIT_FAILED;
-  KeyRef newParent = openKeyPath(ctx, root, ctx.operand(2));
-  if (!newParent) return EXIT_FAILED;
-  Ref<String> newName = ctx.operandCount() > 3 ? String::create(ctx.operand(3)) : key->name();
-  ctx.beginOperation();
-  if (!newParent->move(key, newName)) return fail(ctx, "cannot move key " + ctx.operand(1));
-  return flushHive(ctx, h);
+  Hive hive;
+  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
+  Key key, newParent;
+  if (!findKey(hive, ctx.operand(1), key) || !findKey(hive, ctx.operand(2), newParent)) return EXIT_FAILED;
+  const std::string newName = ctx.operandCount() > 3 ? ctx.operand(3) : key.name();
+  if (const Status status = key.move_to(newParent, newName); !status)
+    return fail("cannot move key " + ctx.operand(1), status);
+  return closeHive(hive);
 }
 
 // ---- import ----------------------------------------------------------------
 
 int runImport(Context& ctx) {
   const std::string& file = ctx.operand(1);
-  std::string prefixText = ctx.args.value("--prefix", "ROOT");
-  Ref<Interfaces::Stripe> source;
-  if (file == "-") {
-    std::string text;
-    if (!readStdin(text)) return failWithCode(ctx, "cannot read standard input", Platform::Error::IO_ERROR);
-    source = Platform::MemoryStripe::create(std::vector<u8>(text.begin(), text.end()));
-  } else {
-    ctx.beginOperation();
-    source = Platform::FileStripe::open(file, Platform::FileStripe::Read);
-    if (!source) return fail(ctx, "cannot open '" + file + "'");
-  }
-  OpenedHive h;
-  if (!openHive(ctx, ctx.operand(0), h)) return EXIT_FAILED;
-  Ref<String> prefix = Util::regPathFromWindowsStyle(String::create(prefixText));
-  auto errors = [](const std::string& line) { std::fprintf(stderr, "hivekit: import: %s\n", line.c_str()); };
-  ctx.beginOperation();
-  if (!RegFileUtil::importRegFile(h.file, source, prefix, errors, ctx.common.verbose)) {
-    u32 code = Platform::Error::get();
-    // What was imported before the failure stays: keep the hive consistent.
-    h.file->flush();
-    return failWithCode(ctx, "import of '" + file + "' failed; what came before the failure was applied",
-                        code);
-  }
-  return flushHive(ctx, h);
+  ImportOptions options;
+  options.prefix = ctx.args.value("--prefix", "ROOT");
+  options.trace = ctx.common.verbose;
+  options.diagnostics = [](std::string_view line) {
+    std::fprintf(stderr, "hivekit: import: %.*s\n", static_cast<int>(line.size()), line.data());
+  };
+  Hive hive;
+  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
+  const Status imported = import_reg(hive, file, options);
+  // What was imported before a failure stays: the hive is written either way.
+  const int closed = closeHive(hive);
+  return imported ? closed : fail(imported);
 }
 
 }  // namespace
@@ -412,7 +317,8 @@ const Command SET_COMMAND = {
     "  qword           a 64-bit number\n"
     "  binary          hex bytes (\"01 02 ff\", \"0102ff\"; blanks, commas, colons ignored)\n"
     "  a number        any type by number (decimal or 0x hex), DATA as hex bytes\n"
-    "REG_SZ-style names are accepted as well.\n"
+    "REG_SZ-style names are accepted as well; the other type names (none, link,\n"
+    "resource_list, ...) take DATA as hex bytes.\n"
     "  --stdin         read DATA from standard input (one final line break is\n"
     "                  dropped for text and number types)\n",
     {{"--stdin", false, false}},

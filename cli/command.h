@@ -1,24 +1,21 @@
 // What every hivekit command shares: its description, the parsed command
-// line, failure reporting with the library's logged reasons, and buffered
-// standard output.
+// line, failure reporting and buffered standard output.
 //
-// Exit status: 0 success, 1 the operation failed (message on standard
+// Exit status: 0 success, 1 the operation failed (its cause on standard
 // error), 2 the command line was wrong (message and usage line).
 #pragma once
 
+#include <hivekit/status.h>
+
+#include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "cli/options.h"
-#include "platform/types.h"
+#include "options.h"
 
 namespace hivekit::cli {
-
-using Platform::u16;
-using Platform::u32;
-using Platform::u64;
-using Platform::u8;
 
 constexpr int EXIT_OK = 0;
 constexpr int EXIT_FAILED = 1;
@@ -38,44 +35,21 @@ struct Command {
   int (*run)(Context&);
 };
 
-// Collects the library's messages of severity 3 and above while the
-// command runs, so a failure can say why. Only the latest few are kept.
-class Diagnostics {
- public:
-  Diagnostics();
-  ~Diagnostics();
-  Diagnostics(const Diagnostics&) = delete;
-  Diagnostics& operator=(const Diagnostics&) = delete;
-  // Forgets what was collected (called before each operation, so a failure
-  // shows the reasons of that operation only).
-  void clear();
-  const std::vector<std::string>& messages() const { return _messages; }
-  size_t dropped() const { return _dropped; }
-
- private:
-  static constexpr size_t KEEP = 24;
-  int _sink;
-  std::vector<std::string> _messages;
-  size_t _dropped = 0;
-};
-
 struct Context {
   const Command* command = nullptr;
   ParsedArgs args;
   CommonOptions common;
-  Diagnostics diagnostics;
 
   const std::string& operand(size_t i) const { return args.operands[i]; }
   size_t operandCount() const { return args.operands.size(); }
-  // Resets the error code and the collected messages before an operation.
-  void beginOperation();
 };
 
-// "hivekit: WHAT (error 0xCODE)" plus the collected reasons, on standard
-// error; returns EXIT_FAILED. The code is the thread's current error code
-// unless given.
-int fail(Context& ctx, const std::string& what);
-int failWithCode(Context& ctx, const std::string& what, Platform::u32 code);
+// "hivekit: MESSAGE" on standard error (after what standard output holds so
+// far); returns EXIT_FAILED. The Status forms print the library's message,
+// which names the cause, after `what` when given.
+int fail(const std::string& message);
+int fail(const Status& status);
+int fail(const std::string& what, const Status& status);
 // "hivekit: MESSAGE", the usage line and a pointer to --help; EXIT_USAGE.
 int usageError(const Command* command, const std::string& message);
 // A warning on standard error that does not change the exit status.
@@ -98,13 +72,15 @@ class Output {
   }
   // False once a write to standard output has failed.
   bool flush();
-  bool failed() const { return _failed; }
+  bool failed() const { return _error != 0; }
+  // "hivekit: cannot write to standard output: REASON"; EXIT_FAILED.
+  int reportFailure() const;
 
  private:
-  bool _failed = false;
+  int _error = 0;  // errno of the failed write
 };
 
-// Writes all bytes to a descriptor, retrying short writes.
-bool writeAll(int fd, const void* data, size_t length);
+// Writes all of `text` to standard output; EXIT_OK, or the failure reported.
+int print(std::string_view text);
 
 }  // namespace hivekit::cli

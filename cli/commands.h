@@ -1,7 +1,7 @@
 // The commands of hivekit, one per cmd_*.cc file.
 #pragma once
 
-#include "cli/command.h"
+#include "command.h"
 
 namespace hivekit::cli {
 

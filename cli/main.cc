@@ -4,12 +4,14 @@
 //
 // Each command is described by a Command record (cli/command.h) in its own
 // file; this file parses the shared part of the command line and runs it.
+#include <hivekit/log.h>
+#include <hivekit/version.h>
+
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "cli/commands.h"
-#include "platform/log.h"
+#include "commands.h"
 
 namespace hivekit::cli {
 namespace {
@@ -45,10 +47,12 @@ const char WRITE_HELP[] =
 void printGeneralHelp(FILE* out) {
   std::fputs(
       "usage: hivekit COMMAND [options] HIVE ...\n"
+      "       hivekit --version\n"
       "Inspect and change Windows registry hive files.\n\nCommands:\n",
       out);
   for (const Command* c : COMMANDS) std::fprintf(out, "  %-8s %s\n", c->name, c->summary);
   std::fputs(
+      "\n  --version  show the version of hivekit\n"
       "\nKEYPATH is backslash-separated (quote it for the shell); a leading \\ is\n"
       "optional and \\ or \"\" is the root key. 'hivekit COMMAND --help' tells more.\n"
       "Exit status: 0 success, 1 failure, 2 usage error.\n",
@@ -66,6 +70,10 @@ int run(int argc, char** argv) {
     return EXIT_USAGE;
   }
   std::string name = argv[1];
+  if (name == "--version") {
+    std::printf("hivekit %.*s\n", static_cast<int>(version().size()), version().data());
+    return EXIT_OK;
+  }
   if (name == "--help" || name == "-h" || name == "help") {
     if (name == "help" && argc > 2) {
       for (const Command* c : COMMANDS)
@@ -99,7 +107,7 @@ int run(int argc, char** argv) {
     return usageError(command, "--dirty and --unsafe are for reading commands only");
   if (ctx.operandCount() < command->minOperands) return usageError(command, "missing arguments");
   if (ctx.operandCount() > command->maxOperands) return usageError(command, "too many arguments");
-  if (ctx.common.verbose) Platform::Log::setStderrLevel(1);
+  if (ctx.common.verbose) set_log(LogLevel::trace);
   return command->run(ctx);
 }
 

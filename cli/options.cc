@@ -1,11 +1,9 @@
-#include "cli/options.h"
+#include "options.h"
 
 #include <algorithm>
 #include <cctype>
 
 namespace hivekit::cli {
-
-using Libraries::Files::Hive::HiveCodepage;
 
 const std::vector<OptionSpec> COMMON_OPTIONS = {
     {"--dirty", false, false},   {"--unsafe", false, false},  {"--codepage", true, false},
@@ -76,17 +74,17 @@ bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpe
   return true;
 }
 
-bool parseCodepage(const std::string& text, HiveCodepage& out) {
+bool parseCodepage(const std::string& text, Codepage& out) {
   std::string t = text;
   std::transform(t.begin(), t.end(), t.begin(), [](unsigned char c) { return std::tolower(c); });
   if (t == "ascii") {
-    out = Libraries::Files::Hive::ascii;
+    out = Codepage::ascii;
   } else if (t == "latin1" || t == "iso-8859-1" || t == "iso8859-1") {
-    out = Libraries::Files::Hive::latin1;
+    out = Codepage::latin1;
   } else if (t == "windows1250" || t == "windows-1250" || t == "cp1250" || t == "1250") {
-    out = Libraries::Files::Hive::windows1250;
+    out = Codepage::windows1250;
   } else if (t == "windows1252" || t == "windows-1252" || t == "cp1252" || t == "1252") {
-    out = Libraries::Files::Hive::windows1252;
+    out = Codepage::windows1252;
   } else {
     return false;
   }

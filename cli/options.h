@@ -3,11 +3,11 @@
 // one-letter options, "-o value". Everything else is an operand.
 #pragma once
 
+#include <hivekit/hive.h>
+
 #include <map>
 #include <string>
 #include <vector>
-
-#include "hive/codepage.h"
 
 namespace hivekit::cli {
 
@@ -31,8 +31,8 @@ struct ParsedArgs {
 // Parses args[0..] against `optionList`. False with a message in `error` for an
 // unknown option, a missing value, a value given to a flag, or an option
 // repeated that may appear only once.
-bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& optionList, ParsedArgs& out,
-               std::string& error);
+bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& optionList,
+               ParsedArgs& out, std::string& error);
 
 // The options every command shares.
 extern const std::vector<OptionSpec> COMMON_OPTIONS;
@@ -43,7 +43,7 @@ struct CommonOptions {
   bool verbose = false;
   bool noLogs = false;
   bool help = false;
-  Libraries::Files::Hive::HiveCodepage codepage = Libraries::Files::Hive::latin1;
+  Codepage codepage = Codepage::latin1;
   std::vector<std::string> logs;  // --log, in order
 };
 
@@ -53,6 +53,6 @@ bool readCommonOptions(const ParsedArgs& parsed, CommonOptions& out, std::string
 
 // "ascii", "latin1", "windows1250", "windows1252" (also "1250", "1252",
 // "cp1252", any case).
-bool parseCodepage(const std::string& text, Libraries::Files::Hive::HiveCodepage& out);
+bool parseCodepage(const std::string& text, Codepage& out);
 
 }  // namespace hivekit::cli

@@ -1,23 +1,34 @@
-// Enumerating the subkeys and values of a key in list order.
+// A limit on the work of a listing, by the size of the hive.
 //
-// A damaged list may hold entries that cannot be read; those are skipped
-// and counted, so a listing shows everything that can be read.
+// Damaged lists can name the same keys and values over and over (a value
+// list naming one large value thousands of times, subkey lists that each
+// name the next key twice): a listing stops once it has read more keys,
+// values or data than a hive of its size can hold.
 #pragma once
 
-#include <vector>
+#include <hivekit/hive.h>
 
-#include "cli/open_hive.h"
+#include <cstdint>
+#include <string>
 
 namespace hivekit::cli {
 
-// Subkeys in the order of the key's subkey list; `unreadable` counts the
-// positions skipped.
-void listSubkeys(const KeyRef& key, std::vector<KeyRef>& out, size_t& unreadable);
-// Values in the order of the key's value list.
-void listValues(const KeyRef& key, std::vector<ValueRef>& out, size_t& unreadable);
+class WalkBudget {
+ public:
+  // L, the larger of the hive bins size and the size of the file at `path`,
+  // allows L/8 + 4096 keys and values and 2L + 1 MiB bytes of their data.
+  WalkBudget(const Hive& hive, const std::string& path);
+  // Counts `items` keys or values and `bytes` of their data; false once the
+  // walk has gone past the budget.
+  bool charge(uint64_t items, uint64_t bytes = 0) {
+    _items += items;
+    _bytes += bytes;
+    return _items <= _maxItems && _bytes <= _maxBytes;
+  }
 
-// All of a value's data, read through its binary stripe. False (with what
-// could be read) when the stripe is missing or a read comes back short.
-bool readValueData(const ValueRef& value, std::vector<u8>& out);
+ private:
+  uint64_t _items = 0, _bytes = 0;
+  uint64_t _maxItems, _maxBytes;
+};
 
 }  // namespace hivekit::cli

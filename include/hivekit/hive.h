@@ -101,6 +101,9 @@ struct HiveInfo {
   std::uint32_t root_offset = 0;
   std::uint32_t hive_bins_size = 0;  // bytes of hive bins after the base block
   std::uint32_t hbin_count = 0;      // 0 when not counted (in_memory opens)
+  // Why counting stopped before the end of the hive bins data (a damaged
+  // hive bin header); "" when it reached the end, or did not count.
+  std::string hbins_state;
   std::uint32_t clustering_factor = 0;
   std::uint32_t stored_checksum = 0, computed_checksum = 0;
   std::string file_name;  // the base block's file name field (printable as stored)
