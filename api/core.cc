@@ -123,7 +123,7 @@ Ref<ValueObj> HiveCore::valueObject(u32 keyOffset, u32 offset, Status& why) {
   return nullptr;
 }
 
-Call::Call(const CoreRef& ref) : _core(Access::core(ref)) {
+Call::Call(const CoreRef& ref, Guard guard) : _core(Access::core(ref)) {
   if (!_core) {
     _status = Status(Code::invalid_handle, "null handle");
     return;
@@ -132,8 +132,10 @@ Call::Call(const CoreRef& ref) : _core(Access::core(ref)) {
     _status = Status(Code::closed, "the hive '" + _core->path() + "' was closed");
     return;
   }
-  _core->hive().mon()->lock();
-  _locked = true;
+  if (guard == Guard::objects || _core->writable()) {
+    _core->hive().mon()->lock();
+    _locked = true;
+  }
   Platform::Error::clear();
 }
 

@@ -99,6 +99,13 @@ class Access {
     return v;
   }
   static u32 offsetOf(const Value& v) { return v.offset_; }
+  // Bytes that point into the hive's records, keeping the hive alive.
+  static Bytes viewBytes(const CoreRef& core, const u8* data, u32 size) {
+    Bytes b;
+    b.view_ = std::span<const std::byte>(reinterpret_cast<const std::byte*>(data), size);
+    b.keep_ = core;
+    return b;
+  }
   static void reset(Value& v) { v = Value(); }
   static Subkeys makeSubkeys(const CoreRef& core, std::vector<u32> offsets, Status status) {
     Subkeys s;
@@ -131,11 +138,18 @@ class Access {
   }
 };
 
-// Checks a handle and holds its hive's monitor for one call. Clears the
-// thread's engine error first, so a failure reports only this call's cause.
+// Checks a handle and guards one call. Clears the thread's engine error
+// first, so a failure reports only this call's cause.
+//
+// A writable hive is held under its monitor for the call. A read-only
+// hive's records never change after the open, so calls that only read
+// records take no lock and threads read it side by side; a call that uses
+// the engine's key or value objects, or the state HiveCore keeps, asks for
+// Guard::objects and takes the monitor whatever the hive.
 class Call {
  public:
-  explicit Call(const CoreRef& ref);
+  enum class Guard { records, objects };
+  explicit Call(const CoreRef& ref, Guard guard = Guard::records);
   ~Call() {
     if (_locked) _core->hive().mon()->unlock();
   }

@@ -4,15 +4,20 @@
 #include "api/value_data.h"
 #include "hive/errors.h"
 #include "hive/key/key_record.h"
+#include "hive/key/subkey_search.h"
 #include "hive/util/util.h"
+#include "hive/value/value_record.h"
 #include "platform/string.h"
 
 namespace hivekit {
 
 using namespace detail;
 using Libraries::Files::Hive::KeyRecord;
+using Libraries::Files::Hive::SubkeyEntry;
 using Libraries::Files::Hive::SubkeyList;
+using Libraries::Files::Hive::SubkeySearch;
 using Libraries::Files::Hive::Util;
+using Libraries::Files::Hive::ValueRecord;
 using Platform::String;
 namespace Errors = Libraries::Files::Hive::Errors;
 
@@ -46,6 +51,75 @@ Result<Ref<KeyObj>> lookup(const Ref<KeyObj>& key, std::string_view name, const 
   if (Platform::Error::get() == Errors::KEY_NOT_FOUND || Platform::Error::get() == 0)
     return Status(Code::key_not_found, "key not found: " + quoted(walked));
   return engineStatus("cannot look up " + quoted(walked), Code::corrupt);
+}
+
+// A read-only hive is searched in its records, with the engine's one search
+// and its one reading of names, but without a key object per level: the
+// entries of one subkey list as the search reads them.
+class RecordNames final : public Libraries::Files::Hive::SubkeyNames {
+ public:
+  RecordNames(RegistryHiveObj& hive, const std::vector<SubkeyEntry>& entries) : _hive(hive), _entries(entries) {}
+  bool compare(u32 index, const std::u16string& upcased, int& order) override {
+    return compareKeyName(_hive, _entries[index].offset, upcased, order);
+  }
+  // As a key object made for the entry would name it.
+  bool name(u32 index, Ref<String>& out) override {
+    KeyRecord rec;
+    if (!readKeyRecord(_hive, _entries[index].offset, rec)) return false;
+    std::u16string name;
+    readKeyName(_hive, rec, name);
+    out = String::fromUtf16(std::move(name));
+    return true;
+  }
+
+ private:
+  RegistryHiveObj& _hive;
+  const std::vector<SubkeyEntry>& _entries;
+};
+
+// The subkey `name` of the key at `parent` of a read-only hive, as
+// lookup() finds it through the key objects of a writable one.
+Result<u32> lookupInRecords(RegistryHiveObj& hive, u32 parent, std::string_view name, const std::string& walked) {
+  Platform::Error::clear();
+  KeyRecord rec;
+  SubkeyList list;
+  if (!readKeyRecord(hive, parent, rec) || !loadSubkeyList(hive, rec, list))
+    return engineStatus("cannot look up " + quoted(walked), Code::corrupt);
+  RecordNames names(hive, list.entries);
+  u32 position = 0;
+  const u32 count = rec.numKeys == 0 ? 0 : static_cast<u32>(list.entries.size());
+  if (binaryFindSubkey(hive, parent, count, engineName(name), names, position) == SubkeySearch::found) {
+    KeyRecord found;
+    if (readKeyRecord(hive, list.entries[position].offset, found)) return found.offset;
+    HK_LOG(Libraries::Files::Hive::hiveLog, 4) << "Failed to open sub key for binary search. key: " << parent;
+  }
+  if (Platform::Error::get() == Errors::KEY_NOT_FOUND || Platform::Error::get() == 0)
+    return Status(Code::key_not_found, "key not found: " + quoted(walked));
+  return engineStatus("cannot look up " + quoted(walked), Code::corrupt);
+}
+
+// The value `name` of the key at `key` of a read-only hive, as
+// KeyObj::value finds it: the first in list order whose record makes a
+// value and whose name equals it, letter case aside.
+Result<u32> valueInRecords(RegistryHiveObj& hive, u32 key, std::string_view name) {
+  KeyRecord rec;
+  std::vector<u32> offsets;
+  if (!readKeyRecord(hive, key, rec)) return engineStatus("cannot read the key", Code::corrupt);
+  if (!loadValueList(hive, rec, offsets)) return engineStatus("cannot look up value " + quoted(name), Code::corrupt);
+  const Ref<String> sought = engineName(name)->upper();
+  std::u16string upcased(sought->units());
+  for (char16_t& c : upcased) c = String::upcase(c);
+  for (u32 vk : offsets) {
+    int order = 0;
+    if (compareValueName(hive, vk, upcased, order) && order != 0) continue;
+    ValueRecord value;
+    std::u16string valueName;
+    if (!readValueRecord(hive, vk, value)) continue;
+    readValueName(hive, value, valueName);
+    for (char16_t& c : valueName) c = String::upcase(c);
+    if (valueName == sought->units()) return vk;
+  }
+  return Status(Code::value_not_found, "value not found: " + quoted(name));
 }
 
 // Deletes the keys this call created, deepest first (a failed create_key
@@ -150,6 +224,11 @@ Result<Key> Key::subkey(std::string_view name) const {
   if (name.empty()) return Status(Code::invalid_argument, "empty key name");
   Call call(core_);
   if (!call.ok()) return call.status();
+  if (!call.core().writable()) {
+    Result<u32> found = lookupInRecords(call.hive(), offset_, name, std::string(name));
+    if (!found) return found.status();
+    return Access::makeKey(core_, *found);
+  }
   Status why;
   Ref<KeyObj> key = call.core().keyObject(offset_, why);
   if (!key) return why;
@@ -165,10 +244,21 @@ Result<Key> Key::key(std::string_view path) const {
   std::vector<std::string_view> parts;
   if (!splitPath(path, parts)) return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
   if (parts.empty()) return *this;
+  std::string walked;
+  if (!call.core().writable()) {
+    u32 at = offset_;
+    for (std::string_view part : parts) {
+      walked += walked.empty() ? "" : "\\";
+      walked += part;
+      Result<u32> next = lookupInRecords(call.hive(), at, part, walked);
+      if (!next) return next.status();
+      at = *next;
+    }
+    return Access::makeKey(core_, at);
+  }
   Status why;
   Ref<KeyObj> key = call.core().keyObject(offset_, why);
   if (!key) return why;
-  std::string walked;
   for (std::string_view part : parts) {
     walked += walked.empty() ? "" : "\\";
     walked += part;
@@ -194,6 +284,11 @@ Result<Key> Key::parent() const {
 Result<Value> Key::value(std::string_view name) const {
   Call call(core_);
   if (!call.ok()) return call.status();
+  if (!call.core().writable()) {
+    Result<u32> found = valueInRecords(call.hive(), offset_, name);
+    if (!found) return found.status();
+    return Access::makeValue(core_, *found, offset_);
+  }
   Status why;
   Ref<KeyObj> key = call.core().keyObject(offset_, why);
   if (!key) return why;

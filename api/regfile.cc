@@ -64,7 +64,7 @@ struct Reporter {
 
 Status exportTo(const Key& key, const Ref<Interfaces::Stripe>& target, const ExportOptions& options,
                 bool append, const std::string& where) {
-  Call call(Access::ref(key));
+  Call call(Access::ref(key), Call::Guard::objects);
   if (!call.ok()) return call.status();
   Status why;
   Ref<KeyObj> obj = call.core().keyObject(key.offset(), why);

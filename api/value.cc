@@ -74,11 +74,12 @@ std::uint32_t Value::size() const {
 }
 
 Result<Bytes> Value::data() const {
-  u32 type = 0;
-  std::vector<std::byte> data;
+  Call call(core_);
+  if (!call.ok()) return call.status();
+  Bytes data;
   Status why;
-  if (!typedData(core_, offset_, type, data, why)) return Result<Bytes>(Bytes(std::move(data)), std::move(why));
-  return Bytes(std::move(data));
+  if (!readValueBytes(core_, call.hive(), offset_, data, why)) return Result<Bytes>(std::move(data), std::move(why));
+  return data;
 }
 
 Result<std::string> Value::string() const {

@@ -6,6 +6,7 @@
 
 namespace hivekit::detail {
 
+using Libraries::Files::Hive::ValueDataPlace;
 using Libraries::Files::Hive::ValueExtents;
 using Libraries::Files::Hive::ValueRecord;
 namespace Errors = Libraries::Files::Hive::Errors;
@@ -34,6 +35,34 @@ bool readValue(RegistryHiveObj& hive, u32 offset, u32& type, std::vector<std::by
     return false;
   }
   return true;
+}
+
+bool readValueBytes(const CoreRef& core, RegistryHiveObj& hive, u32 offset, Bytes& out, Status& why) {
+  if (hive.recordsStable()) {
+    ValueRecord rec;
+    if (!readValueRecord(hive, offset, rec)) {
+      why = engineStatus("cannot read the value", Code::corrupt);
+      out = Bytes();
+      return false;
+    }
+    const u8* data = nullptr;
+    switch (locateValueData(hive, rec, data)) {
+      case ValueDataPlace::inPlace:
+        out = Access::viewBytes(core, data, rec.dataSize);
+        return true;
+      case ValueDataPlace::damaged:
+        why = engineStatus("cannot read the value's data", Code::corrupt);
+        out = Bytes();
+        return false;
+      case ValueDataPlace::fragments:
+        break;
+    }
+  }
+  u32 type = 0;
+  std::vector<std::byte> data;
+  const bool ok = readValue(hive, offset, type, data, why);
+  out = Bytes(std::move(data));
+  return ok;
 }
 
 namespace {

@@ -16,6 +16,12 @@ namespace hivekit::detail {
 // is damaged; `data` then holds what could be read.
 bool readValue(RegistryHiveObj& hive, u32 offset, u32& type, std::vector<std::byte>& data, Status& why);
 
+// The value's data as Value::data() gives it: where the hive's records
+// cannot change (a read-only hive) and the data lies in one piece, a view
+// into the records that keeps the hive alive; else a copy. False with
+// `why` set when a record is damaged; `out` then holds what could be read.
+bool readValueBytes(const CoreRef& core, RegistryHiveObj& hive, u32 offset, Bytes& out, Status& why);
+
 // Byte layouts of the typed setters.
 std::vector<std::byte> encodeString(std::string_view text, ValueType type);
 std::vector<std::byte> encodeMultiString(std::span<const std::string> strings);

@@ -1,6 +1,6 @@
-// Flushing: dirty hbins of the record cache reach the hive file (or, in a
-// log mode, the current log) here, and the base block is rewritten when
-// the file grows.
+// Flushing: the hbins changed since the last flush reach the hive file (or,
+// in a log mode, the current log) here, and only here (write-through mode
+// aside), and the base block is rewritten when the file grows.
 #include <cstring>
 #include <vector>
 
@@ -27,8 +27,8 @@ bool RegistryHiveObj::internalFlush() {
   // here.
   if (_mode & (modeReadOnly | modeUnsafe)) return true;
   std::vector<u32> dirty;
-  for (u32 slot = 0; slot < _cachedHbins.size(); ++slot)
-    if (_cachedHbins[slot].dirty) dirty.push_back(slot);
+  for (u32 i = 0; i < _dirty.size(); ++i)
+    if (_dirty[i]) dirty.push_back(i);
   if (_logMode != LogMode::None) return dirty.empty() || flushToLog(dirty);
   if (dirty.empty() && std::memcmp(_diskHeader, _header, hive_header::SIZE) == 0) return true;
 
@@ -39,9 +39,8 @@ bool RegistryHiveObj::internalFlush() {
   const u32 onDisk = L32(_diskHeader + hive_header::OFS_LENGTH);
   auto writeHbins = [&](bool beyondDisk) {
     bool ok = true;
-    for (u32 slot : dirty) {
-      CachedHbin& cached = _cachedHbins[slot];
-      const HbinEntry& hbin = _hbins[cached.hbinIdx];
+    for (u32 index : dirty) {
+      const HbinEntry& hbin = _hbins[index];
       if ((hbin.offset >= onDisk) != beyondDisk) continue;
       const u64 filePosition = u64{HIVE_HEADER_SIZE} + hbin.offset;
       if (_stripe->seek(filePosition) != filePosition) {
@@ -49,13 +48,13 @@ bool RegistryHiveObj::internalFlush() {
         ok = false;
         continue;
       }
-      if (_stripe->write(_cache + cached.place, hbin.size) != hbin.size) {
-        HK_LOG(hiveLog, 4) << "Failed to flush hbin: " << cached.hbinIdx << " offset: " << hbin.offset
+      if (_stripe->write(hbinData(index), hbin.size) != hbin.size) {
+        HK_LOG(hiveLog, 4) << "Failed to flush hbin: " << index << " offset: " << hbin.offset
                            << "; error: " << Log::hex(Error::get());
         ok = false;
         continue;
       }
-      cached.dirty = 0;
+      _dirty[index] = 0;
     }
     return ok;
   };
@@ -70,20 +69,19 @@ bool RegistryHiveObj::internalFlush() {
 // In a log mode the dirty hbins become one entry of the current log, which
 // maps them so that later reads of those hbins see the log's copy; the hive
 // file is not touched.
-bool RegistryHiveObj::flushToLog(const std::vector<u32>& dirtySlots) {
+bool RegistryHiveObj::flushToLog(const std::vector<u32>& dirtyHbins) {
   if (!currentLogFile()) {
     HK_LOG(hiveLog, 4) << "No log file applicable despite the log mode saying so";
     return false;
   }
   std::vector<LogPage> pages;
-  pages.reserve(dirtySlots.size());
-  for (u32 slot : dirtySlots) {
-    const CachedHbin& cached = _cachedHbins[slot];
-    const HbinEntry& hbin = _hbins[cached.hbinIdx];
-    pages.push_back(LogPage{hbin.offset, hbin.size, _cache + cached.place});
+  pages.reserve(dirtyHbins.size());
+  for (u32 index : dirtyHbins) {
+    const HbinEntry& hbin = _hbins[index];
+    pages.push_back(LogPage{hbin.offset, hbin.size, hbinData(index)});
   }
   if (!appendLogEntry(pages)) return false;
-  for (u32 slot : dirtySlots) _cachedHbins[slot].dirty = 0;
+  for (u32 index : dirtyHbins) _dirty[index] = 0;
   return true;
 }
 

@@ -2,10 +2,10 @@
 //
 // Free space is tracked per hbin (its largest free record); allocation is
 // first fit over the hbin table in file order (found through _freeIndex, so
-// its cost does not grow with the number of hbins), and the file grows by
-// one appended hbin when nothing fits. writeHBIN is the only place where bytes
-// reach an hbin: into the cache (written out by the next flush) or, in
-// write-through mode, into the file at once. These run for every record
+// its cost does not grow with the number of hbins), and the hive grows by
+// one appended hbin when nothing fits. writeHBIN is the only place where
+// bytes reach an hbin: into the resident hbin, marked dirty for the next
+// flush, and, in write-through mode, into the file at once. These run for every record
 // touched, so they test the mode before calling refuseUnsafe.
 #include <algorithm>
 #include <cstring>
@@ -57,17 +57,15 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   };
   if (firstFit(0)) return record;
 
-  // Hbins not yet read may have room.
+  // The table ends before the hive bins data when an hbin header failed
+  // its checks at open: the hive cannot grow past such an hbin.
   const u32 hiveBins = hiveLength();
   const u64 knownEnd = _hbins.empty() ? 0 : u64{_hbins.back().offset} + _hbins.back().size;
   if (knownEnd < hiveBins) {
-    const size_t known = _hbins.size();
-    if (hiveBins < 5 || hbinFromOffset(hiveBins - 5) == INVALID_HBIN) {
-      HK_LOG(hiveLog, 4) << "Failed to read the remaining hbins while allocating " << length << " bytes";
-      Error::set(Errors::ALLOCATION_FAILED);
-      return INVALID_RECORD;
-    }
-    if (firstFit(known)) return record;
+    if (hiveBins >= 5) hbinFromOffset(hiveBins - 5);  // logs why
+    HK_LOG(hiveLog, 4) << "Failed to read the remaining hbins while allocating " << length << " bytes";
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
   }
 
   // Grow the file by one hbin that holds the record and the hbin header.
@@ -76,6 +74,10 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   const u64 fileEnd = u64{HIVE_HEADER_SIZE} + H + S;
   if (fileEnd > 0xffffffffull || _hbins.empty()) {
     HK_LOG(hiveLog, 4) << "Hive cannot grow by " << S << " bytes beyond " << H;
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
+  }
+  if (!reserveBins(H + S)) {
     Error::set(Errors::ALLOCATION_FAILED);
     return INVALID_RECORD;
   }
@@ -100,8 +102,7 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
     return INVALID_RECORD;
   }
   // A new hbin whose header cannot be put in place is taken out of the
-  // table again, so the table never holds an hbin that is neither cached
-  // nor in the file; the base block in memory counts it only after that.
+  // table again; the base block in memory counts it only after that.
   // The base block that counts it reaches the file only after the hbin
   // itself (at the next flush, or below in write-through mode), so a
   // failure in between never leaves a file whose length names bytes that
@@ -175,7 +176,7 @@ u32 RegistryHiveObj::getFreeSpaceBehindRecord(u32 offset, bool recordIsFree) {
 }
 
 u32 RegistryHiveObj::freeSpaceBehind(u32 hbin, const hive_record* record, u32 offset, bool recordIsFree) {
-  const u8* hb_ptr = _cache + _cachedHbins[_cacheSlot[hbin]].place;
+  const u8* hb_ptr = hbinData(hbin);
   const u8* rec_ptr = record->bytes();
   const u32 hb_size = _hbins[hbin].size;
   const u32 rec_size = record->length();
@@ -208,18 +209,18 @@ void RegistryHiveObj::setFreeSize(u32 hbinIdx, u32 freeSize, u32 freeOffset) {
 
 bool RegistryHiveObj::updateFreeSpace(u32 hbin_idx) {
   HK_ASSERT(hiveLog, hbin_idx < _hbins.size(), false);
-  const u64 place = cacheLoadHbin(hbin_idx);
-  if (place == INVALID_CACHE_OFFSET) return false;
-  const u8* hbin = _cache + place;
+  const u8* hbin = hbinData(hbin_idx);
   const u32 size = L32(hbin + hive_hbin::OFS_SIZE);
   HK_ASSERT(hiveLog, size == _hbins[hbin_idx].size, false);
   u32 best = 0, bestOffset = 0;
   // A sound hbin (every size a non-zero multiple of 8) has its free records
   // in the record-start index: look only at those.
-  const RecordStarts& starts = recordStarts(hbin_idx, hbin);
+  recordStartsReady(hbin_idx);
+  const RecordStarts& starts = _recordStarts[hbin_idx];
+  const Bits free = freeBits(hbin_idx);
   if (size > hive_hbin::SIZE + 4 && !starts.offGrid && starts.zeroAt >= size) {
-    for (size_t word = 0; word < starts.free.size(); ++word) {
-      for (u64 bits = starts.free[word]; bits != 0; bits &= bits - 1) {
+    for (size_t word = 0; word < free.count; ++word) {
+      for (u64 bits = free.words[word]; bits != 0; bits &= bits - 1) {
         const u64 pos = (word * 64 + static_cast<u64>(__builtin_ctzll(bits))) * hive_hbin::RECORD_ALIGNMENT;
         const u32 length = static_cast<u32>(LS32(hbin + pos));
         if (length > best && pos + length <= size) {
@@ -303,8 +304,8 @@ u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* a
     return offset;
   }
 
-  // Move: the payload is copied out first, since allocating may empty the
-  // cache under the record pointer.
+  // Move: the payload is copied out first, since allocating may append an
+  // hbin and move the buffer under the record pointer.
   std::vector<u8> payload;
   if (copyData) payload.assign(record->bytes() + 4, record->bytes() + recordSize);
   const u32 moved = allocateRecord(length);
@@ -362,8 +363,7 @@ bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data
   }
   if ((_mode & modeUnsafe) && refuseUnsafe("writeHBIN")) return false;
   HK_ASSERT(hiveLog, hbin_idx < _hbins.size(), false);
-  const u64 place = cacheLoadHbin(hbin_idx);
-  if (place == INVALID_CACHE_OFFSET) return false;
+  HK_ASSERT(hiveLog, _binsMem, false);
   const HbinEntry& entry = _hbins[hbin_idx];
   if (u64{offsetInHbin} + length > entry.size) {
     HK_LOG(hiveLog, 4) << "Write exceeds hbin, hbin: " << entry.offset << " offset: " << offsetInHbin
@@ -371,20 +371,14 @@ bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data
     return false;
   }
   noteHbinWrite(hbin_idx, offsetInHbin, length);
-  std::memcpy(_cache + place + offsetInHbin, data, length);
-  const u32 slot = _cacheSlot[hbin_idx];
-  if (slot == NOT_CACHED || slot >= _cachedHbins.size()) {
-    HK_LOG(hiveLog, 4) << "Modified hbin was not found in cache list, hbin: " << entry.offset
-                       << " record: " << entry.offset + offsetInHbin;
-    return false;
-  }
+  std::memcpy(_binsMem->map() + entry.offset + offsetInHbin, data, length);
   if ((_mode & modeWriteThrough) == 0) {
-    _cachedHbins[slot].dirty = 1;
+    _dirty[hbin_idx] = 1;
     return true;
   }
 
   // Write-through. A write that fails leaves the hbin to the next flush,
-  // as without write-through: the change stands in the cache, so the
+  // as without write-through: the change stands in memory, so the
   // operation that made it completes and the hive stays whole, and the
   // flush writes the hbin again (and reports if it cannot). Failing the
   // write here would leave callers half way through a change.
@@ -392,15 +386,15 @@ bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data
   const u64 filePosition = u64{HIVE_HEADER_SIZE} + entry.offset + offsetInHbin;
   if (_stripe->seek(filePosition) != filePosition) {
     HK_LOG(hiveLog, 4) << "Failed to seek to data position: " << filePosition;
-    _cachedHbins[slot].dirty = 1;
+    _dirty[hbin_idx] = 1;
   } else if (_stripe->write(data, length) != length) {
     HK_LOG(hiveLog, 4) << "Failed to write data of record: " << entry.offset + offsetInHbin
                        << "; error: " << Log::hex(Error::get()) << "; left to the next flush";
-    _cachedHbins[slot].dirty = 1;
+    _dirty[hbin_idx] = 1;
   } else if (_sync && !_sync()) {
     HK_LOG(hiveLog, 4) << "Failed to sync data of record: " << entry.offset + offsetInHbin
                        << "; error: " << Log::hex(Error::get()) << "; left to the next flush";
-    _cachedHbins[slot].dirty = 1;
+    _dirty[hbin_idx] = 1;
   }
   return true;
 }

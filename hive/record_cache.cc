@@ -1,21 +1,18 @@
-// The hbin table and the record cache.
+// The record store: the hive bins area in memory, the hbin table, and the
+// checks every record access passes.
 //
-// Hbins are learned lazily in file order and read whole into one block of
-// memory; when the block is full, dirty hbins are flushed and the whole
-// block is dropped. Two indexes keep a record lookup independent of the size
-// of the hive and of the cache:
-//  - _cacheSlot[hbin] finds a cached hbin without searching the cache list;
-//    only the slots of cached hbins are reset when the cache is emptied.
-//  - _recordStarts[hbin] answers "is this offset a record start?" with one
-//    bit test, and knows which records are free. It is made by one walk of
-//    the hbin the first time one of its records is validated after the hbin
-//    was loaded, and it lives as long as the hbin stays cached. A write that
-//    touches a size field the index knows (allocation, resizing, freeing)
-//    marks the bytes it wrote; the next look re-walks from the last start
-//    before them to the first start behind them that the walk lands on
-//    again, usually two or three steps. Anything unusual on the way (a 0
-//    size, a size off the 8-byte grid, a change at the first record) makes
-//    it walk the whole hbin instead.
+// The area is loaded whole at open (loadHiveBins) and the table built in
+// the same pass, so finding a record's hbin is one look into _pageHbin
+// whatever the size of the hive, and no record access reads the file.
+// _startBits answers "is this offset a record start?" with one bit test,
+// and (_freeBits) knows which records are free. An hbin's bits are made by
+// one walk of the hbin the first time one of its records is validated, and
+// kept. A write that touches a size field the bits know (allocation,
+// resizing, freeing) marks the bytes it wrote; the next look re-walks from
+// the last start before them to the first start behind them that the walk
+// lands on again, usually two or three steps. Anything unusual on the way
+// (a 0 size, a size off the 8-byte grid, a change at the first record)
+// makes it walk the whole hbin instead.
 // The calls here run for every record touched, so they test the mode
 // before calling refuseUnsafe.
 #include <algorithm>
@@ -28,54 +25,59 @@
 
 namespace Libraries::Files::Hive {
 
+namespace {
+
+constexpr u32 ALIGN = hive_hbin::RECORD_ALIGNMENT;
+constexpr u32 PAGE = hive_hbin::PAGE;
+// Bits of _startBits per page, and words: an hbin's bits start at word
+// offset / WORD_BYTES.
+constexpr u32 WORD_BYTES = 64 * ALIGN;
+
+}  // namespace
+
 u64 RegistryHiveObj::fileSize() {
   return _fileSize = _stripe->elementCount();
 }
 
-// ------------------------------------------------------------- hbin table
+// ------------------------------------------------------------ loading
 
-u32 RegistryHiveObj::hbinFromOffset(u32 offset) {
-  if ((_mode & modeUnsafe) && refuseUnsafe("hbinFromOffset")) return INVALID_HBIN;
-  const u64 wanted = u64{offset} + HIVE_HEADER_SIZE + 4;
-  if ((wanted >= _fileSize && wanted >= fileSize()) || u64{offset} + 4 >= hiveLength()) return INVALID_HBIN;
-
-  // Work on records tends to stay in one hbin for a while.
-  if (_lastHbin < _hbins.size() && offset >= _hbins[_lastHbin].offset &&
-      offset < u64{_hbins[_lastHbin].offset} + _hbins[_lastHbin].size)
-    return _lastHbin;
-  if (!_hbins.empty() && offset < u64{_hbins.back().offset} + _hbins.back().size) {
-    // The first hbin that ends after the offset holds it (hbins are
-    // contiguous and in file order).
-    auto ele = std::upper_bound(_hbins.begin(), _hbins.end(), offset,
-                                [](u32 o, const HbinEntry& e) { return o < u64{e.offset} + e.size; });
-    HK_ASSERT_AS(hiveLog, "ele != _hbins.end()", ele != _hbins.end(), INVALID_HBIN);
-    HK_ASSERT_AS(hiveLog, "ele->offset <= offset && ele->offset + ele->size > offset",
-                 ele->offset <= offset && u64{ele->offset} + ele->size > offset, INVALID_HBIN);
-    return _lastHbin = static_cast<u32>(ele - _hbins.begin());
+bool RegistryHiveObj::loadHiveBins() {
+  const u32 length = hiveLength();
+  // A read-only hive read as its file holds it is shown from the file's own
+  // pages; a log laid over the file, or changes to come, need a copy.
+  if (readonly() && !_mapped && length > 0) _binsView = _stripe->view(HIVE_HEADER_SIZE, length);
+  if (_binsView) {
+    _bins = _binsView->data();
+  } else {
+    _binsMem = ShMem::create(length);
+    if (!_binsMem) {
+      HK_LOG(hiveLog, 4) << "Failed to allocate memory for the hive bins, size: " << length;
+      return false;
+    }
+    const u64 got = _stripe->readAt(HIVE_HEADER_SIZE, _binsMem->map(), length);
+    if (got != length) {
+      HK_LOG(hiveLog, 4) << "Failed to read the hive bins, size: " << length << ", got: " << got
+                         << "; error: " << Log::hex(Error::get());
+      return false;
+    }
+    _bins = _binsMem->map();
   }
-
-  u64 position = _hbins.empty() ? 0 : u64{_hbins.back().offset} + _hbins.back().size;
-  for (;;) {
+  for (u64 position = 0; position < length;) {
     HbinEntry entry{};
-    if (position > 0xffffffffull || !readHbinHeader(static_cast<u32>(position), entry)) return INVALID_HBIN;
+    if (!checkHbinHeader(static_cast<u32>(position), entry)) break;
     if (!readonly()) scanFreeSpace(entry);
     appendHbin(entry);
-    position = u64{entry.offset} + entry.size;
-    if (offset < position) return static_cast<u32>(_hbins.size() - 1);
+    position += entry.size;
   }
+  return true;
 }
 
-bool RegistryHiveObj::readHbinHeader(u32 position, HbinEntry& entry) {
-  u8 h[hive_hbin::SIZE];
-  const u64 filePosition = u64{HIVE_HEADER_SIZE} + position;
-  if (_stripe->seek(filePosition) != filePosition) {
-    HK_LOG(hiveLog, 4) << "Failed to seek to last hbin position: " << filePosition;
-    return false;
-  }
-  if (_stripe->read(h, sizeof h) != sizeof h) {
+bool RegistryHiveObj::checkHbinHeader(u32 position, HbinEntry& entry) {
+  if (u64{position} + hive_hbin::SIZE > hiveLength()) {
     HK_LOG(hiveLog, 4) << "Failed to read hbin header at " << position;
     return false;
   }
+  const u8* h = _bins + position;
   if (B32(h) != hive_hbin::SIGNATURE) {
     HK_LOG(hiveLog, 4) << "Unexpected hbin signature: " << Log::hex(L32(h))
                        << " expected: " << Log::hex(L32("hbin")) << " at " << position;
@@ -88,7 +90,7 @@ bool RegistryHiveObj::readHbinHeader(u32 position, HbinEntry& entry) {
     return false;
   }
   const u32 size = L32(h + hive_hbin::OFS_SIZE);
-  if (size == 0 || size % hive_hbin::PAGE != 0) {
+  if (size == 0 || size % PAGE != 0) {
     HK_LOG(hiveLog, 4) << "Invalid size for hbin: " << size << " at " << position;
     return false;
   }
@@ -101,33 +103,14 @@ bool RegistryHiveObj::readHbinHeader(u32 position, HbinEntry& entry) {
   return true;
 }
 
-// Finds the largest free record of a new hbin (the first of equal ones),
-// reading the hbin piece by piece. A damaged record ends the search with
-// what was found before it.
+// Finds the largest free record of an hbin (the first of equal ones). A
+// damaged record ends the search with what was found before it.
 void RegistryHiveObj::scanFreeSpace(HbinEntry& entry) {
-  u8 buffer[HBIN_READ_BUFFER_SIZE];
-  u64 bufferStart = 0, bufferEnd = 0;  // hbin-relative range held in buffer
-  u64 pos = hive_hbin::SIZE;
-  while (pos + 4 <= entry.size) {
-    if (pos < bufferStart || pos + 4 > bufferEnd) {
-      const u64 filePosition = u64{HIVE_HEADER_SIZE} + entry.offset + pos;
-      if (_stripe->seek(filePosition) != filePosition) {
-        HK_LOG(hiveLog, 4) << (bufferEnd == 0 ? "Failed to seek(1) to position [find free]: "
-                                              : "Failed to seek(2) to position [find free]: ")
-                           << filePosition;
-        return;
-      }
-      const u64 want = std::min<u64>(sizeof buffer, entry.size - pos);
-      if (_stripe->read(buffer, want) != want) {
-        HK_LOG(hiveLog, 4) << "Failed to read hbin data at " << filePosition;
-        return;
-      }
-      bufferStart = pos;
-      bufferEnd = pos + want;
-    }
-    const s32 size = LS32(buffer + (pos - bufferStart));
+  const u8* hbin = _bins + entry.offset;
+  for (u64 pos = hive_hbin::SIZE; pos + 4 <= entry.size;) {
+    const s32 size = LS32(hbin + pos);
     const u32 length = size < 0 ? static_cast<u32>(-static_cast<s64>(size)) : static_cast<u32>(size);
-    if (length < 4 || length % hive_hbin::RECORD_ALIGNMENT != 0) {
+    if (length < 4 || length % ALIGN != 0) {
       HK_LOG(hiveLog, 3) << "record with invalid size:" << size << " record offset:" << entry.offset + pos;
       return;
     }
@@ -143,120 +126,63 @@ void RegistryHiveObj::scanFreeSpace(HbinEntry& entry) {
   }
 }
 
+bool RegistryHiveObj::reserveBins(u64 length) {
+  if (!_binsMem) return false;
+  if (length > _binsMem->size()) {
+    // Room for more than this hbin: growth comes in runs (an import), and
+    // untouched pages cost nothing.
+    const u64 room = std::max(length, std::min<u64>(2 * _binsMem->size(), length + (64u << 20)));
+    if (!_binsMem->resize(room) && !_binsMem->resize(length)) {
+      HK_LOG(hiveLog, 4) << "Failed to grow the hive bins in memory to " << length << " bytes; error: "
+                         << Log::hex(Error::get());
+      return false;
+    }
+  }
+  _bins = _binsMem->map();
+  return true;
+}
+
 void RegistryHiveObj::appendHbin(const HbinEntry& entry) {
+  const u32 index = static_cast<u32>(_hbins.size());
   _hbins.push_back(entry);
-  _cacheSlot.push_back(NOT_CACHED);
+  _dirty.push_back(0);
   _recordStarts.emplace_back();
+  _pageHbin.insert(_pageHbin.end(), entry.size / PAGE, index);
+  const size_t words = (u64{entry.offset} + entry.size) / WORD_BYTES;
+  _startBits.resize(words);
+  if (!readonly()) _freeBits.resize(words);
   _freeIndex.push(entry.freeSize);
 }
 
 void RegistryHiveObj::dropLastHbin() {
-  const u32 last = static_cast<u32>(_hbins.size() - 1);
-  const u32 slot = _cacheSlot[last];
-  if (slot != NOT_CACHED) {
-    // Normally the last one cached; otherwise its room stays unused until
-    // the cache is next emptied.
-    if (_cachedHbins[slot].place + _hbins[last].size == _cacheUsed)
-      _cacheUsed = static_cast<u32>(_cachedHbins[slot].place);
-    _cachedHbins.erase(_cachedHbins.begin() + slot);
-    for (u32 s = slot; s < _cachedHbins.size(); ++s) _cacheSlot[_cachedHbins[s].hbinIdx] = s;
-  }
+  const HbinEntry last = _hbins.back();
   _hbins.pop_back();
-  _cacheSlot.pop_back();
+  _dirty.pop_back();
   _recordStarts.pop_back();
+  _pageHbin.resize(last.offset / PAGE);
+  _startBits.resize(last.offset / WORD_BYTES);
+  if (!readonly()) _freeBits.resize(last.offset / WORD_BYTES);
   _freeIndex.pop();
-  if (_lastHbin >= _hbins.size()) _lastHbin = 0;
 }
 
-// ------------------------------------------------------------ record cache
+// ------------------------------------------------------------ hbin table
 
-u64 RegistryHiveObj::cacheLoadHbin(u32 hbinIndex) {
-  if ((_mode & modeUnsafe) && refuseUnsafe("cacheLoadHbin")) return INVALID_CACHE_OFFSET;
-  if (hbinIndex >= _hbins.size()) {
-    HK_LOG(hiveLog, 3) << "Invalid hbin idx: " << hbinIndex;
-    return INVALID_CACHE_OFFSET;
-  }
-  const u32 slot = _cacheSlot[hbinIndex];
-  if (slot != NOT_CACHED) {
-    HK_ASSERT_AS(hiveLog, "_cachedHbins[i].hbinIdx < _hbins.size()",
-                 slot < _cachedHbins.size() && _cachedHbins[slot].hbinIdx == hbinIndex, INVALID_CACHE_OFFSET);
-    const u64 place = _cachedHbins[slot].place;
-    HK_ASSERT_AS(hiveLog, "sizecounter <= _cacheSize", place + _hbins[hbinIndex].size <= _cacheSize,
-                 INVALID_CACHE_OFFSET);
-    HK_ASSERT_AS(hiveLog, "sizecounter <= _cacheUsed", place + _hbins[hbinIndex].size <= _cacheUsed,
-                 INVALID_CACHE_OFFSET);
-    return place;
-  }
-  const HbinEntry& hbin = _hbins[hbinIndex];
-  const u64 place = getFreeCacheChunk(hbin.size);
-  if (place == INVALID_CACHE_OFFSET || !_cache) return INVALID_CACHE_OFFSET;
-  const u64 filePosition = u64{HIVE_HEADER_SIZE} + hbin.offset;
-  if (_stripe->seek(filePosition) != filePosition) {
-    HK_LOG(hiveLog, 4) << "Failed to seek to hbin position: " << filePosition;
-    return INVALID_CACHE_OFFSET;
-  }
-  const u64 got = _stripe->read(_cache + place, hbin.size);
-  if (got != hbin.size) {
-    HK_LOG(hiveLog, 4) << "Failed to read hbin at " << hbin.offset << ", size " << hbin.size << ", got "
-                       << got;
-    return INVALID_CACHE_OFFSET;
-  }
-  _cacheSlot[hbinIndex] = static_cast<u32>(_cachedHbins.size());
-  _cachedHbins.push_back(CachedHbin{hbinIndex, 0, place});
-  _cacheUsed += hbin.size;
-  return place;
-}
-
-u64 RegistryHiveObj::getFreeCacheChunk(u32 size) {
-  if (size > _cacheSize) {
-    if (!internalFlush()) {
-      HK_LOG(hiveLog, 4) << "Flush failed";
-      return INVALID_CACHE_OFFSET;
-    }
-    resetCache();
-    _cache = nullptr;
-    _cacheMem = nullptr;
-    const u64 newSize = 2 * u64{size};
-    _cacheMem = newSize <= 0xffffffffull ? ShMem::create(newSize) : nullptr;
-    if (!_cacheMem) {
-      HK_LOG(hiveLog, 4) << "Failed to allocate new buffer: " << newSize;
-      _cacheSize = 0;
-      _valid = false;
-      return INVALID_CACHE_OFFSET;
-    }
-    _cache = _cacheMem->map();
-    if (!_cache) {
-      HK_LOG(hiveLog, 4) << "Failed to map buffer after reallocation";
-      _cacheMem = nullptr;
-      _cacheSize = 0;
-      _valid = false;
-      return INVALID_CACHE_OFFSET;
-    }
-    _cacheSize = static_cast<u32>(newSize);
-    return 0;
-  }
-  if (u64{_cacheUsed} + size <= _cacheSize) return _cacheUsed;
-  if (!internalFlush()) {
-    HK_LOG(hiveLog, 4) << "Flush failed";
-    return INVALID_CACHE_OFFSET;
-  }
-  resetCache();
-  return 0;
-}
-
-void RegistryHiveObj::resetCache() {
-  for (const CachedHbin& c : _cachedHbins) {
-    _cacheSlot[c.hbinIdx] = NOT_CACHED;
-    _recordStarts[c.hbinIdx] = RecordStarts();
-  }
-  _cachedHbins.clear();
-  _cacheUsed = 0;
+u32 RegistryHiveObj::hbinFromOffset(u32 offset) {
+  if ((_mode & modeUnsafe) && refuseUnsafe("hbinFromOffset")) return INVALID_HBIN;
+  if (u64{offset} + 4 >= hiveLength()) return INVALID_HBIN;
+  const u32 page = offset / PAGE;
+  if (page < _pageHbin.size()) return _pageHbin[page];
+  // Beyond the hbins the table holds: the header there failed its checks
+  // at open. Say why again.
+  HbinEntry entry;
+  checkHbinHeader(static_cast<u32>(_pageHbin.size() * PAGE), entry);
+  return INVALID_HBIN;
 }
 
 // ----------------------------------------------------------------- records
 
 const hive_record* RegistryHiveObj::cacheLoadRecord(u32 offset) {
-  if (offset % hive_hbin::RECORD_ALIGNMENT != 0) {
+  if (offset % ALIGN != 0) {
     HK_LOG(hiveLog, 4) << "Attempt to access record with invalid alignment, offset: " << offset;
     Error::set(Errors::MISALIGNED_RECORD);
     return nullptr;
@@ -272,9 +198,7 @@ const hive_record* RegistryHiveObj::cacheLoadRecord(u32 offset, u32* hbinIndex, 
     HK_LOG(hiveLog, 3) << "No hbin holds record: " << offset;
     return nullptr;
   }
-  const u64 place = cacheLoadHbin(hbin);
-  if (place == INVALID_CACHE_OFFSET) return nullptr;
-  const u8* hbin_ptr = _cache + place;
+  const u8* hbin_ptr = hbinData(hbin);
   const HbinEntry& entry = _hbins[hbin];
   HK_ASSERT_AS(hiveLog, "_hbins[hbin].offset == L32ToHost(hbin_ptr->offset)",
                entry.offset == L32(hbin_ptr + hive_hbin::OFS_OFFSET), nullptr);
@@ -337,13 +261,11 @@ bool RegistryHiveObj::isValidRecord(const u8* hbin, u32 hbinOffset, u32 hbinSize
 
 namespace {
 
-constexpr u32 ALIGN = hive_hbin::RECORD_ALIGNMENT;
-
-bool testBit(const std::vector<u64>& bits, u64 bit) {
+bool testBit(const u64* bits, u64 bit) {
   return (bits[bit / 64] >> (bit % 64)) & 1;
 }
 
-void setBit(std::vector<u64>& bits, u64 bit) {
+void setBit(u64* bits, u64 bit) {
   bits[bit / 64] |= u64{1} << (bit % 64);
 }
 
@@ -355,7 +277,7 @@ u64 wordMask(u64 from, u64 to) {
 }
 
 // Clears bits [from, to).
-void clearBits(std::vector<u64>& bits, u64 from, u64 to) {
+void clearBits(u64* bits, u64 from, u64 to) {
   while (from < to) {
     bits[from / 64] &= ~wordMask(from, std::min(to, from / 64 * 64 + 64));
     from = from / 64 * 64 + 64;
@@ -363,7 +285,7 @@ void clearBits(std::vector<u64>& bits, u64 from, u64 to) {
 }
 
 // Any bit set in [from, to).
-bool anyBit(const std::vector<u64>& bits, u64 from, u64 to) {
+bool anyBit(const u64* bits, u64 from, u64 to) {
   while (from < to) {
     if (bits[from / 64] & wordMask(from, std::min(to, from / 64 * 64 + 64))) return true;
     from = from / 64 * 64 + 64;
@@ -372,7 +294,7 @@ bool anyBit(const std::vector<u64>& bits, u64 from, u64 to) {
 }
 
 // The highest set bit at or below `bit`, or -1.
-s64 lastBitAtOrBelow(const std::vector<u64>& bits, u64 bit) {
+s64 lastBitAtOrBelow(const u64* bits, u64 bit) {
   s64 word = static_cast<s64>(bit / 64);
   u64 mask = (bit % 64 == 63) ? ~u64{0} : ((u64{1} << (bit % 64 + 1)) - 1);
   for (; word >= 0; --word, mask = ~u64{0}) {
@@ -388,10 +310,24 @@ u64 recordLength(s32 size) {
 
 }  // namespace
 
-void RegistryHiveObj::buildRecordStarts(RecordStarts& starts, const u8* hbin, u32 hbinSize) {
-  const size_t words = (hbinSize / ALIGN + 63) / 64;
-  starts.bits.assign(words, 0);
-  starts.free.assign(words, 0);
+RegistryHiveObj::Bits RegistryHiveObj::startBits(u32 hbinIdx) {
+  const HbinEntry& e = _hbins[hbinIdx];
+  return Bits{_startBits.data() + e.offset / WORD_BYTES, e.size / WORD_BYTES};
+}
+
+RegistryHiveObj::Bits RegistryHiveObj::freeBits(u32 hbinIdx) {
+  const HbinEntry& e = _hbins[hbinIdx];
+  if (_freeBits.empty()) return Bits{nullptr, 0};
+  return Bits{_freeBits.data() + e.offset / WORD_BYTES, e.size / WORD_BYTES};
+}
+
+void RegistryHiveObj::buildRecordStarts(u32 hbinIdx) {
+  RecordStarts& starts = _recordStarts[hbinIdx];
+  const u8* hbin = hbinData(hbinIdx);
+  const u32 hbinSize = _hbins[hbinIdx].size;
+  const Bits bits = startBits(hbinIdx), free = freeBits(hbinIdx);
+  std::fill(bits.words, bits.words + bits.count, 0);
+  if (free.words) std::fill(free.words, free.words + free.count, 0);
   starts.offGrid = false;
   starts.zeroAt = hbinSize;
   starts.dirtyFrom = starts.dirtyTo = 0;
@@ -399,8 +335,8 @@ void RegistryHiveObj::buildRecordStarts(RecordStarts& starts, const u8* hbin, u3
   while (pos + 4 <= hbinSize) {
     const s32 size = LS32(hbin + pos);
     if (pos % ALIGN == 0) {
-      setBit(starts.bits, pos / ALIGN);
-      if (size > 0) setBit(starts.free, pos / ALIGN);
+      setBit(bits.words, pos / ALIGN);
+      if (size > 0 && free.words) setBit(free.words, pos / ALIGN);
     } else {
       starts.offGrid = true;
     }
@@ -413,16 +349,19 @@ void RegistryHiveObj::buildRecordStarts(RecordStarts& starts, const u8* hbin, u3
   // A last record whose length is off the grid too: the free-space count
   // must then take the reference walk, which refuses such an hbin.
   if (starts.zeroAt == hbinSize && pos % ALIGN != 0) starts.offGrid = true;
-  starts.built = true;
 }
 
-bool RegistryHiveObj::repairRecordStarts(RecordStarts& starts, const u8* hbin, u32 hbinSize) {
+bool RegistryHiveObj::repairRecordStarts(u32 hbinIdx) {
+  RecordStarts& starts = _recordStarts[hbinIdx];
+  const u8* hbin = hbinData(hbinIdx);
+  const u32 hbinSize = _hbins[hbinIdx].size;
+  const Bits bits = startBits(hbinIdx), free = freeBits(hbinIdx);
   const u32 from = starts.dirtyFrom, to = starts.dirtyTo;
   starts.dirtyFrom = starts.dirtyTo = 0;
   if (starts.offGrid || from < hive_hbin::SIZE + 4) return false;
   // The last start whose size field lies wholly before the written bytes:
   // the walk up to it and its own step are as they were.
-  const s64 first = lastBitAtOrBelow(starts.bits, (from - 4) / ALIGN);
+  const s64 first = lastBitAtOrBelow(bits.words, (from - 4) / ALIGN);
   if (first < 0) return false;
   const u64 begin = static_cast<u64>(first) * ALIGN;
   if (begin >= starts.zeroAt) return true;  // the walk ends before the change
@@ -441,7 +380,7 @@ bool RegistryHiveObj::repairRecordStarts(RecordStarts& starts, const u8* hbin, u
     const u64 next = pos + recordLength(size);
     if (next % ALIGN != 0) return false;
     if (next + 4 > hbinSize) break;
-    if (next >= to && next <= starts.zeroAt && testBit(starts.bits, next / ALIGN)) {
+    if (next >= to && next <= starts.zeroAt && testBit(bits.words, next / ALIGN)) {
       end = next;
       reachedEnd = false;
       break;
@@ -451,27 +390,32 @@ bool RegistryHiveObj::repairRecordStarts(RecordStarts& starts, const u8* hbin, u
     pos = next;
   }
   const u64 firstBit = begin / ALIGN + 1;
-  const u64 endBit = std::min<u64>((end + ALIGN - 1) / ALIGN, u64{starts.bits.size()} * 64);
-  clearBits(starts.bits, firstBit, endBit);
-  clearBits(starts.free, firstBit, endBit);
+  const u64 endBit = std::min<u64>((end + ALIGN - 1) / ALIGN, u64{bits.count} * 64);
+  clearBits(bits.words, firstBit, endBit);
+  if (free.words) clearBits(free.words, firstBit, endBit);
   for (size_t i = 0; i < count; ++i) {
     const u64 landing = landings[i];
-    setBit(starts.bits, landing / ALIGN);
-    if (LS32(hbin + landing) > 0) setBit(starts.free, landing / ALIGN);
+    setBit(bits.words, landing / ALIGN);
+    if (free.words && LS32(hbin + landing) > 0) setBit(free.words, landing / ALIGN);
   }
   if (reachedEnd) starts.zeroAt = hbinSize;
   return true;
 }
 
-RegistryHiveObj::RecordStarts& RegistryHiveObj::recordStarts(u32 hbinIdx, const u8* hbin) {
+bool RegistryHiveObj::recordStartsReady(u32 hbinIdx) {
   RecordStarts& starts = _recordStarts[hbinIdx];
-  const u32 size = _hbins[hbinIdx].size;
-  if (!starts.built) {
-    buildRecordStarts(starts, hbin, size);
-  } else if (starts.dirtyFrom < starts.dirtyTo && !repairRecordStarts(starts, hbin, size)) {
-    buildRecordStarts(starts, hbin, size);
+  u8 state = starts.state.load(std::memory_order_acquire);
+  if (state == RecordStarts::BUILT) {
+    // Only a writable hive marks written ranges, under the monitor.
+    if (starts.dirtyFrom < starts.dirtyTo && !repairRecordStarts(hbinIdx)) buildRecordStarts(hbinIdx);
+    return true;
   }
-  return starts;
+  if (state == RecordStarts::BUILDING ||
+      !starts.state.compare_exchange_strong(state, RecordStarts::BUILDING, std::memory_order_acquire))
+    return state == RecordStarts::BUILT;
+  buildRecordStarts(hbinIdx);
+  starts.state.store(RecordStarts::BUILT, std::memory_order_release);
+  return true;
 }
 
 // Gives exactly the answer (and the messages) of isValidRecord: the walk
@@ -480,22 +424,21 @@ RegistryHiveObj::RecordStarts& RegistryHiveObj::recordStarts(u32 hbinIdx, const 
 bool RegistryHiveObj::isRecordStart(u32 hbinIdx, const u8* hbin, u32 offset) {
   const HbinEntry& entry = _hbins[hbinIdx];
   const u32 target = offset - entry.offset;
-  if (target % hive_hbin::RECORD_ALIGNMENT != 0 || entry.size <= hive_hbin::SIZE ||
-      target < hive_hbin::SIZE || u64{target} + 4 > entry.size)
+  if (target % ALIGN != 0 || entry.size <= hive_hbin::SIZE || target < hive_hbin::SIZE ||
+      u64{target} + 4 > entry.size || !recordStartsReady(hbinIdx))
     return isValidRecord(hbin, entry.offset, entry.size, offset);
-  const RecordStarts& starts = recordStarts(hbinIdx, hbin);
-  if (target > starts.zeroAt) {
+  if (target > _recordStarts[hbinIdx].zeroAt) {
     HK_LOG(hiveLog, 4) << "Record with 0 size -> HBIN is invalid, hbin: " << entry.offset;
     return false;
   }
-  return testBit(starts.bits, target / ALIGN);
+  return testBit(startBits(hbinIdx).words, target / ALIGN);
 }
 
 void RegistryHiveObj::noteHbinWrite(u32 hbinIdx, u32 offsetInHbin, u32 length) {
   RecordStarts& starts = _recordStarts[hbinIdx];
-  if (!starts.built || length == 0) return;
+  if (starts.state.load(std::memory_order_relaxed) != RecordStarts::BUILT || length == 0) return;
   if (starts.offGrid) {
-    starts = RecordStarts();
+    starts.state.store(RecordStarts::UNBUILT, std::memory_order_relaxed);
     return;
   }
   const u32 end = static_cast<u32>(std::min<u64>(u64{offsetInHbin} + length, 0xffffffffu));
@@ -506,10 +449,11 @@ void RegistryHiveObj::noteHbinWrite(u32 hbinIdx, u32 offsetInHbin, u32 length) {
     return;
   }
   // A size field at p is touched when p < end && p + 4 > offsetInHbin.
+  const Bits bits = startBits(hbinIdx);
   bool touched = starts.zeroAt < end && u64{starts.zeroAt} + 4 > offsetInHbin;
   const u64 first = offsetInHbin < 3 ? 0 : (offsetInHbin - 3 + ALIGN - 1) / ALIGN;
-  const u64 limit = std::min<u64>((u64{end} + ALIGN - 1) / ALIGN, u64{starts.bits.size()} * 64);
-  if (!touched && first < limit) touched = anyBit(starts.bits, first, limit);
+  const u64 limit = std::min<u64>((u64{end} + ALIGN - 1) / ALIGN, u64{bits.count} * 64);
+  if (!touched && first < limit) touched = anyBit(bits.words, first, limit);
   if (touched) {
     starts.dirtyFrom = offsetInHbin;
     starts.dirtyTo = end;

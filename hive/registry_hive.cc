@@ -23,8 +23,7 @@ RegistryHiveObj::RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& l
       _mode(mode),
       _mon(Mon::create()),
       _codepage(codepage),
-      _sync(std::move(sync)),
-      _cacheSize(INITIAL_CACHE_SIZE) {
+      _sync(std::move(sync)) {
   _logs[0].name = logs.primaryName;
   _logs[1].name = logs.log1Name;
   _logs[2].name = logs.log2Name;
@@ -44,22 +43,11 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
   }
 
   if (_mode & modeUnsafe) {
-    _cacheSize = HBIN_READ_BUFFER_SIZE;
     _unsafeCache = makeRef<ReadOnlyCache>(_stripe);
     if (!_unsafeCache->valid()) {
       HK_LOG(hiveLog, 4) << "Failed to read the hive file for unsafe mode";
       return false;
     }
-  }
-  _cacheMem = ShMem::create(_cacheSize);
-  if (!_cacheMem) {
-    HK_LOG(hiveLog, 4) << "Failed to allocate initial buffer size: " << _cacheSize;
-    return false;
-  }
-  _cache = _cacheMem->map();
-  if (!_cache) {
-    HK_LOG(hiveLog, 4) << "Failed to map shared memory for cache; error: " << Log::hex(Error::get());
-    return false;
   }
 
   // The base block is read straight into the in-memory copy: the log checks
@@ -195,6 +183,9 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
   }
 
   logDump();
+
+  // The record store: every hbin, as the hive reads after the logs.
+  if (!(_mode & modeUnsafe) && !loadHiveBins()) return false;
 
   if (!checkRootRecord()) {
     HK_LOG(hiveLog, 4) << "Root key not valid";

@@ -1,17 +1,36 @@
 // RegistryHiveObj: an open hive.
 //
 // Owns the hive file (or a mapped stripe over it and its logs), an
-// in-memory copy of the base block, the hbin table and the record cache.
-// Keys, values and security records reach records only through
-// cacheLoadRecord and change them only through allocateRecord,
-// resizeRecord, writeRecord and initRecord. Record-level calls take no
-// lock: callers hold mon() (every public Key/Value operation does).
+// in-memory copy of the base block, and the record store: every hbin of
+// the hive, resident from the open on. Keys, values and security records
+// reach records only through cacheLoadRecord and change them only through
+// allocateRecord, resizeRecord, writeRecord and initRecord. Record-level
+// calls take no lock: callers of a writable hive hold mon() (every public
+// Key/Value operation does). A read-only hive never changes after the open,
+// so its records may be read without the monitor, from any thread.
 //
-// A record pointer from cacheLoadRecord stays valid until the cache is next
-// emptied, which can happen in any later cacheLoadRecord, allocation or
-// write; re-load after such a call.
+// The record store (record_cache.cc):
+//  - The whole hive bins area is loaded once, at open, after any log was
+//    laid over the file: a read-only hive whose file is read as it is gets
+//    a view of the file's pages (nothing copied); any other hive one read
+//    into a buffer, which grows when an hbin is appended.
+//  - The hbin table is built in the same pass, every hbin header checked;
+//    the first header that fails its checks ends the table, and records at
+//    or beyond it cannot be reached (asking for one logs why again). A map
+//    from each 4 KiB page to its hbin finds a record's hbin in one step.
+//  - Whether an offset is a record start is answered by a bitmap of each
+//    hbin, built by one walk of the hbin the first time one of its records
+//    is asked for, and kept; writes that move record boundaries update it.
+//  - Changes stay in memory, each changed hbin marked dirty, until flush()
+//    writes the dirty hbins (to the file, or as a log entry in a log mode);
+//    nothing is written behind the caller's back. Write-through mode writes
+//    each change at once as well.
+// A record pointer from cacheLoadRecord stays valid until the next
+// allocateRecord or resizeRecord (which may append an hbin and so move the
+// buffer); on a read-only hive, for the life of the hive.
 #pragma once
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -21,6 +40,7 @@
 #include "hive/hive_file.h"
 #include "hive/log/log_file.h"
 #include "hive/log/mapped_stripe.h"
+#include "platform/file_view.h"
 #include "platform/log.h"
 #include "platform/mon.h"
 #include "platform/shmem.h"
@@ -34,10 +54,8 @@ extern const Platform::Log::Channel hiveLog;  // "Hive"
 
 class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
  public:
-  static constexpr u32 HBIN_READ_BUFFER_SIZE = 4096;
   static constexpr u32 HIVE_HEADER_SIZE = 4096;
   static constexpr u32 INVALID_HBIN = 0xffffffffu;
-  static constexpr u64 INVALID_CACHE_OFFSET = ~0ull;
 
   enum class LogMode : u32 { None = 0, Single = 1, Dual = 2 };
 
@@ -129,54 +147,69 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // no character in the codepage.
   bool regNameToString(const u8* bytes, u32 length, bool ascii, Ref<String>& out) const;
 
-  // --- Cache internals (used by tests and the log layer) -----------------
+  // --- Store internals (used by tests and the log layer) -----------------
+  // The index of the hbin holding `offset`, or INVALID_HBIN (the offset
+  // lies beyond the hbins the table holds, or its last 4 bytes beyond the
+  // hive bins data).
   u32 hbinFromOffset(u32 offset);
-  u64 cacheLoadHbin(u32 hbinIndex);
-  u64 getFreeCacheChunk(u32 size);
   const hive_record* unsafeGetRecord(u32 offset);
   bool internalFlush();
-  u32 cacheSize() const { return _cacheSize; }
-  u32 cacheUsed() const { return _cacheUsed; }
   struct HbinEntry {
     u32 offset;
     u32 size;
-    u32 freeSize;    // largest free record (0: none or not computed)
+    u32 freeSize;    // largest free record (0: none, or a read-only hive)
     u32 freeOffset;  // its offset
   };
   const std::vector<HbinEntry>& hbins() const { return _hbins; }
+  // Changed since the last flush.
+  bool hbinDirty(u32 hbinIndex) const { return hbinIndex < _dirty.size() && _dirty[hbinIndex]; }
+  // The records stay where they are for the life of the hive (it is
+  // read-only): pointers into them may be kept, and data handed out
+  // without a copy.
+  bool recordsStable() const { return readonly(); }
 
   // MappedStripe::Hook: writes of a log-mode hive become log entries.
   bool handleAction(MappedStripe& stripe, Action action, const void* buffer, u64 offset, u64 size,
                     u64& done) override;
 
- protected:
-  static constexpr u32 INITIAL_CACHE_SIZE = 1048576;
-
  private:
-  struct CachedHbin {
-    u32 hbinIdx;
-    u32 dirty;
-    u64 place;  // of the hbin's first byte in the cache
-  };
-  // Where the record walk of one hbin lands, built by one walk from offset
-  // 32 the first time a record of the hbin is validated while it is cached.
-  // Size-field writes do not drop it: they mark the range they touched, and
-  // the next look re-walks only from the last start before that range to
-  // the first unchanged start behind it.
+  // Where the record walk of one hbin lands: bits of _startBits (and, in a
+  // writable hive, _freeBits), built by one walk from offset 32 the first
+  // time a record of the hbin is validated. Size-field writes do not drop
+  // it: they mark the range they touched, and the next look re-walks only
+  // from the last start before that range to the first unchanged start
+  // behind it.
   struct RecordStarts {
-    bool built = false;
+    enum : u8 { UNBUILT = 0, BUILDING = 1, BUILT = 2 };
+    // Readers of a read-only hive take no lock: the thread that builds the
+    // bits publishes them with this (release after the bits, acquire
+    // before reading them); a thread that finds them being built walks the
+    // records itself meanwhile. Writable hives change it under the monitor.
+    std::atomic<u8> state{UNBUILT};
     // The walk met a size that left it off the 8-byte grid: such landings
     // have no bit, so any later size-field write must drop the index.
     bool offGrid = false;
-    u32 zeroAt = 0;         // hbin-relative position of the first 0 size, or the hbin size
-    std::vector<u64> bits;  // bit i: the walk lands on hbin-relative position 8 * i
-    std::vector<u64> free;  // bit i: ... and the record there is free (size > 0)
+    u32 zeroAt = 0;  // hbin-relative position of the first 0 size, or the hbin size
     // Bytes written since the bits were last right, when a write touched a
     // size field: [dirtyFrom, dirtyTo); empty when dirtyFrom >= dirtyTo.
     u32 dirtyFrom = 0;
     u32 dirtyTo = 0;
+
+    RecordStarts() = default;
+    // Moved only while the table grows, under the monitor.
+    RecordStarts(const RecordStarts& o)
+        : state(o.state.load(std::memory_order_relaxed)),
+          offGrid(o.offGrid),
+          zeroAt(o.zeroAt),
+          dirtyFrom(o.dirtyFrom),
+          dirtyTo(o.dirtyTo) {}
   };
-  static constexpr u32 NOT_CACHED = 0xffffffffu;
+  // Bits of one hbin in _startBits or _freeBits: bit i stands for the
+  // hbin-relative position 8 * i.
+  struct Bits {
+    u64* words;
+    size_t count;  // words
+  };
 
   bool initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name, const u8* primary, LogFileInfo& info);
   bool chooseLogMode();
@@ -197,35 +230,45 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   bool startLog(LogFileInfo& log, u32 sequence);
   // Appends one entry holding `pages` to the current log and maps them.
   bool appendLogEntry(const std::vector<LogPage>& pages);
-  // Writes the dirty hbins (indices into _cachedHbins) as one entry of the
+  // Writes the dirty hbins (indices into _hbins) as one entry of the
   // current log; clears their dirty marks on success.
-  bool flushToLog(const std::vector<u32>& dirtySlots);
+  bool flushToLog(const std::vector<u32>& dirtyHbins);
 
   bool construct(const LogFiles& logs);
   bool checkRootRecord();
   bool refuseUnsafe(const char* function) const;
   u64 fileSize();
 
+  // Loads the hive bins area and builds the hbin table (see above).
+  bool loadHiveBins();
+  // The first byte of the hbin at table index `hbinIdx`.
+  const u8* hbinData(u32 hbinIdx) const { return _bins + _hbins[hbinIdx].offset; }
   // The reference walk: is `offset` a record start of the hbin at `hbin`?
   bool isValidRecord(const u8* hbin, u32 hbinOffset, u32 hbinSize, u32 offset);
   // The same answer and messages through the hbin's RecordStarts.
   bool isRecordStart(u32 hbinIdx, const u8* hbin, u32 offset);
-  void buildRecordStarts(RecordStarts& starts, const u8* hbin, u32 hbinSize);
-  // Brings a cached hbin's index up to date (building it when missing).
-  RecordStarts& recordStarts(u32 hbinIdx, const u8* hbin);
+  Bits startBits(u32 hbinIdx);
+  Bits freeBits(u32 hbinIdx);
+  void buildRecordStarts(u32 hbinIdx);
+  // Makes the hbin's bits right (building or repairing them); false when
+  // another thread is building them just now.
+  bool recordStartsReady(u32 hbinIdx);
   // Re-walks the dirty range of a built index; false when only a full walk will do.
-  bool repairRecordStarts(RecordStarts& starts, const u8* hbin, u32 hbinSize);
+  bool repairRecordStarts(u32 hbinIdx);
   void setFreeSize(u32 hbinIdx, u32 freeSize, u32 freeOffset);
   // getFreeSpaceBehindRecord for a record just loaded from hbin `hbin`.
   u32 freeSpaceBehind(u32 hbin, const hive_record* record, u32 offset, bool recordIsFree);
   // Drops the index when [ofs, ofs + length) touches a size field it knows.
   void noteHbinWrite(u32 hbinIdx, u32 offsetInHbin, u32 length);
-  bool readHbinHeader(u32 position, HbinEntry& entry);
+  // Checks the hbin header at `position` of the loaded area (messages as
+  // for a header read from the file).
+  bool checkHbinHeader(u32 position, HbinEntry& entry);
   void scanFreeSpace(HbinEntry& entry);
   void appendHbin(const HbinEntry& entry);
-  // Takes the last hbin out of the table and the cache (a growth that failed).
+  // Makes the buffer hold at least `length` bytes of hive bins.
+  bool reserveBins(u64 length);
+  // Takes the last hbin out of the table (a growth that failed).
   void dropLastHbin();
-  void resetCache();
   bool writeHeader();
 
   // The stripe all hive file access goes through (the file, or a mapped
@@ -251,21 +294,26 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // The base block as the file holds it; flush writes _header when they differ.
   u8 _diskHeader[hive_header::SIZE] = {};
 
+  // The hive bins area, record offset 0 on: _binsView's pages, or
+  // _binsMem's buffer (whose size may run ahead of the hive's). Null in
+  // unsafe mode, which reads records from _unsafeCache.
+  const u8* _bins = nullptr;
+  Ref<FileView> _binsView;
+  Ref<ShMem> _binsMem;
   std::vector<HbinEntry> _hbins;
-  std::vector<CachedHbin> _cachedHbins;
-  // Slot of each hbin in _cachedHbins (NOT_CACHED when absent), indexed
-  // like _hbins; reset with the cache.
-  std::vector<u32> _cacheSlot;
-  // Record-start index of each hbin, indexed like _hbins; only cached
-  // hbins have one, and it is dropped with the cache.
+  // Indexed like _hbins: changed since the last flush, and the record-start
+  // index.
+  std::vector<u8> _dirty;
   std::vector<RecordStarts> _recordStarts;
+  // The hbin (index into _hbins) of each 4 KiB page the table covers.
+  std::vector<u32> _pageHbin;
+  // One bit per 8 bytes of the hbins the table covers (an hbin's bits start
+  // at a word boundary: hbins start at multiples of 4096): a record starts
+  // there; and, in a writable hive, the record there is free.
+  std::vector<u64> _startBits;
+  std::vector<u64> _freeBits;
   // The freeSize of every hbin, for the first-fit search of allocateRecord.
   FirstFitIndex _freeIndex;
-  u32 _lastHbin = 0;  // the hbin hbinFromOffset found last
-  u32 _cacheSize;
-  u32 _cacheUsed = 0;
-  Ref<ShMem> _cacheMem;
-  u8* _cache = nullptr;
   Ref<ReadOnlyCache> _unsafeCache;
 };
 

@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "platform/error.h"
+#include "platform/file_view.h"
 
 namespace Platform {
 
@@ -87,6 +88,10 @@ u64 FileStripe::writeAt(u64 position, const void* buffer, u64 count) {
     done += static_cast<u64>(n);
   }
   return done;
+}
+
+Ref<FileView> FileStripe::view(u64 position, u64 count) {
+  return FileView::map(_fd, position, count);
 }
 
 bool FileStripe::sync() {

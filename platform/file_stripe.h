@@ -26,6 +26,9 @@ class FileStripe : public Interfaces::Stripe {
   u64 readAt(u64 position, void* buffer, u64 count) override;
   u64 writeAt(u64 position, const void* buffer, u64 count) override;
   bool sync() override;
+  // A mapping of the file's pages (see FileView for what it shows when the
+  // file changes).
+  Ref<FileView> view(u64 position, u64 count) override;
   bool writable() const { return _writable; }
   const std::string& path() const { return _path; }
 

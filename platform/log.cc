@@ -126,7 +126,7 @@ void Capture::clear() {
 }
 
 Line& Line::operator<<(const std::u16string& v) {
-  if (_on) _s << utf16ToUtf8(v);
+  if (_s) *_s << utf16ToUtf8(v);
   return *this;
 }
 

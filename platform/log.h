@@ -10,6 +10,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -65,16 +66,20 @@ class Capture {
   State* _state;
 };
 
-// Builds one message with <<, writes it when destroyed.
+// Builds one message with <<, writes it when destroyed. The stream is made
+// only for a message that is wanted: making one costs more than most of
+// the calls that log.
 class Line {
  public:
-  Line(const Channel& c, int level) : _c(c), _level(level), _on(c.enabled(level)) {}
+  Line(const Channel& c, int level) : _c(c), _level(level) {
+    if (c.enabled(level)) _s.emplace();
+  }
   ~Line() {
-    if (_on) _c.write(_level, _s.str());
+    if (_s) _c.write(_level, _s->str());
   }
   template <class T>
   Line& operator<<(const T& v) {
-    if (_on) _s << v;
+    if (_s) *_s << v;
     return *this;
   }
   Line& operator<<(const std::u16string& v);
@@ -82,8 +87,7 @@ class Line {
  private:
   const Channel& _c;
   int _level;
-  bool _on;
-  std::ostringstream _s;
+  std::optional<std::ostringstream> _s;
 };
 
 // Hex rendering for offsets: 0x1a2b.

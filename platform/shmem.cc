@@ -18,6 +18,19 @@ Ref<ShMem> ShMem::create(u64 size) {
   return Ref<ShMem>(new ShMem(static_cast<u8*>(p), size));
 }
 
+bool ShMem::resize(u64 size) {
+  if (size == 0) size = 1;
+  if (size == _size) return true;
+  void* p = mremap(_data, _size, size, MREMAP_MAYMOVE);
+  if (p == MAP_FAILED) {
+    Error::set(Error::IO_ERROR | static_cast<u32>(errno));
+    return false;
+  }
+  _data = static_cast<u8*>(p);
+  _size = size;
+  return true;
+}
+
 ShMem::~ShMem() { munmap(_data, _size); }
 
 }  // namespace Platform

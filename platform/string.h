@@ -47,6 +47,19 @@ class String : public Object {
 
   // Upper case of one UTF-16 unit; surrogates and unmapped units unchanged.
   static char16_t upcase(char16_t c);
+  // compareIgnoreCase of a name whose units went through upcase already
+  // against `count` units given one by one (names read in place, without
+  // making a String of them).
+  template <class UnitAt>
+  static int compareUpcased(std::u16string_view upcased, size_t count, UnitAt unitAt) {
+    const size_t n = upcased.size() < count ? upcased.size() : count;
+    for (size_t i = 0; i < n; ++i) {
+      const char16_t probe = upcase(unitAt(i));
+      if (upcased[i] != probe) return upcased[i] < probe ? -1 : 1;
+    }
+    if (upcased.size() == count) return 0;
+    return upcased.size() < count ? -1 : 1;
+  }
 
   explicit String(std::u16string s) : _s(std::move(s)) {}
 

@@ -7,6 +7,10 @@
 
 #include "platform/object.h"
 
+namespace Platform {
+class FileView;
+}
+
 namespace Interfaces {
 using Platform::u32;
 using Platform::u64;
@@ -26,6 +30,11 @@ class Stripe : public Platform::Object {
   virtual u64 writeAt(u64 position, const void* buffer, u64 count) = 0;
   // Makes written data durable (reaches the storage device for files).
   virtual bool sync() { return true; }
+  // The bytes [position, position + count) in memory without copying them,
+  // valid while the view lives and showing later changes of the stripe;
+  // null when the stripe cannot show them so (the default), and callers
+  // read them instead.
+  virtual Platform::Ref<Platform::FileView> view(u64 position, u64 count);
 
   // Stream view over the positional calls.
   virtual u64 seek(u64 position) {

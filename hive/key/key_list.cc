@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "hive/key/key_obj.h"
+#include "hive/key/subkey_search.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -78,133 +79,49 @@ bool KeyObj::initSubkeys() {
   return true;
 }
 
-bool KeyObj::compareSubkeyName(u32 position, const std::u16string& sought, int& order) {
-  const u32 nk = _keyList[position].offset;
-  auto known = _keyObjects.find(nk);
-  if (known != _keyObjects.end()) {
-    if (Ref<KeyObj> live = known->second.lock()) {
-      // The object key(position) would hand out: its name, as it holds it.
-      const Ref<String> name = live->name();
-      if (!name || name->isEmpty()) return false;
-      order = compareUpper(sought, name->length(), [&](size_t i) { return name->at(i); });
-      return true;
+// The list's entries as the search reads them: a live object of an entry
+// speaks for its name; other entries are read from their records, and
+// opened (made into objects) only when that does not do.
+class KeyObj::ListNames final : public SubkeyNames {
+ public:
+  explicit ListNames(KeyObj& key) : _key(key) {}
+  bool compare(u32 index, const std::u16string& upcased, int& order) override {
+    const u32 nk = _key._keyList[index].offset;
+    auto known = _key._keyObjects.find(nk);
+    if (known != _key._keyObjects.end()) {
+      if (Ref<KeyObj> live = known->second.lock()) {
+        // The object key(index) would hand out: its name, as it holds it.
+        const Ref<String> name = live->name();
+        if (!name || name->isEmpty()) return false;
+        order = String::compareUpcased(upcased, name->length(), [&](size_t i) { return name->at(i); });
+        return true;
+      }
     }
+    return compareKeyName(*_key._hive, nk, upcased, order);
   }
-  // The checks of the KeyObj constructor, without its messages: a record
-  // failing them is left to key(position), which reports it.
-  const hive_record* rec = _hive->cacheLoadRecord(nk);
-  if (!rec || rec->signature() != hive_record_nk::SIGNATURE || !rec->used() ||
-      rec->length() < hive_record_nk::HEADER_SIZE)
-    return false;
-  const u32 nameLength = rec->u16At(hive_record_nk::OFS_NAME_LENGTH);
-  if (nameLength + hive_record_nk::HEADER_SIZE > rec->length()) return false;
-  const u8* name = rec->bytes() + hive_record_nk::OFS_NAME;
-  if ((rec->u16At(hive_record_nk::OFS_FLAGS) & hive_record_nk::FLAG_COMP_NAME) == 0) {
-    if (nameLength / 2 == 0) return false;
-    order = compareUpper(sought, nameLength / 2,
-                         [&](size_t i) { return static_cast<char16_t>(L16(name + 2 * i)); });
+  bool name(u32 index, Ref<String>& out) override {
+    Ref<KeyObj> probe = _key.key(index);
+    if (!probe) return false;
+    out = probe->name();
     return true;
   }
-  if (nameLength == 0) return false;
-  // Every byte must have a character (Latin-1 has one for each).
-  char16_t c = 0;
-  if (_codepage != latin1) {
-    for (u32 i = 0; i < nameLength; ++i)
-      if (!codepageToChar(_codepage, name[i], c)) return false;
-  }
-  order = compareUpper(sought, nameLength, [&](size_t i) {
-    codepageToChar(_codepage, name[i], c);
-    return c;
-  });
-  return true;
-}
+
+ private:
+  KeyObj& _key;
+};
 
 bool KeyObj::binaryFindKey(const Ref<String>& name, Ref<KeyObj>& found, u32& position) {
   found = nullptr;
-  if (_numOfKeys == 0 || _keyList.empty()) {
-    position = 0;
-    Error::set(Errors::KEY_NOT_FOUND);
+  ListNames names(*this);
+  const u32 count = _numOfKeys == 0 ? 0 : static_cast<u32>(_keyList.size());
+  if (binaryFindSubkey(*_hive, _offset, count, name, names, position) != SubkeySearch::found) return false;
+  found = key(position);
+  if (!found) {
+    HK_LOG(hiveLog, 4) << "Failed to open sub key for binary search. key: " << _offset;
+    position = INVALID_RECORD;
     return false;
   }
-  const Ref<String> sought = name->upper();
-  // compareIgnoreCase upper-cases both sides once more.
-  std::u16string upperName(sought->units());
-  for (char16_t& c : upperName) c = String::upcase(c);
-
-  // Orders the name against the entry at `index`: false when the search
-  // has ended (a probe that cannot be opened, or the linear fallback) and
-  // `result` is its outcome.
-  bool result = false;
-  auto compareAt = [&](u32 index, int& order) {
-    if (compareSubkeyName(index, upperName, order)) return true;
-    Ref<KeyObj> probe = key(index);
-    if (!probe) {
-      HK_LOG(hiveLog, 4) << "Failed to open sub key for binary search. key: " << _offset;
-      position = INVALID_RECORD;
-      return false;
-    }
-    Ref<String> probeName = probe->name();
-    if ((!probeName || probeName->isEmpty()) && (_hive->mode() & modeLinearFallback)) {
-      HK_LOG(hiveLog, 2) << "Can't get name of other key for binary search, using linear fallback";
-      result = linearFindKey(name, found, position);
-      return false;
-    }
-    if (!probeName) probeName = String::empty();
-    order = sought->compareIgnoreCase(*probeName);
-    return true;
-  };
-
-  u32 low = 0, high = static_cast<u32>(_keyList.size());  // the name lies in [low, high)
-  // Names added in order go to the end: one look at the last entry (when it
-  // reads simply) spares the search.
-  int last = 0;
-  if (compareSubkeyName(high - 1, upperName, last) && last > 0) low = high;
-  while (low < high) {
-    const u32 mid = low + (high - low) / 2;
-    int c = 0;
-    if (!compareAt(mid, c)) return result;
-    if (c == 0) {
-      found = key(mid);
-      if (!found) {
-        HK_LOG(hiveLog, 4) << "Failed to open sub key for binary search. key: " << _offset;
-        position = INVALID_RECORD;
-        return false;
-      }
-      position = mid;
-      return true;
-    }
-    if (c < 0) {
-      high = mid;
-    } else {
-      low = mid + 1;
-    }
-  }
-  position = low;
-  Error::set(Errors::KEY_NOT_FOUND);
-  return false;
-}
-
-bool KeyObj::linearFindKey(const Ref<String>& name, Ref<KeyObj>& found, u32& position) {
-  found = nullptr;
-  u32 before = 0;  // entries ordered before the name: where it would go
-  for (u32 i = 0; i < _keyList.size(); ++i) {
-    Ref<KeyObj> k = key(i);
-    if (!k) {
-      HK_LOG(hiveLog, 3) << "Failed to get key with index: " << i;
-      continue;
-    }
-    Ref<String> kName = k->name();
-    const int c = kName ? kName->compareIgnoreCase(*name) : -1;
-    if (c == 0) {
-      found = k;
-      position = i;
-      return true;
-    }
-    if (c < 0) before = i + 1;
-  }
-  position = before;
-  Error::set(Errors::KEY_NOT_FOUND);
-  return false;
+  return true;
 }
 
 Ref<Key> KeyObj::key(Ref<String> name) {

@@ -100,26 +100,10 @@ class KeyObj : public Key {
   bool initSubkeys();
   // The fields the list and value loaders read (see key_record.h).
   KeyRecord record() const;
+  // The subkey search (subkey_search.h) over this key's list; found: the
+  // subkey's object. `position` as binaryFindSubkey gives it.
   bool binaryFindKey(const Ref<String>& name, Ref<KeyObj>& key, u32& position);
-  // Orders `sought` (each unit already passed through String::upcase, so
-  // that this matches compareIgnoreCase) against the name of the subkey at
-  // `position`, read from its nk record without making a KeyObj. False when
-  // the record cannot be read that simply (damaged, a byte the codepage
-  // lacks, an empty name, a live object for it): key(position) then decides.
-  bool compareSubkeyName(u32 position, const std::u16string& sought, int& order);
-  // compareIgnoreCase of `sought` (upper-cased already) against `count`
-  // units given by `unitAt`.
-  template <class UnitAt>
-  static int compareUpper(const std::u16string& sought, size_t count, UnitAt unitAt) {
-    const size_t n = std::min(sought.size(), count);
-    for (size_t i = 0; i < n; ++i) {
-      const char16_t probe = String::upcase(unitAt(i));
-      if (sought[i] != probe) return sought[i] < probe ? -1 : 1;
-    }
-    if (sought.size() == count) return 0;
-    return sought.size() < count ? -1 : 1;
-  }
-  bool linearFindKey(const Ref<String>& name, Ref<KeyObj>& key, u32& position);
+  class ListNames;
 
   // Subkey list maintenance.
   bool ensureFreeListPlace(u32 position);
@@ -168,10 +152,11 @@ class KeyObj : public Key {
   // The cache position of a value (by identity, else by vk offset), or
   // INVALID_RECORD.
   u32 valueIndex(const ValueObj* value);
-  // True when the vk record of the value at `index` certainly names
-  // something other than `sought` (upper-cased), read without making a
-  // ValueObj. A record it cannot judge is left to value(index).
-  bool valueNameDiffers(u32 index, const std::u16string& sought);
+  // The index of value names (see _valueIndex).
+  void buildValueIndex();
+  void dropValueIndex();
+  void indexValueAppended(const Ref<ValueObj>& value);
+  void indexValueRemoved(u32 index);
   bool unlinkValueAt(u32 index);
   // Frees a record this key owns; logs and returns false on failure.
   bool freeOwnRecord(u32 offset, const char* what);
@@ -183,6 +168,15 @@ class KeyObj : public Key {
   std::unordered_map<u32, WeakRef<KeyObj>> _keyObjects;
   std::vector<TreeEntry> _tree;
   std::vector<ValueEntry> _values;
+  // Value lookup by name in a key of more than VALUE_INDEX_MIN values:
+  // each name upper-cased as value(name) compares it, to the first list
+  // position holding it; built on the first lookup, kept in step by
+  // linkValue and unlinkValueAt, dropped when the list is reloaded (and by
+  // a removal while two values share a name).
+  static constexpr u32 VALUE_INDEX_MIN = 16;
+  std::unordered_map<std::u16string, u32> _valueIndex;
+  bool _valueIndexBuilt = false;
+  bool _valueIndexDuplicates = false;
   Ref<String> _name;
   u32 _numOfKeys = 0;
   u32 _keyListCell = 0;

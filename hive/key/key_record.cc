@@ -215,6 +215,35 @@ bool readKeyName(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& ou
   return true;
 }
 
+bool compareKeyName(RegistryHiveObj& hive, u32 nk, std::u16string_view upcased, int& order) {
+  // The checks of readKeyRecord, without its messages: a record failing
+  // them is left to the caller's way of opening a key, which reports it.
+  const hive_record* rec = hive.cacheLoadRecord(nk);
+  if (!rec || rec->signature() != N::SIGNATURE || !rec->used() || rec->length() < N::HEADER_SIZE) return false;
+  const u32 nameLength = rec->u16At(N::OFS_NAME_LENGTH);
+  if (nameLength + N::HEADER_SIZE > rec->length()) return false;
+  const u8* name = rec->bytes() + N::OFS_NAME;
+  if ((rec->u16At(N::OFS_FLAGS) & N::FLAG_COMP_NAME) == 0) {
+    if (nameLength / 2 == 0) return false;
+    order = String::compareUpcased(upcased, nameLength / 2,
+                                   [&](size_t i) { return static_cast<char16_t>(L16(name + 2 * i)); });
+    return true;
+  }
+  if (nameLength == 0) return false;
+  // Every byte must have a character (Latin-1 has one for each).
+  const HiveCodepage codepage = hive.codepage();
+  char16_t c = 0;
+  if (codepage != latin1) {
+    for (u32 i = 0; i < nameLength; ++i)
+      if (!codepageToChar(codepage, name[i], c)) return false;
+  }
+  order = String::compareUpcased(upcased, nameLength, [&](size_t i) {
+    codepageToChar(codepage, name[i], c);
+    return c;
+  });
+  return true;
+}
+
 bool readKeyClass(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& out) {
   out.clear();
   if (key.classLength == 0 || key.classCell == INVALID_RECORD || key.classCell == 0) return true;

@@ -66,6 +66,12 @@ bool readKeyRecord(RegistryHiveObj& hive, u32 offset, KeyRecord& out, const hive
 // False, with the Latin-1 reading in `out`, when a byte has no character in
 // the codepage; false and empty when the record cannot be loaded.
 bool readKeyName(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& out);
+// Orders a sought name against the name stored in the nk record at `nk`,
+// read in place: `upcased` went through String::upcase unit by unit, and
+// the result is that of String::compareIgnoreCase. False, without a
+// result, when the record cannot be read that simply (damaged, an empty
+// name, a byte the codepage lacks): such a subkey is judged by opening it.
+bool compareKeyName(RegistryHiveObj& hive, u32 nk, std::u16string_view upcased, int& order);
 // The class name (UTF-16LE in a record of its own); empty when the key has
 // none. False when the class record cannot be read or is too small for
 // the length the key gives.

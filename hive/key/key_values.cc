@@ -1,5 +1,6 @@
 // The value list of a key: the list record (one vk offset per value, in
-// creation order), the cache of value objects, and the value operations.
+// creation order), the cache of value objects, the index of value names,
+// and the value operations.
 #include "hive/key/key_iterator.h"
 #include "hive/key/key_obj.h"
 #include "hive/value/value_obj.h"
@@ -17,6 +18,7 @@ bool KeyObj::initValues() {
   if (!_valid) return false;
   if (_values.size() == _numOfValues) return true;
   _values.clear();
+  dropValueIndex();
   std::vector<u32> offsets;
   if (!loadValueList(*_hive, record(), offsets)) return false;
   _values.resize(offsets.size());
@@ -56,10 +58,23 @@ Ref<Value> KeyObj::value(Ref<String> name) {
   }
   if (!initValues()) return nullptr;
   const Ref<String> sought = name->upper();
+  if (_numOfValues > VALUE_INDEX_MIN) {
+    if (!_valueIndexBuilt) buildValueIndex();
+    auto it = _valueIndex.find(sought->units());
+    if (it != _valueIndex.end()) {
+      if (Ref<ValueObj> v = value(it->second)) return v;
+    }
+    Error::set(Errors::VALUE_NOT_FOUND);
+    return nullptr;
+  }
+  // A short list is read through: cheaper than an index.
+  std::u16string upcased(sought->units());
+  for (char16_t& c : upcased) c = String::upcase(c);
   for (u32 i = 0; i < _numOfValues; ++i) {
     // Most values are told apart by their records alone: an object is
     // made only for a value that may be the one sought.
-    if (i < _values.size() && valueNameDiffers(i, sought->units())) continue;
+    int order = 0;
+    if (i < _values.size() && compareValueName(*_hive, _values[i].offset, upcased, order) && order != 0) continue;
     Ref<ValueObj> v = value(i);
     if (!v) continue;
     Ref<String> vName = v->name();
@@ -69,26 +84,53 @@ Ref<Value> KeyObj::value(Ref<String> name) {
   return nullptr;
 }
 
-bool KeyObj::valueNameDiffers(u32 index, const std::u16string& sought) {
-  if (Ref<ValueObj> live = _values[index].object.lock()) {
-    const Ref<String> name = live->name();
-    return name && compareUpper(sought, name->length(), [&](size_t i) { return name->at(i); }) != 0;
+// Every value whose record makes a valid ValueObj, by its name upper-cased
+// as value(name) compares it; of equal names the first position.
+void KeyObj::buildValueIndex() {
+  dropValueIndex();
+  _valueIndex.reserve(_values.size());
+  for (u32 i = 0; i < _values.size(); ++i) {
+    ValueRecord rec;
+    std::u16string name;
+    if (!readValueRecord(*_hive, _values[i].offset, rec)) continue;
+    readValueName(*_hive, rec, name);
+    for (char16_t& c : name) c = String::upcase(c);
+    if (!_valueIndex.emplace(std::move(name), i).second) _valueIndexDuplicates = true;
   }
-  // The checks of the ValueObj constructor that decide its name; the name
-  // is decoded as it decodes it (a byte the codepage lacks stands for
-  // itself).
-  const hive_record* rec = _hive->cacheLoadRecord(_values[index].offset);
-  if (!rec || rec->signature() != VK::SIGNATURE || !rec->used()) return false;
-  const u32 nameLength = rec->u16At(VK::OFS_NAME_LENGTH);
-  if (nameLength + VK::HEADER_SIZE > rec->length()) return false;
-  const u8* name = rec->bytes() + VK::OFS_NAME;
-  if ((rec->u16At(VK::OFS_FLAGS) & VK::FLAG_COMP_NAME) == 0)
-    return compareUpper(sought, nameLength / 2,
-                        [&](size_t i) { return static_cast<char16_t>(L16(name + 2 * i)); }) != 0;
-  return compareUpper(sought, nameLength, [&](size_t i) {
-           char16_t c;
-           return codepageToChar(_codepage, name[i], c) ? c : static_cast<char16_t>(name[i]);
-         }) != 0;
+  _valueIndexBuilt = true;
+}
+
+void KeyObj::dropValueIndex() {
+  _valueIndex.clear();
+  _valueIndexBuilt = false;
+  _valueIndexDuplicates = false;
+}
+
+void KeyObj::indexValueAppended(const Ref<ValueObj>& value) {
+  if (!_valueIndexBuilt) return;
+  const Ref<String> name = value->name();
+  if (!name) {
+    dropValueIndex();
+    return;
+  }
+  if (!_valueIndex.emplace(name->upper()->units(), _numOfValues - 1).second) _valueIndexDuplicates = true;
+}
+
+void KeyObj::indexValueRemoved(u32 index) {
+  if (!_valueIndexBuilt) return;
+  // With two values of one name, the other one would have to take over.
+  if (_valueIndexDuplicates) {
+    dropValueIndex();
+    return;
+  }
+  for (auto it = _valueIndex.begin(); it != _valueIndex.end();) {
+    if (it->second == index) {
+      it = _valueIndex.erase(it);
+      continue;
+    }
+    if (it->second > index) --it->second;
+    ++it;
+  }
 }
 
 Ref<Value> KeyObj::createValue(Ref<String> name, ValueType type) {
@@ -148,6 +190,7 @@ bool KeyObj::linkValue(const Ref<ValueObj>& value) {
   }
   ++_numOfValues;
   _values.push_back(ValueEntry{WeakRef<ValueObj>(value), value->offset()});
+  indexValueAppended(value);
   setHeader32(N::OFS_NUM_VALUES, _numOfValues);
   setHeader32(N::OFS_VALUE_LIST, list);
   // Readers size their buffers by the longest value name.
@@ -193,6 +236,7 @@ bool KeyObj::unlinkValueAt(u32 index) {
   const u32 count = _numOfValues - 1;
   _values.erase(_values.begin() + index);
   _numOfValues = count;
+  indexValueRemoved(index);
   bool ok = true;
   if (count == 0) {
     ok = freeOwnRecord(_valueListCell, "value list");

@@ -56,30 +56,22 @@ bool RegistryHiveObj::writeRecoveredCopy(Ref<Interfaces::Stripe> target) {
     return false;
   }
 
-  // The hive bins data, in pieces, as the stripe reads it (the log's pages
-  // over the file's), with the hbins changed in the cache but not yet
-  // flushed laid over that.
+  // The hive bins data as the hive reads it now: the resident hbins (the
+  // log's pages over the file's, and changes not yet flushed); in unsafe
+  // mode, as the stripe reads it.
   constexpr u32 CHUNK = 1 << 20;
   const u32 length = hiveLength();
-  std::vector<u8> buffer(std::min(CHUNK, length));
+  std::vector<u8> buffer(_bins ? 0 : std::min(CHUNK, length));
   for (u32 done = 0; done < length;) {
     const u32 n = std::min(CHUNK, length - done);
     const u64 position = u64{HIVE_HEADER_SIZE} + done;
-    if (_stripe->readAt(position, buffer.data(), n) != n) {
+    const u8* bytes = _bins ? _bins + done : buffer.data();
+    if (!_bins && _stripe->readAt(position, buffer.data(), n) != n) {
       HK_LOG(hiveLog, 4) << "Failed to read hive data at " << position << " of size " << n
                          << " for the recovered copy; error: " << Log::hex(Error::get());
       return false;
     }
-    for (const CachedHbin& cached : _cachedHbins) {
-      if (!cached.dirty) continue;
-      const HbinEntry& hbin = _hbins[cached.hbinIdx];
-      const u64 from = std::max<u64>(hbin.offset, done),
-                to = std::min<u64>(u64{hbin.offset} + hbin.size, done + n);
-      if (from < to)
-        std::copy(_cache + cached.place + (from - hbin.offset), _cache + cached.place + (to - hbin.offset),
-                  buffer.begin() + (from - done));
-    }
-    if (target->writeAt(position, buffer.data(), n) != n) {
+    if (target->writeAt(position, bytes, n) != n) {
       HK_LOG(hiveLog, 4) << "Failed to write the recovered copy at " << position << " of size " << n
                          << "; error: " << Log::hex(Error::get());
       return false;

@@ -133,29 +133,79 @@ bool readValueName(RegistryHiveObj& hive, const ValueRecord& value, std::u16stri
   return true;
 }
 
-bool loadValueExtents(RegistryHiveObj& hive, const ValueRecord& value, ValueExtents& out) {
-  out = ValueExtents{};
-  HK_ASSERT(hiveLog, !value.resident, false);
+bool compareValueName(RegistryHiveObj& hive, u32 vk, std::u16string_view upcased, int& order) {
+  const hive_record* rec = hive.cacheLoadRecord(vk);
+  if (!rec || rec->signature() != VK::SIGNATURE || !rec->used()) return false;
+  const u32 nameLength = rec->u16At(VK::OFS_NAME_LENGTH);
+  if (nameLength + VK::HEADER_SIZE > rec->length()) return false;
+  const u8* name = rec->bytes() + VK::OFS_NAME;
+  if ((rec->u16At(VK::OFS_FLAGS) & VK::FLAG_COMP_NAME) == 0) {
+    order = String::compareUpcased(upcased, nameLength / 2,
+                                   [&](size_t i) { return static_cast<char16_t>(L16(name + 2 * i)); });
+    return true;
+  }
+  const HiveCodepage codepage = hive.codepage();
+  order = String::compareUpcased(upcased, nameLength, [&](size_t i) {
+    char16_t c;
+    return codepageToChar(codepage, name[i], c) ? c : static_cast<char16_t>(name[i]);
+  });
+  return true;
+}
+
+namespace {
+
+// The record named as the data of a value that is not resident; null
+// with the reason logged and BAD_VALUE_RECORD set.
+const hive_record* loadDataCell(RegistryHiveObj& hive, const ValueRecord& value) {
   const u32 dataCell = value.dataCell();
   if (dataCell == value.offset) {
     HK_LOG(hiveLog, 4) << "Data record of value is its vk record: " << Log::hex(dataCell);
-    return badRecord();
+    badRecord();
+    return nullptr;
   }
   const hive_record* hr = hive.cacheLoadRecord(dataCell);
   if (!hr) {
     HK_LOG(hiveLog, 4) << "Failed to load data record of value: " << Log::hex(value.offset)
                        << " data_cell: " << Log::hex(dataCell);
-    return badRecord();
+    badRecord();
   }
+  return hr;
+}
+
+// A data record holding all of the data (a value not in db form).
+bool singleRecordHolds(const hive_record* hr, const ValueRecord& value) {
+  if (static_cast<u64>(hr->length()) >= static_cast<u64>(value.dataSize) + 4) return true;
+  HK_LOG(hiveLog, 4) << "Size of data element is smaller than size value in vk record"
+                     << " size in vk: " << value.dataSize << " size of data element: " << hr->length()
+                     << " data_cell: " << Log::hex(value.dataCell());
+  return badRecord();
+}
+
+}  // namespace
+
+bool loadValueExtents(RegistryHiveObj& hive, const ValueRecord& value, ValueExtents& out) {
+  out = ValueExtents{};
+  HK_ASSERT(hiveLog, !value.resident, false);
+  const hive_record* hr = loadDataCell(hive, value);
+  if (!hr) return false;
   if (value.inDbForm()) return loadDbExtents(hive, value, hr, out);
-  if (static_cast<u64>(hr->length()) < static_cast<u64>(value.dataSize) + 4) {
-    HK_LOG(hiveLog, 4) << "Size of data element is smaller than size value in vk record"
-                       << " size in vk: " << value.dataSize << " size of data element: " << hr->length()
-                       << " data_cell: " << Log::hex(dataCell);
-    return badRecord();
-  }
-  out.extents.push_back(dataCell);
+  if (!singleRecordHolds(hr, value)) return false;
+  out.extents.push_back(value.dataCell());
   return true;
+}
+
+ValueDataPlace locateValueData(RegistryHiveObj& hive, const ValueRecord& value, const u8*& data) {
+  data = nullptr;
+  if (value.inDbForm()) return ValueDataPlace::fragments;
+  const hive_record* hr = value.resident ? hive.cacheLoadRecord(value.offset) : loadDataCell(hive, value);
+  if (!hr) return ValueDataPlace::damaged;
+  if (value.resident) {
+    data = hr->bytes() + VK::OFS_DATA;
+    return ValueDataPlace::inPlace;
+  }
+  if (!singleRecordHolds(hr, value)) return ValueDataPlace::damaged;
+  data = hr->bytes() + 4;
+  return ValueDataPlace::inPlace;
 }
 
 u32 readValueData(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents, u32 offset,

@@ -57,11 +57,25 @@ bool readValueRecord(RegistryHiveObj& hive, u32 offset, ValueRecord& out);
 // The stored name decoded (8-bit names through the hive's codepage, a byte
 // it lacks standing for itself). False when such a byte was met.
 bool readValueName(RegistryHiveObj& hive, const ValueRecord& value, std::u16string& out);
+// Orders a sought name against the name stored in the vk record at `vk`,
+// read in place and decoded as readValueName decodes it: `upcased` went
+// through String::upcase unit by unit, and the result is that of
+// String::compareIgnoreCase. False, without a result, when the record is
+// no vk record in use holding its name.
+bool compareValueName(RegistryHiveObj& hive, u32 vk, std::u16string_view upcased, int& order);
 // Finds and checks the records holding the data of a value that is not
 // resident: the data record is large enough, or the db record, its list
 // and every fragment are sound and are records of their own. False with the
 // reason logged and BAD_VALUE_RECORD set.
 bool loadValueExtents(RegistryHiveObj& hive, const ValueRecord& value, ValueExtents& out);
+
+// Where a value's data lies. inPlace: in one piece, in the vk record
+// (resident) or in one data record; `data` points at it, valid as record
+// pointers are (cacheLoadRecord). fragments: in a db list, to be read with
+// loadValueExtents and readValueData. damaged: the data record is not
+// sound (the reason logged, BAD_VALUE_RECORD set).
+enum class ValueDataPlace { inPlace, fragments, damaged };
+ValueDataPlace locateValueData(RegistryHiveObj& hive, const ValueRecord& value, const u8*& data);
 
 // Walks the extents from `offset` for `count` bytes, handing each piece to
 // `piece(extent, record, position in extent, bytes done, length)`, which
