@@ -28,6 +28,7 @@ Ref<FileView> FileView::map(int fd, u64 position, u64 length) {
     Error::set(Error::IO_ERROR | static_cast<u32>(errno));
     return nullptr;
   }
+  madvise(base, mapped, MADV_RANDOM);
   return Ref<FileView>(new FileView(base, mapped, static_cast<const u8*>(base) + skip, length));
 }
 

@@ -1,42 +1,30 @@
 #include "platform/object.h"
 
+#include <new>
+
 namespace Platform {
 
-Object* GcProxy::acquire() {
-  std::lock_guard<std::mutex> g(_lock);
-  Object* o = _object;
-  if (!o) return nullptr;
-  u32 c = o->_count.load(std::memory_order_relaxed);
-  while (c != 0) {
-    if (o->_count.compare_exchange_weak(c, c + 1, std::memory_order_acq_rel)) return o;
-  }
-  return nullptr;  // the last strong reference is being dropped
+static_assert(sizeof(ObjectHeader) == 16, "the header keeps the object 16-byte aligned");
+
+void* Object::operator new(size_t size) {
+  void* raw = ::operator new(sizeof(ObjectHeader) + size);
+  return new (raw) ObjectHeader + 1;
 }
 
-Object::~Object() {
-  GcProxy* p = _proxy.load(std::memory_order_acquire);
-  if (p) p->release();
+void Object::operator delete(void* object) noexcept {
+  if (object) releaseStorage(static_cast<ObjectHeader*>(object) - 1);
 }
 
-void Object::release() const {
-  if (_count.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
-  GcProxy* p = _proxy.load(std::memory_order_acquire);
-  if (p) {
-    // Detach under the proxy's lock: a concurrent acquire either saw the
-    // count at zero and failed, or has not started and finds no object.
-    std::lock_guard<std::mutex> g(p->_lock);
-    p->_object = nullptr;
-  }
-  delete this;
+void Object::releaseStorage(ObjectHeader* header) noexcept {
+  if (header->weak.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  header->~ObjectHeader();
+  ::operator delete(header);
 }
 
-GcProxy* Object::gcProxy() const {
-  GcProxy* p = _proxy.load(std::memory_order_acquire);
-  if (p) return p;
-  GcProxy* fresh = new GcProxy(const_cast<Object*>(this));
-  if (_proxy.compare_exchange_strong(p, fresh, std::memory_order_acq_rel)) return fresh;
-  delete fresh;
-  return p;
+ObjectHeader* Object::header() const {
+  // The storage starts with the most derived object, whatever the place of
+  // this Object within it.
+  return static_cast<ObjectHeader*>(const_cast<void*>(dynamic_cast<const void*>(this))) - 1;
 }
 
 }  // namespace Platform

@@ -1,15 +1,20 @@
 // Counted objects, strong references and race-free weak references.
 //
 // An Object starts with no owner; the first Ref takes it. Weak references
-// go through the object's GcProxy, a small control block that outlives the
-// object: the object clears the proxy before it is destroyed, and a weak
-// reference is turned into a strong one only under the proxy's lock and
-// only while the count is still above zero, so it can never revive an
-// object that is being destroyed.
+// need no lock and no block of their own: every Object made with `new`
+// carries a small header in front of it with the count of weak references
+// (plus one while the object lives). When the last strong reference goes
+// the object is destroyed as usual, but its memory is given back only when
+// no weak reference is left, so a weak reference can always look at the
+// strong count: it turns into a strong one only by raising a count that is
+// still above zero, and a count that reached zero never rises again.
+//
+// Objects are made with new (makeRef); one on the stack or inside another
+// object must never get a Ref that drops it, nor a weak reference.
 #pragma once
 
 #include <atomic>
-#include <mutex>
+#include <cstddef>
 #include <type_traits>
 #include <utility>
 
@@ -19,25 +24,10 @@ namespace Platform {
 
 class Object;
 
-class GcProxy {
- public:
-  // Strong reference to the object, or null once it is gone.
-  Object* acquire();
-  bool alive() {
-    std::lock_guard<std::mutex> g(_lock);
-    return _object != nullptr;
-  }
-  void retain() { _refs.fetch_add(1, std::memory_order_relaxed); }
-  void release() {
-    if (_refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
-  }
-
- private:
-  friend class Object;
-  explicit GcProxy(Object* o) : _object(o) {}
-  std::mutex _lock;
-  Object* _object;
-  std::atomic<u32> _refs{1};  // one for the object itself
+// In front of every Object made with new.
+struct alignas(16) ObjectHeader {
+  // Weak references, plus one while the object lives.
+  std::atomic<u32> weak{1};
 };
 
 class Object {
@@ -45,18 +35,34 @@ class Object {
   Object() = default;
   Object(const Object&) = delete;
   Object& operator=(const Object&) = delete;
-  virtual ~Object();
+  virtual ~Object() = default;
+
+  // Storage with an ObjectHeader in front; delete keeps it while weak
+  // references remain.
+  static void* operator new(size_t size);
+  static void operator delete(void* object) noexcept;
 
   void retain() const { _count.fetch_add(1, std::memory_order_relaxed); }
-  void release() const;
+  void release() const {
+    if (_count.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
+  }
   u32 refCount() const { return _count.load(std::memory_order_relaxed); }
-  // The control block for weak references, made on first use.
-  GcProxy* gcProxy() const;
+  // One more strong reference, unless the object is already being
+  // destroyed (the count reached zero): then false.
+  bool tryRetain() const {
+    u32 c = _count.load(std::memory_order_relaxed);
+    while (c != 0) {
+      if (_count.compare_exchange_weak(c, c + 1, std::memory_order_acq_rel, std::memory_order_relaxed)) return true;
+    }
+    return false;
+  }
+  // The header of this (living) object's storage.
+  ObjectHeader* header() const;
+  // Drops one weak share of a storage; the last one frees it.
+  static void releaseStorage(ObjectHeader* header) noexcept;
 
  private:
-  friend class GcProxy;
   mutable std::atomic<u32> _count{0};
-  mutable std::atomic<GcProxy*> _proxy{nullptr};
 };
 
 template <class T>
@@ -118,12 +124,12 @@ class WeakRef {
     }
     return *this;
   }
-  WeakRef(WeakRef&& o) noexcept : _proxy(std::exchange(o._proxy, nullptr)), _raw(o._raw) {}
+  WeakRef(WeakRef&& o) noexcept : _header(std::exchange(o._header, nullptr)), _raw(std::exchange(o._raw, nullptr)) {}
   WeakRef& operator=(WeakRef&& o) noexcept {
     if (this != &o) {
       clear();
-      _proxy = std::exchange(o._proxy, nullptr);
-      _raw = o._raw;
+      _header = std::exchange(o._header, nullptr);
+      _raw = std::exchange(o._raw, nullptr);
     }
     return *this;
   }
@@ -131,34 +137,32 @@ class WeakRef {
 
   // The object as a strong reference, or null when it is gone.
   Ref<T> lock() const {
-    if (!_proxy) return nullptr;
-    Object* o = _proxy->acquire();
-    if (!o) return nullptr;
+    if (!_raw || !static_cast<const Object*>(_raw)->tryRetain()) return nullptr;
     return Ref<T>::adopt(_raw);
   }
-  bool empty() const { return !_proxy; }
+  bool empty() const { return !_raw; }
   // True when this refers to exactly the given, still living object. An
   // address alone is not enough: a dead object's address may be reused.
-  bool is(const T* p) const { return p && _proxy && _raw == p && _proxy->alive(); }
+  bool is(const T* p) const { return p && _raw == p && static_cast<const Object*>(_raw)->refCount() != 0; }
   void clear() {
-    if (_proxy) _proxy->release();
-    _proxy = nullptr;
+    if (_header) Object::releaseStorage(_header);
+    _header = nullptr;
     _raw = nullptr;
   }
 
  private:
   void reset(T* p) {
     if (!p) return;
-    _proxy = p->gcProxy();
-    _proxy->retain();
+    _header = p->header();
+    _header->weak.fetch_add(1, std::memory_order_relaxed);
     _raw = p;
   }
   void copyFrom(const WeakRef& o) {
-    _proxy = o._proxy;
+    _header = o._header;
     _raw = o._raw;
-    if (_proxy) _proxy->retain();
+    if (_header) _header->weak.fetch_add(1, std::memory_order_relaxed);
   }
-  GcProxy* _proxy = nullptr;
+  ObjectHeader* _header = nullptr;
   T* _raw = nullptr;
 };
 

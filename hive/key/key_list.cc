@@ -65,39 +65,26 @@ bool KeyObj::initSubkeys() {
   _keyObjects.clear();
   SubkeyList list;
   const bool loaded = loadSubkeyList(*_hive, record(), list);
-  _keyList = std::move(list.entries);
+  _keyList.assign(std::move(list.entries));
   _tree = std::move(list.sublists);
   _twoLevelList = list.twoLevel;
   _hashlessEntries = list.hashless;
-  if (!loaded) {
-    _keyList.shrink_to_fit();
-    return false;
-  }
+  if (!loaded) return false;
   // A key without a list record keeps the type it has.
   if (_keyListCell != 0 || _numOfKeys != 0) _listType = list.type;
   _subkeysLoaded = true;
   return true;
 }
 
-// The list's entries as the search reads them: a live object of an entry
-// speaks for its name; other entries are read from their records, and
-// opened (made into objects) only when that does not do.
+// The list's entries as the search reads them: from their records, and
+// opened (made into objects) only when that does not do. A live object of
+// an entry holds the name its record holds: a rename rewrites the record
+// before it changes the object.
 class KeyObj::ListNames final : public SubkeyNames {
  public:
   explicit ListNames(KeyObj& key) : _key(key) {}
   bool compare(u32 index, const std::u16string& upcased, int& order) override {
-    const u32 nk = _key._keyList[index].offset;
-    auto known = _key._keyObjects.find(nk);
-    if (known != _key._keyObjects.end()) {
-      if (Ref<KeyObj> live = known->second.lock()) {
-        // The object key(index) would hand out: its name, as it holds it.
-        const Ref<String> name = live->name();
-        if (!name || name->isEmpty()) return false;
-        order = String::compareUpcased(upcased, name->length(), [&](size_t i) { return name->at(i); });
-        return true;
-      }
-    }
-    return compareKeyName(*_key._hive, nk, upcased, order);
+    return compareKeyName(*_key._hive, _key._keyList[index].offset, upcased, order);
   }
   bool name(u32 index, Ref<String>& out) override {
     Ref<KeyObj> probe = _key.key(index);

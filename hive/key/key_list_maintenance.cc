@@ -113,7 +113,7 @@ bool KeyObj::convertLfToLiList() {
     HK_LOG(hiveLog, 4) << "Failed to convert LF list to LI list, key = " << _offset;
     return false;
   }
-  for (KeyEntry& e : _keyList) e.hash = 0;
+  _keyList.forEach([](KeyEntry& e) { e.hash = 0; });
   _hashlessEntries = true;
   HK_ASSERT(hiveLog, newKeyCell == _keyListCell, false);
   return true;
@@ -245,13 +245,13 @@ u32 KeyObj::writeKeyListRecord(u32 record, u32 first, u32 count, u32 unchanged) 
   if (width == 8) {
     // Entries that came from an li record carry no hash yet; one among the
     // unchanged ones gets it written, so the whole list is.
-    for (u32 i = _hashlessEntries ? 0 : unchanged; i < count; ++i) {
-      KeyEntry& e = _keyList[first + i];
-      if (e.hash != 0) continue;
-      if (i < unchanged) unchanged = 0;
+    const u32 from = _hashlessEntries ? 0 : unchanged;
+    _keyList.forRange(first + from, count - from, [&](size_t position, KeyEntry& e) {
+      if (e.hash != 0) return;
+      if (position - first < unchanged) unchanged = 0;
       u32 hash = 0;
-      if (subkeyHash(first + i, hash)) e.hash = hash;
-    }
+      if (subkeyHash(static_cast<u32>(position), hash)) e.hash = hash;
+    });
   }
 
   u32 cell = record;
@@ -276,12 +276,12 @@ u32 KeyObj::writeKeyListRecord(u32 record, u32 first, u32 count, u32 unchanged) 
   std::vector<u8> bytes(4 + width * (count - from));
   WB16(bytes.data(), signature);
   W16(bytes.data() + 2, static_cast<u16>(count));
-  for (u32 i = from; i < count; ++i) {
-    const KeyEntry& e = _keyList[first + i];
-    u8* item = bytes.data() + 4 + width * (i - from);
+  u8* item = bytes.data() + 4;
+  _keyList.forRange(first + from, count - from, [&](size_t, const KeyEntry& e) {
     W32(item, e.offset);
     if (width == 8) W32(item + 4, e.hash);
-  }
+    item += width;
+  });
   bool written = _hive->writeRecord(cell, bytes.data(), 4, from == 0 ? size - 4 : 4);
   if (written && from != 0 && from < count) {
     const u32 at = L::OFS_ITEMS + width * from;
@@ -306,7 +306,7 @@ bool KeyObj::insertKey(u32 position, u32 nkOffset, u32 hash) {
   sublistForInsert(position, sublist, first);
   HK_ASSERT(hiveLog, _tree[sublist].numOfkeys < 0xffffu, false);
 
-  _keyList.insert(_keyList.begin() + position, KeyEntry{hash, nkOffset});
+  _keyList.insert(position, KeyEntry{hash, nkOffset});
   if (hash == 0) _hashlessEntries = true;
   ++_tree[sublist].numOfkeys;
   ++_numOfKeys;
@@ -314,7 +314,7 @@ bool KeyObj::insertKey(u32 position, u32 nkOffset, u32 hash) {
   const u32 cell = writeKeyListRecord(old, first, _tree[sublist].numOfkeys, position - first);
   if (cell == INVALID_RECORD) {
     // Keep memory equal to the disk, which still holds the old list.
-    _keyList.erase(_keyList.begin() + position);
+    _keyList.erase(position);
     --_tree[sublist].numOfkeys;
     --_numOfKeys;
     return false;
@@ -347,7 +347,7 @@ bool KeyObj::unlinkKey(u32 position) {
   }
   bool ok = true;
   _keyObjects.erase(_keyList[position].offset);
-  _keyList.erase(_keyList.begin() + position);
+  _keyList.erase(position);
   --_tree[sublist].numOfkeys;
 
   if (_tree[sublist].numOfkeys > 0) {

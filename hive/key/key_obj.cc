@@ -13,15 +13,8 @@ KeyObj::KeyObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent)
   const hive_record* hr = nullptr;
   if (!readKeyRecord(*_hive, offset, rec, &hr)) return;
   for (u32 i = 0; i < hive_record_nk::HEADER_SIZE; ++i) _header[i] = hr->bytes()[i];
-  if (!_parent) {
-    _name = String::empty();
-  } else {
-    std::u16string name;
-    if (!readKeyName(*_hive, rec, name) && rec.compressedName())
-      HK_LOG(hiveLog, 3) << "Name of key could not be converted from codepaged name to Ref<String>. key:"
-                         << offset;
-    _name = String::fromUtf16(std::move(name));
-  }
+  // The name is decoded when first asked for (nameRef): a walk never asks.
+  if (!_parent) _name = String::empty();
   _numOfKeys = rec.numKeys;
   _keyListCell = rec.keyList;
   _numOfValues = rec.numValues;
@@ -58,7 +51,17 @@ KeyObj::~KeyObj() {
 Ref<String> KeyObj::name() {
   // A rename replaces _name and a delete clears _valid, both under the monitor.
   Mon::Lock lock(_hive->mon());
-  return _valid ? _name : nullptr;
+  return _valid ? nameRef() : nullptr;
+}
+
+const Ref<String>& KeyObj::nameRef() {
+  if (_name) return _name;
+  KeyRecord rec;
+  std::u16string name;
+  if (readKeyRecord(*_hive, _offset, rec) && !readKeyName(*_hive, rec, name) && rec.compressedName())
+    HK_LOG(hiveLog, 3) << "Name of key could not be converted from codepaged name to Ref<String>. key:" << _offset;
+  _name = String::fromUtf16(std::move(name));
+  return _name;
 }
 
 Ref<KeyObj> KeyObj::key(u32 index) {
@@ -121,10 +124,10 @@ u32 KeyObj::positionOfSubkey(const KeyObj* k) {
   if (!initSubkeys()) return INVALID_RECORD;
   // The list is sorted by name: look there first, then walk the offsets
   // (a damaged list need not be sorted).
-  if (k->_name) {
+  if (const Ref<String>& name = const_cast<KeyObj*>(k)->nameRef()) {
     Ref<KeyObj> found;
     u32 position = INVALID_RECORD;
-    if (binaryFindKey(k->_name, found, position) && position < _keyList.size() &&
+    if (binaryFindKey(name, found, position) && position < _keyList.size() &&
         _keyList[position].offset == k->_offset)
       return position;
   }

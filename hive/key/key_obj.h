@@ -13,6 +13,7 @@
 
 #include "hive/key/key_record.h"
 #include "hive/registry_hive.h"
+#include "platform/chunked_vector.h"
 
 namespace Libraries::Files::Hive {
 
@@ -55,6 +56,9 @@ class KeyObj : public Key {
 
   bool valid() const { return _valid; }
   u32 offset() const { return _offset; }
+  // The decoded name, read from the record the first time (callers hold
+  // the monitor); "" for the root key.
+  const Ref<String>& nameRef();
   u32 binaryNameLength() const { return L16(_header + hive_record_nk::OFS_NAME_LENGTH); }
   u32 sdOffset() const { return L32(_header + hive_record_nk::OFS_SK); }
   u32 keys() const { return _numOfKeys; }
@@ -87,8 +91,9 @@ class KeyObj : public Key {
   friend class ValueIteratorObj;
   friend class ValueObj;
 
-  // Trivially copyable, so that inserting into a long list is one memmove;
-  // the objects handed out live in _keyObjects, by nk offset.
+  // Trivially copyable, so that inserting into a long list moves bytes
+  // within one chunk of it; the objects handed out live in _keyObjects, by
+  // nk offset.
   using KeyEntry = SubkeyEntry;
   using TreeEntry = SubkeySublist;
   struct ValueEntry {
@@ -164,7 +169,7 @@ class KeyObj : public Key {
   Ref<RegistryHiveObj> _hive;
   Ref<KeyObj> _parent;
   u32 _offset;
-  std::vector<KeyEntry> _keyList;
+  ChunkedVector<KeyEntry> _keyList;
   std::unordered_map<u32, WeakRef<KeyObj>> _keyObjects;
   std::vector<TreeEntry> _tree;
   std::vector<ValueEntry> _values;

@@ -238,7 +238,7 @@ u32 KeyObj::setName(const Ref<String>& name, KeyListType type, u32 newParent, u3
   if (newOffset != oldOffset && initSubkeys()) {
     u8 parent[4];
     W32(parent, newOffset);
-    for (KeyEntry& e : _keyList) {
+    _keyList.forEach([&](KeyEntry& e) {
       auto known = _keyObjects.find(e.offset);
       if (known != _keyObjects.end()) {
         if (Ref<KeyObj> child = known->second.lock()) child->setHeader32(N::OFS_PARENT, newOffset);
@@ -249,7 +249,7 @@ u32 KeyObj::setName(const Ref<String>& name, KeyListType type, u32 newParent, u3
         HK_LOG(hiveLog, 3) << "Failed to update parent of subkey:" << e.offset << " Old parent:" << oldOffset
                            << " New parent:" << newOffset;
       }
-    }
+    });
   }
   return newOffset;
 }

@@ -31,11 +31,6 @@ ValueObj::ValueObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent)
   ValueRecord rec;
   if (!readValueRecord(*_hive, offset, rec)) return;
   _isV13 = rec.v13;
-  std::u16string name;
-  if (!readValueName(*_hive, rec, name) && rec.compressedName)
-    HK_LOG(hiveLog, 3) << "Name of value could not be converted from codepaged name to Ref<String>. value:"
-                       << Log::hex(offset);
-  _name = String::fromUtf16(std::move(name));
   _type = rec.type;
   _dataResident = rec.resident;
   _dataSize = rec.dataSize;
@@ -46,6 +41,23 @@ ValueObj::ValueObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent)
 }
 
 ValueObj::~ValueObj() = default;
+
+Ref<String> ValueObj::name() {
+  Mon::Lock lock(_hive->mon());
+  return nameRef();
+}
+
+const Ref<String>& ValueObj::nameRef() {
+  if (_name) return _name;
+  // Decoded when first asked for: a walk never asks.
+  const ValueRecord rec = asRecord();
+  std::u16string name;
+  if (!readValueName(*_hive, rec, name) && rec.compressedName)
+    HK_LOG(hiveLog, 3) << "Name of value could not be converted from codepaged name to Ref<String>. value:"
+                       << Log::hex(_offset);
+  _name = String::fromUtf16(std::move(name));
+  return _name;
+}
 
 Ref<KeyObj> ValueObj::parent() const {
   return _parent;
@@ -126,6 +138,8 @@ ValueRecord ValueObj::asRecord() const {
   r.dataSize = _dataSize;
   r.resident = _dataResident;
   r.v13 = _isV13;
+  r.nameLength = L16(_recordData + VK::OFS_NAME_LENGTH);
+  r.compressedName = (L16(_recordData + VK::OFS_FLAGS) & VK::FLAG_COMP_NAME) != 0;
   std::memcpy(r.fixed, _recordData, VK::HEADER_SIZE);
   return r;
 }
@@ -489,6 +503,7 @@ bool ValueObj::selfDelete() {
     return false;
   }
   if (!freeAllExtents()) return false;
+  nameRef();  // the object keeps its name when its record is gone
   _extents.clear();
   _dbListDataRecord = INVALID_RECORD;
   _valid = false;

@@ -34,10 +34,7 @@ class ValueObj : public Value {
   // Value
   // Reads of the fields a rename, setType or delete changes take the
   // monitor too: another thread may hold the same object.
-  Ref<String> name() override {
-    Mon::Lock lock(_hive->mon());
-    return _name;
-  }
+  Ref<String> name() override;
   ValueType type() override {
     Mon::Lock lock(_hive->mon());
     return _type;
@@ -69,6 +66,9 @@ class ValueObj : public Value {
 
   bool valid() const { return _valid; }
   u32 offset() const { return _offset; }
+  // The decoded name, read from the record the first time (callers hold
+  // the monitor).
+  const Ref<String>& nameRef();
   bool resident() const { return _dataResident; }
   bool resizableAsStripe() const {
     Mon::Lock lock(_hive->mon());
