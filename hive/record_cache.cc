@@ -181,7 +181,7 @@ u32 RegistryHiveObj::hbinFromOffset(u32 offset) {
 
 // ----------------------------------------------------------------- records
 
-const hive_record* RegistryHiveObj::cacheLoadRecord(u32 offset) {
+const hive_record* RegistryHiveObj::loadRecordChecked(u32 offset) {
   if (offset % ALIGN != 0) {
     HK_LOG(hiveLog, 4) << "Attempt to access record with invalid alignment, offset: " << offset;
     Error::set(Errors::MISALIGNED_RECORD);

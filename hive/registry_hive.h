@@ -117,7 +117,13 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
 
   // --- Records -----------------------------------------------------------
   // A used record at a multiple of 8, or null (0x2006 when misaligned).
-  const hive_record* cacheLoadRecord(u32 offset);
+  // Every record a reader touches comes through here, several times: the
+  // usual case is answered inline (residentRecord), and anything else takes
+  // the full path, which gives the same answer with its messages.
+  const hive_record* cacheLoadRecord(u32 offset) {
+    if (const hive_record* record = residentRecord(offset)) return record;
+    return loadRecordChecked(offset);
+  }
   // Also reports the hbin index; checks the record is free (expectUnused)
   // or used.
   const hive_record* cacheLoadRecord(u32 offset, u32* hbinIndex, bool expectUnused);
@@ -173,6 +179,12 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
                     u64& done) override;
 
  private:
+  const hive_record* loadRecordChecked(u32 offset);
+  // cacheLoadRecord's answer when every check passes on what is known
+  // already (the hbin's record starts built and up to date); null when any
+  // check fails or needs more (the full path then decides and reports).
+  const hive_record* residentRecord(u32 offset) const;
+
   // Where the record walk of one hbin lands: bits of _startBits (and, in a
   // writable hive, _freeBits), built by one walk from offset 32 the first
   // time a record of the hbin is validated. Size-field writes do not drop
@@ -316,5 +328,25 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   FirstFitIndex _freeIndex;
   Ref<ReadOnlyCache> _unsafeCache;
 };
+
+inline const hive_record* RegistryHiveObj::residentRecord(u32 offset) const {
+  if (offset % hive_hbin::RECORD_ALIGNMENT != 0 || (_mode & modeUnsafe) != 0) return nullptr;
+  const u32 page = offset / hive_hbin::PAGE;
+  if (page >= _pageHbin.size() || u64{offset} + 4 >= hiveLength()) return nullptr;
+  const u32 index = _pageHbin[page];
+  const HbinEntry& hbin = _hbins[index];
+  const u32 inHbin = offset - hbin.offset;
+  if (inHbin < hive_hbin::SIZE || u64{inHbin} + 4 > hbin.size) return nullptr;
+  const RecordStarts& starts = _recordStarts[index];
+  if (starts.state.load(std::memory_order_acquire) != RecordStarts::BUILT || starts.dirtyFrom < starts.dirtyTo ||
+      inHbin > starts.zeroAt)
+    return nullptr;
+  // An hbin's bits start at bit hbin.offset / 8 of _startBits.
+  const u32 bit = offset / hive_hbin::RECORD_ALIGNMENT;
+  if (((_startBits[bit / 64] >> (bit % 64)) & 1) == 0) return nullptr;
+  const hive_record* record = reinterpret_cast<const hive_record*>(_bins + offset);
+  if (!record->used() || u64{inHbin} + record->length() > hbin.size) return nullptr;
+  return record;
+}
 
 }  // namespace Libraries::Files::Hive

@@ -2,11 +2,14 @@
 
 namespace Platform::Error {
 namespace {
-thread_local u32 tlsError = 0;
-// clear() runs once per call of the public API: a plain flag spares it the
-// string (whose thread-local needs an initialisation check) when no
-// message was kept, which is nearly always.
-thread_local bool tlsHasNote = false;
+// clear() runs once per call of the public API. The code and a plain flag
+// sit in the static TLS block (initial-exec), reached without a call into
+// the dynamic linker; the flag spares clear() the string (whose
+// thread-local needs an initialisation check) when no message was kept,
+// which is nearly always. Five bytes fit the room every dynamic linker
+// keeps for libraries loaded later (dlopen).
+[[gnu::tls_model("initial-exec")]] thread_local u32 tlsError = 0;
+[[gnu::tls_model("initial-exec")]] thread_local bool tlsHasNote = false;
 thread_local std::string tlsNote;
 }  // namespace
 

@@ -1,5 +1,7 @@
 #include "platform/text_writer.h"
 
+#include <algorithm>
+
 #include "platform/endian.h"
 
 namespace Platform {
@@ -41,6 +43,18 @@ TextWriter::~TextWriter() {
 
 bool TextWriter::print(std::u16string_view text) {
   if (_failed) return false;
+  if (_encoding == Encoding::Utf16LE) {
+    // Units go out as they are: a run at a time, as much as the buffer holds.
+    for (size_t i = 0; i < text.size();) {
+      if (_used + 2 > _buffer.size() && !writeOut()) return false;
+      const size_t n = std::min(text.size() - i, (_buffer.size() - _used) / 2);
+      u8* out = _buffer.data() + _used;
+      for (size_t k = 0; k < n; ++k) W16(out + 2 * k, text[i + k]);
+      _used += 2 * n;
+      i += n;
+    }
+    return true;
+  }
   for (char16_t unit : text) {
     if (_used + MAX_UNIT_BYTES > _buffer.size() && !writeOut()) return false;
     putUnit(unit);

@@ -178,14 +178,23 @@ bool RegFileExporter::exportBinary(const Ref<Value>& value, u32 type) {
       return false;
     }
     _budget.charge(0, want);
-    _line.clear();
-    for (u64 i = 0; i < want; ++i, ++done) {
-      if (done != 0 && done % BYTES_PER_LINE == 0) _line += u"\\\r\n  ";
-      _line += HEX[_chunk[i] >> 4];
-      _line += HEX[_chunk[i] & 0xF];
-      if (done + 1 != size) _line += u',';
+    // Three units a byte and five a continuation, written in place.
+    _line.resize(3 * want + 5 * (want / BYTES_PER_LINE + 1));
+    char16_t* out = _line.data();
+    // Bytes on the current line so far (a full line when a chunk starts at
+    // the end of one).
+    u64 column = done % BYTES_PER_LINE;
+    if (column == 0 && done != 0) column = BYTES_PER_LINE;
+    for (u64 i = 0; i < want; ++i, ++done, ++column) {
+      if (column == BYTES_PER_LINE) {
+        for (char16_t c : std::u16string_view(u"\\\r\n  ")) *out++ = c;
+        column = 0;
+      }
+      *out++ = HEX[_chunk[i] >> 4];
+      *out++ = HEX[_chunk[i] & 0xF];
+      if (done + 1 != size) *out++ = u',';
     }
-    _out->print(_line);
+    _out->print(std::u16string_view(_line.data(), static_cast<size_t>(out - _line.data())));
   }
   _out->endLine();
   return true;
