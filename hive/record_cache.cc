@@ -146,7 +146,7 @@ void RegistryHiveObj::appendHbin(const HbinEntry& entry) {
   const u32 index = static_cast<u32>(_hbins.size());
   _hbins.push_back(entry);
   _dirty.push_back(0);
-  _recordStarts.emplace_back();
+  _recordStarts.emplace_back(entry.offset, entry.size);
   _pageHbin.insert(_pageHbin.end(), entry.size / PAGE, index);
   const size_t words = (u64{entry.offset} + entry.size) / WORD_BYTES;
   _startBits.resize(words);

@@ -193,6 +193,9 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // behind it.
   struct RecordStarts {
     enum : u8 { UNBUILT = 0, BUILDING = 1, BUILT = 2 };
+    // The hbin's place, as in the table: a record lookup reads one entry.
+    u32 offset = 0;
+    u32 size = 0;
     // Readers of a read-only hive take no lock: the thread that builds the
     // bits publishes them with this (release after the bits, acquire
     // before reading them); a thread that finds them being built walks the
@@ -209,8 +212,11 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
 
     RecordStarts() = default;
     // Moved only while the table grows, under the monitor.
+    RecordStarts(u32 offset, u32 size) : offset(offset), size(size) {}
     RecordStarts(const RecordStarts& o)
-        : state(o.state.load(std::memory_order_relaxed)),
+        : offset(o.offset),
+          size(o.size),
+          state(o.state.load(std::memory_order_relaxed)),
           offGrid(o.offGrid),
           zeroAt(o.zeroAt),
           dirtyFrom(o.dirtyFrom),
@@ -333,11 +339,9 @@ inline const hive_record* RegistryHiveObj::residentRecord(u32 offset) const {
   if (offset % hive_hbin::RECORD_ALIGNMENT != 0 || (_mode & modeUnsafe) != 0) return nullptr;
   const u32 page = offset / hive_hbin::PAGE;
   if (page >= _pageHbin.size() || u64{offset} + 4 >= hiveLength()) return nullptr;
-  const u32 index = _pageHbin[page];
-  const HbinEntry& hbin = _hbins[index];
-  const u32 inHbin = offset - hbin.offset;
-  if (inHbin < hive_hbin::SIZE || u64{inHbin} + 4 > hbin.size) return nullptr;
-  const RecordStarts& starts = _recordStarts[index];
+  const RecordStarts& starts = _recordStarts[_pageHbin[page]];
+  const u32 inHbin = offset - starts.offset;
+  if (inHbin < hive_hbin::SIZE || u64{inHbin} + 4 > starts.size) return nullptr;
   if (starts.state.load(std::memory_order_acquire) != RecordStarts::BUILT || starts.dirtyFrom < starts.dirtyTo ||
       inHbin > starts.zeroAt)
     return nullptr;
@@ -345,7 +349,7 @@ inline const hive_record* RegistryHiveObj::residentRecord(u32 offset) const {
   const u32 bit = offset / hive_hbin::RECORD_ALIGNMENT;
   if (((_startBits[bit / 64] >> (bit % 64)) & 1) == 0) return nullptr;
   const hive_record* record = reinterpret_cast<const hive_record*>(_bins + offset);
-  if (!record->used() || u64{inHbin} + record->length() > hbin.size) return nullptr;
+  if (!record->used() || u64{inHbin} + record->length() > starts.size) return nullptr;
   return record;
 }
 

@@ -23,7 +23,7 @@ class ChunkedVector {
   static_assert(std::is_trivially_copyable_v<T>, "ChunkedVector moves elements as bytes");
 
  public:
-  static constexpr size_t MAX_CHUNK = 1024;
+  static constexpr size_t MAX_CHUNK = 256;
 
   ChunkedVector() = default;
   explicit ChunkedVector(std::vector<T> elements) { assign(std::move(elements)); }

@@ -1,19 +1,36 @@
 // Byte-order-safe access to little-endian (and a few big-endian) fields.
 //
-// Every on-disk integer is read and written through these helpers, byte by
-// byte, so the library behaves the same on hosts of either byte order and
-// never depends on the alignment of the buffer it reads from.
+// Every on-disk integer is read and written through these helpers, so the
+// library behaves the same on hosts of either byte order and never depends
+// on the alignment of the buffer it reads from. A little-endian host copies
+// the bytes as they are (one unaligned move); any other host assembles
+// them byte by byte.
 #pragma once
+
+#include <bit>
+#include <cstring>
 
 #include "platform/types.h"
 
 namespace Platform {
 
+constexpr bool HOST_LITTLE_ENDIAN = std::endian::native == std::endian::little;
+
 inline u16 L16(const void* p) {
+  if constexpr (HOST_LITTLE_ENDIAN) {
+    u16 v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+  }
   const u8* b = static_cast<const u8*>(p);
   return static_cast<u16>(b[0] | (b[1] << 8));
 }
 inline u32 L32(const void* p) {
+  if constexpr (HOST_LITTLE_ENDIAN) {
+    u32 v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+  }
   const u8* b = static_cast<const u8*>(p);
   return static_cast<u32>(b[0]) | (static_cast<u32>(b[1]) << 8) | (static_cast<u32>(b[2]) << 16) |
          (static_cast<u32>(b[3]) << 24);
@@ -35,11 +52,19 @@ inline u32 B32(const void* p) {
 }
 
 inline void W16(void* p, u16 v) {
+  if constexpr (HOST_LITTLE_ENDIAN) {
+    std::memcpy(p, &v, sizeof v);
+    return;
+  }
   u8* b = static_cast<u8*>(p);
   b[0] = static_cast<u8>(v);
   b[1] = static_cast<u8>(v >> 8);
 }
 inline void W32(void* p, u32 v) {
+  if constexpr (HOST_LITTLE_ENDIAN) {
+    std::memcpy(p, &v, sizeof v);
+    return;
+  }
   u8* b = static_cast<u8*>(p);
   b[0] = static_cast<u8>(v);
   b[1] = static_cast<u8>(v >> 8);

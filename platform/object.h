@@ -141,6 +141,8 @@ class WeakRef {
     return Ref<T>::adopt(_raw);
   }
   bool empty() const { return !_raw; }
+  // The object is gone (or there never was one).
+  bool expired() const { return !_raw || static_cast<const Object*>(_raw)->refCount() == 0; }
   // True when this refers to exactly the given, still living object. An
   // address alone is not enough: a dead object's address may be reused.
   bool is(const T* p) const { return p && _raw == p && static_cast<const Object*>(_raw)->refCount() != 0; }

@@ -65,7 +65,9 @@ bool KeyObj::initSubkeys() {
   _keyObjects.clear();
   SubkeyList list;
   const bool loaded = loadSubkeyList(*_hive, record(), list);
-  _keyList.assign(std::move(list.entries));
+  std::vector<KeyEntry> entries(list.entries.size());
+  for (size_t i = 0; i < entries.size(); ++i) entries[i] = KeyEntry{list.entries[i].hash, list.entries[i].offset, {}};
+  _keyList.assign(std::move(entries));
   _tree = std::move(list.sublists);
   _twoLevelList = list.twoLevel;
   _hashlessEntries = list.hashless;
@@ -84,7 +86,15 @@ class KeyObj::ListNames final : public SubkeyNames {
  public:
   explicit ListNames(KeyObj& key) : _key(key) {}
   bool compare(u32 index, const std::u16string& upcased, int& order) override {
-    return compareKeyName(*_key._hive, _key._keyList[index].offset, upcased, order);
+    KeyEntry& entry = _key._keyList[index];
+    if (!_sought.known()) _sought = NamePrefix::of(upcased);
+    if (entry.prefix.known()) {
+      order = _sought.compare(entry.prefix);
+      if (order != 0) return true;
+    }
+    if (!compareKeyName(*_key._hive, entry.offset, upcased, order, &_units)) return false;
+    if (!entry.prefix.known()) entry.prefix = NamePrefix::of(_units);
+    return true;
   }
   bool name(u32 index, Ref<String>& out) override {
     Ref<KeyObj> probe = _key.key(index);
@@ -95,7 +105,18 @@ class KeyObj::ListNames final : public SubkeyNames {
 
  private:
   KeyObj& _key;
+  NamePrefix _sought;
+  std::u16string _units;  // the first units of a probed name, upper-cased
 };
+
+KeyObj::NamePrefix KeyObj::NamePrefix::of(std::u16string_view upcased) {
+  NamePrefix p;
+  for (size_t i = 0; i < 8 && i < upcased.size(); ++i) {
+    u64& word = i < 4 ? p.high : p.low;
+    word |= u64{upcased[i]} << (16 * (3 - i % 4));
+  }
+  return p;
+}
 
 bool KeyObj::binaryFindKey(const Ref<String>& name, Ref<KeyObj>& found, u32& position) {
   found = nullptr;

@@ -242,11 +242,11 @@ u32 KeyObj::writeKeyListRecord(u32 record, u32 first, u32 count, u32 unchanged) 
   }
   const u32 size = L::OFS_ITEMS + width * count;
   unchanged = std::min(unchanged, count);
-  if (width == 8) {
+  if (width == 8 && _hashlessEntries) {
     // Entries that came from an li record carry no hash yet; one among the
-    // unchanged ones gets it written, so the whole list is.
-    const u32 from = _hashlessEntries ? 0 : unchanged;
-    _keyList.forRange(first + from, count - from, [&](size_t position, KeyEntry& e) {
+    // unchanged ones gets it written, so the whole list is. (Without such
+    // entries there is nothing to look for.)
+    _keyList.forRange(first, count, [&](size_t position, KeyEntry& e) {
       if (e.hash != 0) return;
       if (position - first < unchanged) unchanged = 0;
       u32 hash = 0;
@@ -264,7 +264,11 @@ u32 KeyObj::writeKeyListRecord(u32 record, u32 first, u32 count, u32 unchanged) 
   } else {
     const hive_record* rec = _hive->cacheLoadRecord(cell);
     if (!rec || rec->length() < size) {
-      cell = _hive->resizeRecord(cell, size, false, nullptr, true);
+      // A list that grew grows again: room for a quarter more entries, so
+      // that the next insertions find it in place (where the record cannot
+      // grow, it moves and is written whole).
+      const u32 room = L::OFS_ITEMS + width * std::min<u32>(0xffff, count + count / 4);
+      cell = _hive->resizeRecord(cell, std::max(size, room), false, nullptr, true);
       if (cell == INVALID_RECORD) {
         HK_LOG(hiveLog, 4) << "Failed to resize record to write key list. key record = " << _offset;
         return INVALID_RECORD;
@@ -273,7 +277,9 @@ u32 KeyObj::writeKeyListRecord(u32 record, u32 first, u32 count, u32 unchanged) 
   }
   // A record that stayed where it was keeps the unchanged entries.
   const u32 from = cell == record ? unchanged : 0;
-  std::vector<u8> bytes(4 + width * (count - from));
+  thread_local std::vector<u8> scratch;
+  std::vector<u8>& bytes = scratch;
+  bytes.resize(4 + width * (count - from));
   WB16(bytes.data(), signature);
   W16(bytes.data() + 2, static_cast<u16>(count));
   u8* item = bytes.data() + 4;
@@ -306,7 +312,7 @@ bool KeyObj::insertKey(u32 position, u32 nkOffset, u32 hash) {
   sublistForInsert(position, sublist, first);
   HK_ASSERT(hiveLog, _tree[sublist].numOfkeys < 0xffffu, false);
 
-  _keyList.insert(position, KeyEntry{hash, nkOffset});
+  _keyList.insert(position, KeyEntry{hash, nkOffset, {}});
   if (hash == 0) _hashlessEntries = true;
   ++_tree[sublist].numOfkeys;
   ++_numOfKeys;

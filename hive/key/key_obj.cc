@@ -84,6 +84,12 @@ Ref<KeyObj> KeyObj::key(u32 index) {
                        << ", key: " << _offset << ", index: " << index;
     return nullptr;
   }
+  // A dead object's storage lasts while its entry does: entries of objects
+  // gone are dropped whenever the map has doubled since they last were.
+  if (_keyObjects.size() >= _keyObjectsSweepAt) {
+    std::erase_if(_keyObjects, [](const auto& entry) { return entry.second.expired(); });
+    _keyObjectsSweepAt = std::max<size_t>(64, 2 * _keyObjects.size());
+  }
   _keyObjects[nk] = WeakRef<KeyObj>(k);
   return k;
 }

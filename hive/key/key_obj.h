@@ -91,10 +91,31 @@ class KeyObj : public Key {
   friend class ValueIteratorObj;
   friend class ValueObj;
 
+  // The first units of a name, upper-cased as the subkey search compares
+  // them and packed so that comparing two prefixes orders the names they
+  // begin (a difference in the first eight units decides; equal prefixes
+  // decide nothing). Both words 0: not known yet.
+  struct NamePrefix {
+    u64 high = 0, low = 0;
+    bool known() const { return (high | low) != 0; }
+    // <0, 0 (undecided), >0.
+    int compare(const NamePrefix& o) const {
+      if (high != o.high) return high < o.high ? -1 : 1;
+      if (low != o.low) return low < o.low ? -1 : 1;
+      return 0;
+    }
+    // Of units that went through String::upcase already.
+    static NamePrefix of(std::u16string_view upcased);
+  };
   // Trivially copyable, so that inserting into a long list moves bytes
   // within one chunk of it; the objects handed out live in _keyObjects, by
-  // nk offset.
-  using KeyEntry = SubkeyEntry;
+  // nk offset. The prefix is learned the first time the search reads the
+  // entry's record, and spares it that read whenever it decides.
+  struct KeyEntry {
+    u32 hash;
+    u32 offset;
+    NamePrefix prefix;
+  };
   using TreeEntry = SubkeySublist;
   struct ValueEntry {
     WeakRef<ValueObj> object;
@@ -171,6 +192,7 @@ class KeyObj : public Key {
   u32 _offset;
   ChunkedVector<KeyEntry> _keyList;
   std::unordered_map<u32, WeakRef<KeyObj>> _keyObjects;
+  size_t _keyObjectsSweepAt = 64;
   std::vector<TreeEntry> _tree;
   std::vector<ValueEntry> _values;
   // Value lookup by name in a key of more than VALUE_INDEX_MIN values:

@@ -215,7 +215,8 @@ bool readKeyName(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& ou
   return true;
 }
 
-bool compareKeyName(RegistryHiveObj& hive, u32 nk, std::u16string_view upcased, int& order) {
+bool compareKeyName(RegistryHiveObj& hive, u32 nk, std::u16string_view upcased, int& order,
+                    std::u16string* prefix) {
   // The checks of readKeyRecord, without its messages: a record failing
   // them is left to the caller's way of opening a key, which reports it.
   const hive_record* rec = hive.cacheLoadRecord(nk);
@@ -225,8 +226,12 @@ bool compareKeyName(RegistryHiveObj& hive, u32 nk, std::u16string_view upcased, 
   const u8* name = rec->bytes() + N::OFS_NAME;
   if ((rec->u16At(N::OFS_FLAGS) & N::FLAG_COMP_NAME) == 0) {
     if (nameLength / 2 == 0) return false;
-    order = String::compareUpcased(upcased, nameLength / 2,
-                                   [&](size_t i) { return static_cast<char16_t>(L16(name + 2 * i)); });
+    auto unitAt = [&](size_t i) { return static_cast<char16_t>(L16(name + 2 * i)); };
+    order = String::compareUpcased(upcased, nameLength / 2, unitAt);
+    if (prefix) {
+      prefix->clear();
+      for (size_t i = 0; i < 8 && i < nameLength / 2; ++i) prefix->push_back(String::upcase(unitAt(i)));
+    }
     return true;
   }
   if (nameLength == 0) return false;
@@ -237,10 +242,15 @@ bool compareKeyName(RegistryHiveObj& hive, u32 nk, std::u16string_view upcased, 
     for (u32 i = 0; i < nameLength; ++i)
       if (!codepageToChar(codepage, name[i], c)) return false;
   }
-  order = String::compareUpcased(upcased, nameLength, [&](size_t i) {
+  auto unitAt = [&](size_t i) {
     codepageToChar(codepage, name[i], c);
     return c;
-  });
+  };
+  order = String::compareUpcased(upcased, nameLength, unitAt);
+  if (prefix) {
+    prefix->clear();
+    for (size_t i = 0; i < 8 && i < nameLength; ++i) prefix->push_back(String::upcase(unitAt(i)));
+  }
   return true;
 }
 

@@ -71,7 +71,10 @@ bool readKeyName(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& ou
 // the result is that of String::compareIgnoreCase. False, without a
 // result, when the record cannot be read that simply (damaged, an empty
 // name, a byte the codepage lacks): such a subkey is judged by opening it.
-bool compareKeyName(RegistryHiveObj& hive, u32 nk, std::u16string_view upcased, int& order);
+// `prefix`, when given, receives the stored name's first eight units (or
+// fewer), upper-cased as compared.
+bool compareKeyName(RegistryHiveObj& hive, u32 nk, std::u16string_view upcased, int& order,
+                    std::u16string* prefix = nullptr);
 // The class name (UTF-16LE in a record of its own); empty when the key has
 // none. False when the class record cannot be read or is too small for
 // the length the key gives.

@@ -43,6 +43,9 @@ Ref<ValueObj> KeyObj::value(u32 index) {
     return nullptr;
   }
   _values[index].object = WeakRef<ValueObj>(v);
+  // A dead object's storage lasts while its entry refers to it: values are
+  // mostly taken in order, so let the one before go as this one comes.
+  if (index > 0 && _values[index - 1].object.expired()) _values[index - 1].object.clear();
   return v;
 }
 

@@ -213,7 +213,15 @@ u32 ValueObj::read(void* buffer, u32 offset, u32 size) {
     Error::set(Errors::OBJECT_INVALID);
     return 0;
   }
-  if (clampCount(_dataSize, offset, size) == 0) return 0;
+  const u32 count = clampCount(_dataSize, offset, size);
+  if (count == 0) return 0;
+  if (!_dataResident && _extents.empty() && !inDbForm()) {
+    // Data in one record is read in place, without loading the extent list.
+    const u8* data = nullptr;
+    if (locateValueData(*_hive, asRecord(), data) != ValueDataPlace::inPlace) return 0;
+    std::memcpy(buffer, data + offset, count);
+    return count;
+  }
   if (!_dataResident && !initExtents()) return 0;
   return readValueData(*_hive, asRecord(), _extents, offset, buffer, size);
 }
