@@ -200,11 +200,14 @@ Subkeys Key::subkeys() const {
   KeyRecord rec;
   Status why;
   if (!readKey(call, offset_, rec, &why)) return Access::makeSubkeys(core_, {}, why);
-  SubkeyList list;
+  // The list is loaded into storage kept for the thread: a walk asks for
+  // the subkeys of every key, and only the offsets are handed on.
+  thread_local SubkeyList list;
   if (!loadSubkeyList(call.hive(), rec, list))
     return Access::makeSubkeys(core_, {}, engineStatus("cannot read the subkey list", Code::corrupt));
   std::vector<u32> offsets(list.entries.size());
   for (size_t i = 0; i < offsets.size(); ++i) offsets[i] = list.entries[i].offset;
+  if (list.entries.capacity() > 4096) list = SubkeyList{};  // a big one is not kept
   return Access::makeSubkeys(core_, std::move(offsets), Status());
 }
 

@@ -13,8 +13,11 @@
 #           'reged -x' from chntpw
 #   dump    'hivekit dump' (the canonical listing), against our own walk
 # and prints the median CPU time (user + system), wall time and peak RSS of
-# each, and the ratios ours / peer by median CPU time. A peer that is not
-# installed (Debian: libhivex-dev, chntpw) is skipped.
+# each, and the ratios ours / peer by median CPU time. Both walkers also
+# walk an empty hive, which measures what their programs cost before any
+# hive is read (start-up, run-time libraries): the peak RSS ratio is given
+# as measured and net of that. A peer that is not installed (Debian:
+# libhivex-dev, chntpw) is skipped.
 #
 # The library comes from BUILD_DIR (default build/release, configured and
 # built with the release preset when missing). Dirty hives without logs
@@ -55,6 +58,8 @@ REGED=$(command -v reged || true)
 [ -x /usr/sbin/reged ] && REGED=/usr/sbin/reged
 [ -n "$REGED" ] || echo "reged not installed (chntpw): export runs without the peer"
 HIVEKIT=$BUILD/hivekit
+EMPTY=$WORK/empty.hive
+"$HIVEKIT" new "$EMPTY" >/dev/null
 
 # run NAME COMMAND...: one measured run, appended to $WORK/NAME.
 run() {
@@ -98,11 +103,13 @@ for HIVE in "$@"; do
     if [ $((i % 2)) -eq 0 ]; then order="ours peer"; else order="peer ours"; fi
     for who in $order; do
       if [ $who = ours ]; then
+        run ours_empty "$WORK/hivekit_walk" walk "$EMPTY"
         run ours_walk "$WORK/hivekit_walk" walk "$HIVE"
         [ -z "$PICK" ] || run ours_deep "$WORK/hivekit_walk" deep "$HIVE" "$DEEP_PATH" "$DEEP_NAME"
         run ours_export "$HIVEKIT" export $DIRTY "$HIVE" -o "$WORK/ours.reg"
         run ours_dump "$HIVEKIT" dump $DIRTY "$HIVE"
       else
+        [ -z "$HIVEX" ] || run peer_empty "$HIVEX" walk "$EMPTY"
         [ -z "$HIVEX" ] || run peer_walk "$HIVEX" walk "$HIVE"
         [ -z "$HIVEX" ] || [ -z "$PICK" ] || run peer_deep "$HIVEX" deep "$HIVE" "$DEEP_PATH" "$DEEP_NAME"
         [ -z "$REGED" ] || run peer_export "$REGED" -x "$HIVE" 'HKEY_LOCAL_MACHINE\SYSTEM' '\' "$WORK/peer.reg"
@@ -115,11 +122,13 @@ for HIVE in "$@"; do
   printf '%s (%s rounds; medians; CPU = user + system)\n' "$HIVE" "$ROUNDS"
   [ -z "$PICK" ] || printf 'deep value: %s : %s\n' "$DEEP_PATH" "$DEEP_NAME"
   line "" "CPU ms" "wall ms" "RSS KiB" "failed"
-  for task in walk deep export dump; do
+  for task in empty walk deep export dump; do
     for who in ours peer; do
       [ -s "$WORK/${who}_$task" ] || continue
       set -- $(stats "${who}_$task")
       case $who$task in
+        peerempty) label="hivex empty hive" ;;
+        oursempty) label="hivekit empty hive" ;;
         peerwalk | peerdeep) label="hivex $task" ;;
         peerexport) label="reged export" ;;
         *) label="hivekit $task" ;;
@@ -128,9 +137,14 @@ for HIVE in "$@"; do
     done
   done
   ours_walk=$(stats ours_walk | cut -d' ' -f1)
+  net() {  # peak RSS of the walk above that of the empty hive's
+    awk -v a="$(stats "$1_walk" | cut -d' ' -f3)" -v b="$(stats "$1_empty" | cut -d' ' -f3)" \
+      'BEGIN { if (a == "-" || b == "-") print "-"; else print a - b }'
+  }
   echo "ratios by CPU time:"
   echo "  walk   hivekit / hivex  $(ratio "$ours_walk" "$(stats peer_walk | cut -d' ' -f1)")" \
-    "  (peak RSS $(ratio "$(stats ours_walk | cut -d' ' -f3)" "$(stats peer_walk | cut -d' ' -f3)"))"
+    "  (peak RSS $(ratio "$(stats ours_walk | cut -d' ' -f3)" "$(stats peer_walk | cut -d' ' -f3)");" \
+    "net of start-up $(net ours) / $(net peer) KiB = $(ratio "$(net ours)" "$(net peer)"))"
   echo "  deep   hivekit / hivex  $(ratio "$(stats ours_deep | cut -d' ' -f1)" "$(stats peer_deep | cut -d' ' -f1)")"
   echo "  export hivekit / reged  $(ratio "$(stats ours_export | cut -d' ' -f1)" "$(stats peer_export | cut -d' ' -f1)")"
   echo "  dump   dump / walk      $(ratio "$(stats ours_dump | cut -d' ' -f1)" "$ours_walk")"

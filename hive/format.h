@@ -66,8 +66,8 @@ struct hive_hbin {
 // A request of n bytes becomes a record of n rounded up to a multiple of 8.
 inline u32 roundRecordSize(u32 n) { return ((n - 1) & ~7u) + 8; }
 
-// A record in the cache. The type is opaque: it only gives typed access to
-// the bytes it starts, so pointers into the record cache read as records.
+// A record in the record store. The type is opaque: it only gives typed
+// access to the bytes it starts, so pointers into the store read as records.
 struct hive_record {
   const u8* bytes() const { return reinterpret_cast<const u8*>(this); }
   s32 size() const { return LS32(bytes()); }

@@ -6,8 +6,9 @@
 // (plus one while the object lives). When the last strong reference goes
 // the object is destroyed as usual, but its memory is given back only when
 // no weak reference is left, so a weak reference can always look at the
-// strong count: it turns into a strong one only by raising a count that is
-// still above zero, and a count that reached zero never rises again.
+// strong count (through the count's own address, never through the object):
+// it turns into a strong one only by raising a count that is still above
+// zero, and a count that reached zero never rises again.
 //
 // Objects are made with new (makeRef); one on the stack or inside another
 // object must never get a Ref that drops it, nor a weak reference.
@@ -47,21 +48,14 @@ class Object {
     if (_count.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }
   u32 refCount() const { return _count.load(std::memory_order_relaxed); }
-  // One more strong reference, unless the object is already being
-  // destroyed (the count reached zero): then false.
-  bool tryRetain() const {
-    u32 c = _count.load(std::memory_order_relaxed);
-    while (c != 0) {
-      if (_count.compare_exchange_weak(c, c + 1, std::memory_order_acq_rel, std::memory_order_relaxed)) return true;
-    }
-    return false;
-  }
   // The header of this (living) object's storage.
   ObjectHeader* header() const;
   // Drops one weak share of a storage; the last one frees it.
   static void releaseStorage(ObjectHeader* header) noexcept;
 
  private:
+  template <class T>
+  friend class WeakRef;
   mutable std::atomic<u32> _count{0};
 };
 
@@ -124,11 +118,15 @@ class WeakRef {
     }
     return *this;
   }
-  WeakRef(WeakRef&& o) noexcept : _header(std::exchange(o._header, nullptr)), _raw(std::exchange(o._raw, nullptr)) {}
+  WeakRef(WeakRef&& o) noexcept
+      : _header(std::exchange(o._header, nullptr)),
+        _count(std::exchange(o._count, nullptr)),
+        _raw(std::exchange(o._raw, nullptr)) {}
   WeakRef& operator=(WeakRef&& o) noexcept {
     if (this != &o) {
       clear();
       _header = std::exchange(o._header, nullptr);
+      _count = std::exchange(o._count, nullptr);
       _raw = std::exchange(o._raw, nullptr);
     }
     return *this;
@@ -137,18 +135,24 @@ class WeakRef {
 
   // The object as a strong reference, or null when it is gone.
   Ref<T> lock() const {
-    if (!_raw || !static_cast<const Object*>(_raw)->tryRetain()) return nullptr;
-    return Ref<T>::adopt(_raw);
+    if (!_count) return nullptr;
+    u32 c = _count->load(std::memory_order_relaxed);
+    while (c != 0) {
+      if (_count->compare_exchange_weak(c, c + 1, std::memory_order_acq_rel, std::memory_order_relaxed))
+        return Ref<T>::adopt(_raw);
+    }
+    return nullptr;  // the last strong reference is gone
   }
   bool empty() const { return !_raw; }
   // The object is gone (or there never was one).
-  bool expired() const { return !_raw || static_cast<const Object*>(_raw)->refCount() == 0; }
+  bool expired() const { return !_count || _count->load(std::memory_order_relaxed) == 0; }
   // True when this refers to exactly the given, still living object. An
   // address alone is not enough: a dead object's address may be reused.
-  bool is(const T* p) const { return p && _raw == p && static_cast<const Object*>(_raw)->refCount() != 0; }
+  bool is(const T* p) const { return p && _raw == p && !expired(); }
   void clear() {
     if (_header) Object::releaseStorage(_header);
     _header = nullptr;
+    _count = nullptr;
     _raw = nullptr;
   }
 
@@ -157,14 +161,17 @@ class WeakRef {
     if (!p) return;
     _header = p->header();
     _header->weak.fetch_add(1, std::memory_order_relaxed);
+    _count = &static_cast<const Object*>(p)->_count;
     _raw = p;
   }
   void copyFrom(const WeakRef& o) {
     _header = o._header;
+    _count = o._count;
     _raw = o._raw;
     if (_header) _header->weak.fetch_add(1, std::memory_order_relaxed);
   }
   ObjectHeader* _header = nullptr;
+  std::atomic<u32>* _count = nullptr;  // the object's strong count, in storage this keeps
   T* _raw = nullptr;
 };
 

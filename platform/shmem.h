@@ -1,7 +1,8 @@
 // A block of zero-initialised memory that can be mapped and handed out.
 //
-// The record cache, the unsafe-mode copy and log buffers live in such
-// blocks. Allocation failure is a result (null), never an exception.
+// The hive bins of a hive held in memory, the unsafe-mode copy and log
+// buffers live in such blocks. Allocation failure is a result (null), never
+// an exception.
 #pragma once
 
 #include "platform/object.h"

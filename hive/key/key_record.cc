@@ -116,7 +116,7 @@ bool loadRiList(RegistryHiveObj& hive, const KeyRecord& key, const hive_record* 
   }
   std::vector<u32> sublists(count);
   for (u32 i = 0; i < count; ++i) sublists[i] = rec->u32At(L::OFS_ITEMS + 4 * i);
-  // `rec` is not used past this point: loading the sublists may empty the cache.
+  // The offsets are copied out so that the checks below need not hold `rec`.
   // A sublist named twice would be changed through one entry behind the
   // other's back.
   std::vector<u32> sorted = sublists;
@@ -267,8 +267,19 @@ bool readKeyClass(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& o
   return true;
 }
 
+namespace {
+// Empties a list, keeping its storage for the next load.
+void clearList(SubkeyList& list) {
+  list.entries.clear();
+  list.sublists.clear();
+  list.type = keyListLH;
+  list.twoLevel = false;
+  list.hashless = false;
+}
+}  // namespace
+
 bool loadSubkeyList(RegistryHiveObj& hive, const KeyRecord& key, SubkeyList& out) {
-  out = SubkeyList{};
+  clearList(out);
   out.type = isV13(hive) ? keyListLF : keyListLH;
   if (key.keyList == 0 && key.numKeys == 0) return true;
   const hive_record* rec = key.keyList ? hive.cacheLoadRecord(key.keyList) : nullptr;
@@ -288,7 +299,7 @@ bool loadSubkeyList(RegistryHiveObj& hive, const KeyRecord& key, SubkeyList& out
     if (loaded) return true;
   }
   Error::set(Errors::BAD_KEY_LIST);
-  out = SubkeyList{};
+  clearList(out);
   return false;
 }
 

@@ -59,8 +59,8 @@ struct SubkeyList {
 // Loads the record at `offset` and checks that it can be a key: an nk
 // record in use whose fixed part and name lie inside its cell. False with
 // the reason logged (NOT_NK_RECORD set for a record of another kind).
-// `record`, when given, receives the record in the cache (valid until the
-// cache is next emptied).
+// `record`, when given, receives the record in the store (valid as
+// cacheLoadRecord's pointers are).
 bool readKeyRecord(RegistryHiveObj& hive, u32 offset, KeyRecord& out, const hive_record** record = nullptr);
 // The key's stored name decoded (8-bit names through the hive's codepage).
 // False, with the Latin-1 reading in `out`, when a byte has no character in

@@ -49,7 +49,7 @@ bool loadDbExtents(RegistryHiveObj& hive, const ValueRecord& value, const hive_r
                        << " data_cell: " << Log::hex(dataCell) << " fragment_list: " << Log::hex(listCell);
     return badRecord();
   }
-  // Copy the entries out: loading the fragments may move the cache.
+  // The entries, copied out to be checked as a set.
   std::vector<u32> fragments(count);
   for (u32 i = 0; i < count; ++i) fragments[i] = list->u32At(4 + 4 * i);
 

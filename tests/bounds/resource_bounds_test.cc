@@ -319,8 +319,8 @@ std::vector<Crafted> binClaims() {
     out.push_back({"hbin-size", b.build(), {"", "Far"}, {{"Far", "v"}}});
   }
   {
-    // One hbin of 2 MiB, its size true: the cache, 1 MiB at first, must
-    // grow to hold it whole.
+    // One hbin of 2 MiB, its size true: an hbin bigger than any page of
+    // memory is held, and walked, whole.
     HiveBuilder b;
     const u32 root = soundPart(b);
     b.newHbin(2u << 20);

@@ -48,7 +48,7 @@ class Flush : public ::testing::Test {
 TEST_F(Flush, WritesChangedHbinsButNotTheBaseBlock) {
   Ref<RegistryHiveObj> hive = open(0);
   ASSERT_TRUE(change(*hive, 0x5a));
-  EXPECT_EQ(stored(), 0) << "changes wait in the cache";
+  EXPECT_EQ(stored(), 0) << "changes wait in memory";
   EXPECT_TRUE(hive->flush());
   EXPECT_EQ(stored(), 0x5a);
   EXPECT_EQ(syncs, 1);

@@ -1,7 +1,7 @@
 // Every real hive of the shared test data opens (the healthy ones clean) or
 // fails with a message, in each read-only mode; none may crash or trip a
 // sanitizer. The big SYSTEM hive is also read record by record through the
-// cache.
+// record store.
 #include <gtest/gtest.h>
 
 #include <filesystem>

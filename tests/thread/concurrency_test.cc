@@ -1,13 +1,15 @@
 // Several threads sharing one hive through the public interfaces.
 //
-// The hive's monitor serialises every operation, so whatever the threads
-// do at the same time must leave no data race (the tsan build checks),
+// The hive's monitor serialises every operation (a read-only hive's
+// records are read without it through the public API), so whatever the
+// threads do at the same time must leave no data race (the tsan build checks),
 // must not deadlock (an alarm bounds the run), and must leave the hive as
 // running the same work one thread after another does. The work is split
 // into phases; within a phase each worker changes only names it owns, and
 // readers only check what holds under any interleaving, so the final hive
 // does not depend on how the threads were scheduled.
 #include <gtest/gtest.h>
+#include <hivekit/hivekit.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -515,6 +517,65 @@ TEST(ConcurrencyTest, ReadersOfOneHiveAgree) {
     for (u32 w = 0; w < WORKERS; ++w)
       EXPECT_EQ(listings[w], expected.listing + expected.exports[w]) << "mode " << mode << ", reader " << w;
   }
+}
+
+// Every key, value name and datum as the public API reads them.
+std::string apiListing(const hivekit::Key& key) {
+  std::string out;
+  std::vector<hivekit::Key> pending{key};
+  while (!pending.empty()) {
+    const hivekit::Key k = pending.back();
+    pending.pop_back();
+    out += k.path() + "\n";
+    for (const hivekit::Value& v : k.values()) {
+      auto data = v.data();
+      out += " " + v.name() + " " + std::to_string(static_cast<u32>(v.type())) + " ";
+      for (std::byte b : *data) out += static_cast<char>('a' + (std::to_integer<int>(b) & 15));
+      out += "\n";
+    }
+    for (const hivekit::Key& sub : k.subkeys()) pending.push_back(sub);
+  }
+  return out;
+}
+
+// Readers of a read-only file through the public API, which takes no lock
+// for them: each builds the record-start bits of whatever hbin it reaches
+// first, racing the others, and finds its keys by name.
+TEST(ConcurrencyTest, ApiReadersOfOneFileAgree) {
+  namespace fs = std::filesystem;
+  const Outcome& expected = serial();
+  const fs::path dir = fs::temp_directory_path() / ("hivekit-readers-" + std::to_string(::getpid()));
+  fs::create_directories(dir);
+  const std::string path = (dir / "hive").string();
+  {
+    std::FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_TRUE(f);
+    ASSERT_EQ(std::fwrite(expected.image.data(), 1, expected.image.size(), f), expected.image.size());
+    std::fclose(f);
+  }
+  std::string reference;
+  {
+    auto hive = hivekit::Hive::open(path);
+    ASSERT_TRUE(hive) << hive.status().message();
+    reference = apiListing(hive->root());
+  }
+  auto hive = hivekit::Hive::open(path);
+  ASSERT_TRUE(hive);
+  Watchdog watchdog;
+  std::vector<std::string> listings(WORKERS), found(WORKERS);
+  std::vector<std::thread> threads;
+  for (u32 w = 0; w < WORKERS; ++w)
+    threads.emplace_back([&, w] {
+      auto own = hive->key(name("W", w));
+      found[w] = own ? own->path() : own.status().message();
+      listings[w] = apiListing(hive->root());
+    });
+  for (std::thread& t : threads) t.join();
+  for (u32 w = 0; w < WORKERS; ++w) {
+    EXPECT_EQ(found[w], "\\" + name("W", w)) << "reader " << w;
+    EXPECT_EQ(listings[w], reference) << "reader " << w;
+  }
+  fs::remove_all(dir);
 }
 
 }  // namespace
