@@ -1,5 +1,10 @@
 // The value list of a key: its record, held objects, live iterators, and
 // a damaged list.
+#include <cctype>
+#include <random>
+#include <set>
+#include <string>
+
 #include "hive/value/value_obj.h"
 #include "platform/log.h"
 #include "tests/key/key_test_util.h"
@@ -44,6 +49,64 @@ TEST(ValueList, ListRecordSizesAndHeldObjects) {
   EXPECT_EQ(a->value(str("RENAMED")).get(), x.get());
   ASSERT_TRUE(b->move(x, str("moved")));
   EXPECT_EQ(x.cast<ValueObj>()->parent().get(), b.get());
+}
+
+// Keys of many values find them by name through an index: it must follow
+// every value that comes, goes, is renamed or moves to the other key,
+// whatever the letter case asked for.
+TEST(ValueList, ManyValuesFoundByNameThroughChanges) {
+  Ref<RegistryHiveObj> hive = newHive(5);
+  ASSERT_TRUE(hive);
+  Ref<KeyObj> a = hive->rootObj()->createKey(str("a")).cast<KeyObj>();
+  Ref<KeyObj> b = hive->rootObj()->createKey(str("b")).cast<KeyObj>();
+  ASSERT_TRUE(a && b);
+  auto upper = [](std::string s) {
+    for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return s;
+  };
+  std::set<std::pair<KeyObj*, std::string>> present;  // (key, upper-cased name)
+  auto check = [&](const char* step) {
+    for (u32 i = 0; i < 120; ++i) {
+      const std::string n = "Val" + std::to_string(i);
+      for (KeyObj* k : {a.get(), b.get()}) {
+        Ref<Hive::Value> v = k->value(str((i % 2 ? upper(n) : n).c_str()));
+        ASSERT_EQ(static_cast<bool>(v), present.count({k, upper(n)}) == 1) << step << ": " << n;
+        if (v) ASSERT_EQ(upper(v->name()->toUtf8()), upper(n)) << step;
+      }
+    }
+  };
+  for (u32 i = 0; i < 60; ++i) {
+    const std::string n = "Val" + std::to_string(i);
+    ASSERT_TRUE(a->createValue(str(n.c_str()), 4));
+    present.insert({a.get(), upper(n)});
+    EXPECT_FALSE(a->createValue(str(upper(n).c_str()), 4)) << "a name taken in another letter case";
+  }
+  check("created");
+  std::mt19937 rng(11);
+  for (u32 step = 0; step < 300; ++step) {
+    KeyObj* k = rng() % 2 ? a.get() : b.get();
+    KeyObj* other = k == a.get() ? b.get() : a.get();
+    const std::string n = "Val" + std::to_string(rng() % 120);
+    const std::string m = "Val" + std::to_string(rng() % 120);
+    const u32 op = rng() % 3;
+    if (!present.count({k, upper(n)})) {
+      ASSERT_TRUE(k->createValue(str(n.c_str()), 4)) << step << " " << n;
+      present.insert({k, upper(n)});
+    } else if (op == 0) {
+      ASSERT_TRUE(k->deleteValue(k->value(str(n.c_str())))) << step;
+      present.erase({k, upper(n)});
+    } else {
+      // Renamed in its key, or moved to the other key, under a new name.
+      KeyObj* to = op == 1 ? k : other;
+      const bool moved = to->move(k->value(str(n.c_str())), str(m.c_str()));
+      ASSERT_EQ(moved, !present.count({to, upper(m)})) << step << ": " << n << " -> " << m;
+      if (moved) {
+        present.erase({k, upper(n)});
+        present.insert({to, upper(m)});
+      }
+    }
+  }
+  check("changed");
 }
 
 TEST(ValueList, IteratorsFollowInsertionsAndRemovals) {
