@@ -70,6 +70,9 @@ class DiffWalk {
       }
       int order = !aLeft ? 1 : !bLeft ? -1 : top.a[top.i].upper.compare(top.b[top.j].upper);
       bool go = true;
+      // The same key renamed in letter case: removed, then added.
+      if (order == 0 && _options.exact_names && top.a[top.i].key.name_utf16() != top.b[top.j].key.name_utf16())
+        order = -1;
       if (order < 0) {
         const Key removed = top.a[top.i++].key;
         Difference d;
@@ -150,14 +153,14 @@ class DiffWalk {
   }
 
   struct NamedValue {
-    std::u16string upper;
+    std::u16string upper;  // the name as values pair up by
     Value value;
   };
 
   std::vector<NamedValue> readValues(const Key& key, const std::string& path) {
     std::vector<NamedValue> out;
     Values list = key.values();
-    for (const Value& v : list) out.push_back({upper(v.name_utf16()), v});
+    for (const Value& v : list) out.push_back({_options.exact_names ? v.name_utf16() : upper(v.name_utf16()), v});
     if (!list.status().ok() || list.skipped())
       problem("values of " + quoted(path.empty() ? "\\" : path) + " could not be read" +
               (list.status().ok() ? std::string() : ": " + list.status().message()));

@@ -580,7 +580,7 @@ Result<bool> Pattern::search(std::string_view text) const {
   const PatternProgram& p = *program_;
   const std::vector<Instruction>& code = p.code;
   if (code.size() == 1) return true;  // matches everything
-  const std::uint64_t budget = (1u << 24) + 64 * static_cast<std::uint64_t>(text.size());
+  const std::uint64_t budget = (1u << 22) + 32 * static_cast<std::uint64_t>(text.size());
   std::uint64_t steps = 0;
   ThreadList here(code.size());
   // Threads that read the last character and go on at these instructions.

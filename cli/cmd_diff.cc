@@ -192,6 +192,9 @@ int runDiff(Context& ctx) {
   if (ctx.args.has("--reg")) format = Format::reg;
   DiffOptions options;
   options.last_write = ctx.args.has("--times");
+  // A patch gives a key renamed in letter case its new name by removing
+  // and adding it; registry text has no rename.
+  options.exact_names = format == Format::reg;
 
   Hive a, b;
   if (!openHive(ctx, ctx.operand(0), a) || !openHive(ctx, ctx.operand(1), b)) return EXIT_FAILED;
@@ -240,7 +243,8 @@ const Command DIFF_COMMAND = {
     "           [-PATH] for removed keys, \"name\"=- for removed values, the full\n"
     "           value for added and changed ones, under ROOT\\KEYPATH; 'hivekit\n"
     "           import A PATCH' then makes A's tree equal B's (but for class names\n"
-    "           and last write times, which registry text cannot carry)\n"
+    "           and last write times, which registry text cannot carry); a key or\n"
+    "           value renamed in letter case alone is removed and added again\n"
     "The exit status is 0 when both trees were compared completely, differences\n"
     "or not; 1 when parts could not be read (what could be compared is shown).\n",
     {{"--times", false, false}, {"--json", false, false}, {"--reg", false, false}},

@@ -70,7 +70,11 @@ RegValueForm writeRegValue(std::u16string_view name, u32 type, u64 size, const R
   RegValueForm form = binaryOnly ? RegValueForm::hex : RegValueForm::typed;
   if (!binaryOnly && type == T::String) {
     std::u16string text;
-    if (readString(size, read, text, consumed)) {
+    const bool readable = readString(size, read, text, consumed);
+    // Text in quotes stands for its units and one zero unit: other data
+    // (none at all, no terminator, something after it) is written as hex,
+    // so that an import gives back exactly the same bytes.
+    if (readable && size == 2 * (u64{text.size()} + 1)) {
       line += u'"';
       line += text;
       line += u'"';
@@ -78,7 +82,7 @@ RegValueForm writeRegValue(std::u16string_view name, u32 type, u64 size, const R
       if (bytesRead) *bytesRead = consumed;
       return RegValueForm::typed;
     }
-    form = RegValueForm::stringFallback;
+    form = readable ? RegValueForm::hex : RegValueForm::stringFallback;
   } else if (!binaryOnly && type == T::Dword) {
     u8 bytes[4];
     if (size == 4 && read(0, bytes, 4) == 4) {

@@ -25,6 +25,8 @@ using RegTextSink = std::function<void(std::u16string_view text)>;
 enum class RegValueForm {
   typed,           // a string or dword line
   stringFallback,  // a string value that cannot be read as one: written as hex(1)
+                   // (one whose data is not its text and one zero unit goes
+                   // as hex(1) too, as form `hex`: nothing is wrong with it)
   dwordFallback,   // a dword value whose data is not 4 bytes: written as hex(4)
   hex,             // any other type, or any value of a binary-only export
   unreadable,      // the data could not be read; the line is incomplete

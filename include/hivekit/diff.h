@@ -57,6 +57,12 @@ struct DiffOptions {
   bool last_write = false;
   // Report keys whose class names differ (key_changed).
   bool class_names = true;
+  // Pair keys and values only when their names are equal letter for
+  // letter: one renamed in letter case alone is then reported removed and
+  // added again (removed first), which is what a registry text patch
+  // needs to give it its new name. Off: "Run" and "RUN" are the same key,
+  // as Windows sees them.
+  bool exact_names = false;
 };
 
 // Called once per difference; returning false stops the walk (diff then

@@ -54,7 +54,7 @@ class HIVEKIT_EXPORT Pattern {
   // Whether the pattern matches somewhere in `text` (UTF-8; invalid bytes
   // count as U+FFFD, WTF-8 surrogates as themselves). Fails with too_large
   // when the text would make it do more work than a fixed bound (about
-  // 2^24 steps plus 64 a character), which only patterns with many
+  // 2^22 steps plus 32 a character), which only patterns with many
   // alternatives alive at once on long texts reach.
   Result<bool> search(std::string_view text) const;
 
