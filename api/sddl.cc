@@ -307,7 +307,10 @@ std::string to_string(const Sid& sid) {
   } else {
     s += std::to_string(sid.authority);
   }
-  for (std::uint32_t sub : sid.sub_authorities) s += "-" + std::to_string(sub);
+  for (std::uint32_t sub : sid.sub_authorities) {
+    s += '-';
+    s += std::to_string(sub);
+  }
   return s;
 }
 

@@ -167,7 +167,7 @@ class Parser {
     if (depth > MAX_NESTING) return error("groups nested too deeply");
     Node alt(Node::alternation);
     while (true) {
-      size_t branch;
+      size_t branch = 0;
       if (Status s = concatenation(branch, depth); !s) return s;
       alt.children.push_back(branch);
       if (!more() || peek() != '|') break;

@@ -91,16 +91,36 @@ class DiffPrinter {
     o += isValueKind(d.kind) ? " value " : " key   ";
     o += printable(path);
     if (d.kind == Difference::Kind::key_changed) {
-      if (d.last_write_changed)
-        o += "  last write " + to_iso8601(d.a_key.last_write()) + " -> " + to_iso8601(d.b_key.last_write());
-      if (d.class_name_changed)
-        o += "  class \"" + printable(d.a_key.class_name()) + "\" -> \"" + printable(d.b_key.class_name()) + "\"";
+      if (d.last_write_changed) {
+        o += "  last write ";
+        o += to_iso8601(d.a_key.last_write());
+        o += " -> ";
+        o += to_iso8601(d.b_key.last_write());
+      }
+      if (d.class_name_changed) {
+        o += "  class \"";
+        o += printable(d.a_key.class_name());
+        o += "\" -> \"";
+        o += printable(d.b_key.class_name());
+        o += '"';
+      }
     } else if (isValueKind(d.kind)) {
-      const Value& v = d.b_value ? d.b_value : d.a_value;
-      const std::string name = v.name();
-      o += "  " + (name.empty() ? std::string("(default)") : "\"" + printable(name) + "\"");
-      if (d.kind == Difference::Kind::value_added) o += "  " + shown(d.b_value);
-      if (d.kind == Difference::Kind::value_changed) o += "  " + shown(d.a_value) + " -> " + shown(d.b_value);
+      const std::string name = (d.b_value ? d.b_value : d.a_value).name();
+      if (name.empty()) {
+        o += "  (default)";
+      } else {
+        o += "  \"";
+        o += printable(name);
+        o += '"';
+      }
+      if (d.kind != Difference::Kind::value_removed) {
+        o += "  ";
+        if (d.kind == Difference::Kind::value_changed) {
+          o += shown(d.a_value);
+          o += " -> ";
+        }
+        o += shown(d.b_value);
+      }
     }
     o += '\n';
   }

@@ -32,8 +32,8 @@ enum class Format { text, csv, tln, bodyfile, json };
 
 // Whole seconds since 1970 (0 for times before it, which the line formats
 // of timeline tools do not take).
-int64_t unixSeconds(FileTime t) {
-  return static_cast<int64_t>(t) < UNIX_EPOCH ? 0 : (static_cast<int64_t>(t) - UNIX_EPOCH) / 10'000'000;
+uint64_t unixSeconds(FileTime t) {
+  return static_cast<int64_t>(t) < UNIX_EPOCH ? 0 : static_cast<uint64_t>(static_cast<int64_t>(t) - UNIX_EPOCH) / 10'000'000;
 }
 
 void appendCsv(std::string& out, const std::string& field) {
@@ -131,24 +131,42 @@ int runTimeline(Context& ctx) {
     std::string& o = out.text;
     switch (format) {
       case Format::text:
-        o += to_iso8601(e.time) + "  " + path + "\n";
+        o += to_iso8601(e.time);
+        o += "  ";
+        o += path;
+        o += '\n';
         break;
       case Format::csv: {
         std::string cls;
         appendEscaped(cls, e.key.class_name(), Escape::printable);
-        o += to_iso8601(e.time) + "," + std::to_string(e.time) + ",";
+        o += to_iso8601(e.time);
+        o += ',';
+        appendDecimal(o, e.time);
+        o += ',';
         appendCsv(o, path);
-        o += ",";
+        o += ',';
         appendCsv(o, cls);
-        o += "," + std::to_string(e.key.subkey_count()) + "," + std::to_string(e.key.value_count()) + "\n";
+        o += ',';
+        appendDecimal(o, e.key.subkey_count());
+        o += ',';
+        appendDecimal(o, e.key.value_count());
+        o += '\n';
         break;
       }
       case Format::tln:
-        o += std::to_string(unixSeconds(e.time)) + "|REG|||" + pipeSafe(path) + "\n";
+        appendDecimal(o, unixSeconds(e.time));
+        o += "|REG|||";
+        o += pipeSafe(path);
+        o += '\n';
         break;
       case Format::bodyfile:
-        o += "0|" + pipeSafe(path) + "|" + std::to_string(e.key.offset()) + "|0|0|0|0|0|" +
-             std::to_string(unixSeconds(e.time)) + "|0|0\n";
+        o += "0|";
+        o += pipeSafe(path);
+        o += '|';
+        appendDecimal(o, e.key.offset());
+        o += "|0|0|0|0|0|";
+        appendDecimal(o, unixSeconds(e.time));
+        o += "|0|0\n";
         break;
       case Format::json: {
         JsonWriter j(o);
