@@ -8,7 +8,8 @@
 //   });
 //
 // Keys pair up by name and values by name, both without regard to letter
-// case as Windows compares them. At each pair of keys the walk reports, in
+// case as Windows compares them; the order of values in a key is not
+// compared. At each pair of keys the walk reports, in
 // this order: the key's own change, the values removed or changed (in the
 // order of a's value list), the values added (in b's order), then the
 // subkeys in name order (upper-cased UTF-16, the order of subkey lists).
