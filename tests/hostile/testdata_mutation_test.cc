@@ -628,6 +628,8 @@ TEST_F(TestdataMutation, ToolReadingCommands) {
         _watchdog.step(label, 20.0 * _hang);
         const fs::path out = dir / ("out" + std::to_string(v) + "-" + std::to_string(c));
         const ToolRun r = runTool(args, out, dir / "err");
+        ++_tally.runs;
+        _tally.opened += r.status == 0;
         EXPECT_TRUE(r.status == 0 || r.status == 1) << label << ": status " << r.status << "\n" << r.err;
         EXPECT_EQ(r.err.find("Sanitizer"), std::string::npos) << label << "\n" << r.err;
         EXPECT_EQ(r.err.find("runtime error"), std::string::npos) << label << "\n" << r.err;
