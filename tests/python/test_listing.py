@@ -28,10 +28,15 @@ def test_walk_matches_the_expected_listing(testdata, expected, tmp_path):
             assert first_difference(want, listing(hive)) == ""
         return
     copy = tmp_path / "recovered"
-    with hivekit.open(hive_of(expected)) as hive:
+    path = hive_of(expected)
+    with hivekit.open(path) as hive:
         assert hive.info.log_mode != "none"
         assert first_difference(want, listing(hive)) == ""
         hive.recover(copy)
+    logs = sorted(path.parent.glob(path.name + ".LOG*"))
+    with hivekit.open(path, log_files=logs) as named:
+        assert [log.path for log in named.info.logs if log.path] == [str(log) for log in logs]
+        assert first_difference(want, listing(named)) == ""
     with hivekit.open(copy, logs=False) as clean:
         assert not clean.info.dirty
         assert first_difference(want, listing(clean)) == ""
