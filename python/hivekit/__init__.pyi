@@ -66,6 +66,7 @@ def open(
     log_files: Sequence[StrPath] | None = None,
     codepage: str = "latin1",
     in_memory: bool = False,
+    wait: bool = False,
 ) -> Hive:
     """Opens a hive file, read-only unless ``write``.
 
@@ -74,7 +75,9 @@ def open(
     False ignores them. log_files: exactly these logs instead. codepage:
     "latin1", "ascii", "windows1250" or "windows1252", for 8-bit names.
     in_memory: read the whole file into memory, for damaged hives the normal
-    reader refuses (read-only).
+    reader refuses (read-only). A writer holds the hive and its logs alone,
+    readers share them: a conflicting open raises InUseError, or with
+    ``wait`` waits for the other to close.
     """
 
 def create(path: StrPath, *, minor_version: int = 5, codepage: str = "latin1", overwrite: bool = False) -> Hive:

@@ -837,9 +837,10 @@ hivekit::Codepage codepage_of(const std::string& name) {
 }
 
 PyHive open_hive(const FsPath& path, bool write, bool dirty, bool logs, py::object log_files,
-                 const std::string& codepage, bool in_memory) {
+                 const std::string& codepage, bool in_memory, bool wait) {
   hivekit::OpenOptions o;
   o.writable = write;
+  o.wait = wait;
   o.accept_dirty = dirty;
   o.in_memory = in_memory;
   o.codepage = codepage_of(codepage);
@@ -1052,7 +1053,7 @@ PYBIND11_MODULE(_hivekit, m) {
 
   m.def("open", &open_hive, py::arg("path"), py::kw_only(), py::arg("write") = false, py::arg("dirty") = false,
         py::arg("logs") = true, py::arg("log_files") = py::none(), py::arg("codepage") = "latin1",
-        py::arg("in_memory") = false);
+        py::arg("in_memory") = false, py::arg("wait") = false);
   m.def("create", &create_hive, py::arg("path"), py::kw_only(), py::arg("minor_version") = 5,
         py::arg("codepage") = "latin1", py::arg("overwrite") = false);
 
