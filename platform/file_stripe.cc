@@ -34,7 +34,12 @@ Ref<FileStripe> FileStripe::open(const std::string& path, u32 flags) {
   return Ref<FileStripe>(new FileStripe(fd, path, writable));
 }
 
-FileStripe::~FileStripe() { ::close(_fd); }
+FileStripe::~FileStripe() { close(); }
+
+void FileStripe::close() {
+  if (_fd >= 0) ::close(_fd);
+  _fd = -1;
+}
 
 u64 FileStripe::elementCount() {
   struct stat st;
@@ -93,6 +98,20 @@ bool FileStripe::sync() {
   if (!_writable) return true;
   if (fsync(_fd) != 0) {
     setErrno(errno);
+    return false;
+  }
+  return true;
+}
+
+bool FileStripe::lock(Lock kind, bool wait) {
+  struct flock l = {};
+  l.l_type = kind == Lock::Exclusive ? F_WRLCK : F_RDLCK;
+  l.l_whence = SEEK_SET;
+  l.l_start = 0;
+  l.l_len = 0;  // the whole file, however it grows
+  while (fcntl(_fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &l) != 0) {
+    if (errno == EINTR) continue;
+    setErrno(errno == EACCES ? EAGAIN : errno);
     return false;
   }
   return true;

@@ -27,6 +27,18 @@ class FileStripe : public Interfaces::Stripe {
   u64 writeAt(u64 position, const void* buffer, u64 count) override;
   bool sync() override;
   bool writable() const { return _writable; }
+
+  // Advisory lock on the whole file, held by this open (an open file
+  // description lock: two opens in one process conflict as two processes
+  // do) until it is closed. Shared locks coexist; an exclusive one
+  // excludes every other. Without `wait`, a conflicting lock makes it fail
+  // at once with IO_ERROR | EAGAIN.
+  enum class Lock { Shared, Exclusive };
+  bool lock(Lock kind, bool wait);
+  // Closes the file now (and so drops its lock) while others may still
+  // hold this object: every later call fails with IO_ERROR | EBADF. The
+  // caller makes sure no call on it runs at the same time.
+  void close();
   const std::string& path() const { return _path; }
 
  private:
