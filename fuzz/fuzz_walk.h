@@ -45,8 +45,9 @@ inline void diffWithItself(const Ref<HiveFile>& hive, const WalkLimits& limits) 
   Ref<Libraries::Files::Hive::RegistryHiveObj> obj = hive.cast<Libraries::Files::Hive::RegistryHiveObj>();
   if (!obj || obj->hiveLength() > limits.maxDiffed) return;
   namespace d = hivekit::detail;
-  // A read-only handle over the same engine object: closing it flushes nothing.
-  hivekit::Hive api = d::Access::makeHive(d::CoreRef::adopt(new d::HiveCore(obj, "", {}, false)));
+  // A read-only handle over the same engine object, owning no files:
+  // closing it flushes and closes nothing.
+  hivekit::Hive api = d::Access::makeHive(d::CoreRef::adopt(new d::HiveCore(obj, "", {}, false, {})));
   u32 reported = 0;
   (void)hivekit::diff(api.root(), api.root(), [&](const hivekit::Difference&) { return ++reported < 100; },
                       {.last_write = true});
