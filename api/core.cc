@@ -24,8 +24,12 @@ void CoreBase::destroy() const noexcept {
 }
 
 HiveCore::HiveCore(Ref<RegistryHiveObj> hive, std::string path, std::array<std::string, 3> logPaths,
-                   bool writable)
-    : _hive(std::move(hive)), _path(std::move(path)), _logPaths(std::move(logPaths)), _writable(writable) {}
+                   bool writable, std::vector<Ref<Platform::FileStripe>> files)
+    : _hive(std::move(hive)),
+      _path(std::move(path)),
+      _logPaths(std::move(logPaths)),
+      _writable(writable),
+      _files(std::move(files)) {}
 
 HiveCore::~HiveCore() {
   // The engine objects kept here hold the hive: let them go first, under
@@ -44,6 +48,7 @@ Status HiveCore::close() {
     if (!_hive->flush()) result = engineStatus("cannot write the changes to '" + _path + "'", Code::io_error);
   }
   _closed.store(true, std::memory_order_release);
+  for (const Ref<Platform::FileStripe>& f : _files) f->close();
   return result;
 }
 
@@ -135,6 +140,11 @@ Call::Call(const CoreRef& ref, Guard guard) : _core(Access::core(ref)) {
   if (guard == Guard::objects || _core->writable()) {
     _core->hive().mon()->lock();
     _locked = true;
+    // A close that ran while this call waited for the monitor.
+    if (_core->closed()) {
+      _status = Status(Code::closed, "the hive '" + _core->path() + "' was closed");
+      return;
+    }
   }
   Platform::Error::clear();
 }

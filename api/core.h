@@ -18,6 +18,7 @@
 #include "hive/value/value_obj.h"
 #include "hivekit/hivekit.h"
 #include "platform/error.h"
+#include "platform/file_stripe.h"
 #include "platform/mon.h"
 
 namespace hivekit::detail {
@@ -34,7 +35,10 @@ using Platform::u8;
 
 class HiveCore final : public CoreBase {
  public:
-  HiveCore(Ref<RegistryHiveObj> hive, std::string path, std::array<std::string, 3> logPaths, bool writable);
+  // `files` are the hive file and the logs the hive was opened with: close()
+  // closes them (dropping their locks) even while handles live on.
+  HiveCore(Ref<RegistryHiveObj> hive, std::string path, std::array<std::string, 3> logPaths, bool writable,
+           std::vector<Ref<Platform::FileStripe>> files);
   ~HiveCore();
 
   RegistryHiveObj& hive() const { return *_hive; }
@@ -44,8 +48,9 @@ class HiveCore final : public CoreBase {
   // The log files in use (.LOG, .LOG1, .LOG2); "" for none.
   const std::array<std::string, 3>& logPaths() const { return _logPaths; }
 
-  // Flushes (when writable) and marks the hive closed. The engine objects
-  // and the files stay until the last handle goes.
+  // Flushes (when writable), marks the hive closed and closes its files,
+  // which releases their locks. The engine objects stay, unusable, until
+  // the last handle goes.
   Status close();
 
   // The engine's own object for the key at `offset` (the one every change
@@ -69,6 +74,7 @@ class HiveCore final : public CoreBase {
   std::array<std::string, 3> _logPaths;
   bool _writable;
   std::atomic<bool> _closed{false};
+  std::vector<Ref<Platform::FileStripe>> _files;
   // Key objects of recent lookups and changes, so that a run of changes to
   // one key does not walk down from the root each time. Bounded: emptied
   // when full.

@@ -1,10 +1,12 @@
 // Hive: opening, creating, flushing and closing; what the base block and
 // the logs say; the recovered copy.
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 
 #include "api/core.h"
 #include "hive/errors.h"
@@ -119,6 +121,25 @@ Status openStatus(const std::string& path, const std::array<std::string, 3>& log
   }
 }
 
+// Another open holds the lock (or the lock itself failed: the reason).
+Status inUse(const std::string& what) {
+  const u32 c = Platform::Error::get();
+  if (Platform::Error::systemError(c) == EAGAIN)
+    return Status(Code::in_use, what + ": in use by another process");
+  return Status(codeFor(c, Code::io_error), what + ": cannot lock it: " + systemText(c));
+}
+
+// A rename reaches the disk with its directory.
+void syncDirectoryOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const std::string dir = slash == std::string::npos ? "." : (slash == 0 ? "/" : path.substr(0, slash));
+  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd >= 0) {
+    ::fsync(fd);
+    ::close(fd);
+  }
+}
+
 F::HiveCodepage engineCodepage(Codepage cp) {
   switch (cp) {
     case Codepage::ascii:
@@ -147,6 +168,8 @@ Result<Hive> Hive::open(std::string_view pathView, const OpenOptions& options) {
   const u32 flags = options.writable ? (FileStripe::Read | FileStripe::Write) : FileStripe::Read;
   Ref<FileStripe> file = FileStripe::open(path, flags);
   if (!file) return fileStatus("cannot open hive", path);
+  const auto kind = options.writable ? FileStripe::Lock::Exclusive : FileStripe::Lock::Shared;
+  if (!file->lock(kind, options.wait)) return inUse("cannot open hive " + quoted(path));
 
   std::array<std::string, 3> logPaths;
   if (options.logs == Logs::beside) {
@@ -169,6 +192,9 @@ Result<Hive> Hive::open(std::string_view pathView, const OpenOptions& options) {
       logPaths[i].clear();
       continue;
     }
+    // The logs a writer may change are its alone, as the hive is.
+    const auto logKind = log->writable() ? FileStripe::Lock::Exclusive : FileStripe::Lock::Shared;
+    if (!log->lock(logKind, options.wait)) return inUse("cannot open log " + quoted(logPaths[i]));
     *slots[i] = log;
     *names[i] = Platform::String::create(logPaths[i]);
     opened.push_back(log);
@@ -193,7 +219,8 @@ Result<Hive> Hive::open(std::string_view pathView, const OpenOptions& options) {
   if (!opened_hive) return openStatus(path, logPaths);
   Ref<RegistryHiveObj> hive = opened_hive.cast<RegistryHiveObj>();
   if (!hive) return Status(Code::internal, "cannot open hive " + quoted(path) + ": unexpected hive object");
-  auto* core = new HiveCore(std::move(hive), path, logPaths, options.writable);
+  opened.push_back(file);
+  auto* core = new HiveCore(std::move(hive), path, logPaths, options.writable, std::move(opened));
   return Hive(CoreRef::adopt(core));
 }
 
@@ -203,19 +230,49 @@ Result<Hive> Hive::create(std::string_view pathView, const CreateOptions& option
   if (path.empty()) return Status(Code::invalid_argument, "no hive file named");
   if (options.minor_version != 3 && options.minor_version != 5)
     return Status(Code::invalid_argument, "minor_version is 3 or 5");
+  const std::string what = "cannot create hive " + quoted(path);
+  // The file it replaces must not be in use: hold its lock until the new
+  // one has taken its place.
+  Ref<FileStripe> old;
   struct stat st;
   if (::stat(path.c_str(), &st) == 0) {
-    if (S_ISDIR(st.st_mode)) return Status(Code::is_directory, "cannot create hive " + quoted(path) + ": it is a directory");
-    if (!options.overwrite)
-      return Status(Code::already_exists, "cannot create hive " + quoted(path) + ": the file exists");
+    if (S_ISDIR(st.st_mode)) return Status(Code::is_directory, what + ": it is a directory");
+    if (!options.overwrite) return Status(Code::already_exists, what + ": the file exists");
+    old = FileStripe::open(path, FileStripe::Read | FileStripe::Write);
+    if (!old) return fileStatus("cannot replace", path);
+    if (!old->lock(FileStripe::Lock::Exclusive, false)) return inUse(what);
   }
-  Ref<HiveFile> file =
-      HiveFile::create(Platform::String::create(path), options.minor_version, engineCodepage(options.codepage));
-  if (!file) return engineStatus("cannot create hive " + quoted(path), Code::io_error);
-  if (!file->flush()) return engineStatus("cannot write hive " + quoted(path), Code::io_error);
-  Ref<RegistryHiveObj> hive = file.cast<RegistryHiveObj>();
-  if (!hive) return Status(Code::internal, "cannot create hive " + quoted(path) + ": unexpected hive object");
-  auto* core = new HiveCore(std::move(hive), path, {}, true);
+  // Made complete beside the target, then renamed over it.
+  std::string temp = path + ".new-XXXXXX";
+  const int fd = ::mkstemp(temp.data());
+  if (fd < 0) {
+    Platform::Error::set(Platform::Error::IO_ERROR | static_cast<u32>(errno));
+    return fileStatus(what + ": cannot make a file beside it,", path);
+  }
+  // A replaced file's permissions carry over; a new one gets the usual 0644.
+  ::fchmod(fd, old ? (st.st_mode & 07777) : 0644);
+  ::close(fd);
+  Ref<FileStripe> file = FileStripe::open(temp, FileStripe::Read | FileStripe::Write);
+  bool made = file && file->lock(FileStripe::Lock::Exclusive, false);
+  Ref<HiveFile> created;
+  if (made) {
+    Ref<Interfaces::Stripe> stripe = file;
+    const size_t slash = path.rfind('/');
+    created = HiveFile::create(stripe, options.minor_version, engineCodepage(options.codepage),
+                               [stripe]() { return stripe->sync(); },
+                               Platform::utf8ToUtf16(slash == std::string::npos ? path : path.substr(slash + 1)));
+    made = created && ::rename(temp.c_str(), path.c_str()) == 0;
+    if (!made && created) Platform::Error::set(Platform::Error::IO_ERROR | static_cast<u32>(errno));
+  }
+  if (!made) {
+    Status s = engineStatus(what, Code::io_error);
+    ::unlink(temp.c_str());
+    return s;
+  }
+  syncDirectoryOf(path);
+  Ref<RegistryHiveObj> hive = created.cast<RegistryHiveObj>();
+  if (!hive) return Status(Code::internal, what + ": unexpected hive object");
+  auto* core = new HiveCore(std::move(hive), path, {}, true, {file});
   return Hive(CoreRef::adopt(core));
 }
 

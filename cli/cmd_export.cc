@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "open_hive.h"
+#include "progress.h"
 
 namespace hivekit::cli {
 namespace {
@@ -31,6 +32,7 @@ int runExport(Context& ctx) {
   if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
   Key key;
   if (!findKey(hive, keyPath, key)) return EXIT_FAILED;
+  ProgressThread progress("export", [&target] { return target == "-" ? std::string() : fileSize(target); });
   const Status status = export_reg(key, target, options);
   return status ? EXIT_OK : fail(status);
 }

@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "open_hive.h"
+#include "records.h"
 #include "text.h"
 
 namespace hivekit::cli {
@@ -55,10 +56,26 @@ Result<std::string> typed(const Value& v, ValueType type) {
 }
 
 int runGet(Context& ctx) {
+  const bool json = ctx.args.has("--json"), raw = ctx.args.has("--raw"), cls = ctx.args.has("--class");
+  if (raw && (json || cls)) return usageError(ctx.command, "--raw goes alone");
+  if (cls && ctx.operandCount() > 2) return usageError(ctx.command, "--class shows a key's class name: no VALUE");
   Hive hive;
   if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
   Key key;
-  if (!findKey(hive, ctx.operand(1), key)) return EXIT_FAILED;
+  std::vector<std::string> names;
+  if (!findKey(hive, ctx.operand(1), key, names)) return EXIT_FAILED;
+  if (cls) {
+    const std::string name = key.class_name();
+    if (!json) {
+      std::string text;
+      appendEscaped(text, name, Escape::text);
+      return print(text + "\n");
+    }
+    std::string out;
+    JsonWriter j(out);
+    j.beginObject().key("path").string(rawPath(names)).key("class_name").string(name).endObject();
+    return print(out + "\n");
+  }
   const std::string name = ctx.operandCount() > 2 ? ctx.operand(2) : "";
   Result<Value> v = key.value(name);
   if (!v) {
@@ -69,6 +86,15 @@ int runGet(Context& ctx) {
   const ValueType type = v->type();
   Result<Bytes> data = v->data();
   if (!data) return fail("cannot read the data of the value", data.status());
+  if (raw) return print(std::string_view(reinterpret_cast<const char*>(data->data()), data->size()));
+  if (json) {
+    std::string out;
+    JsonWriter j(out);
+    j.beginObject().key("path").string(rawPath(names));
+    valueMembers(j, *v, data);
+    j.endObject();
+    return print(out + "\n");
+  }
   Result<std::string> text = typed(*v, type);
   if (!text) {
     if (type == ValueType::sz || type == ValueType::expand_sz || type == ValueType::multi_sz ||
@@ -84,14 +110,18 @@ int runGet(Context& ctx) {
 
 const Command GET_COMMAND = {
     "get",
-    "get [options] HIVE KEYPATH [VALUE]",
+    "get [options] HIVE KEYPATH [VALUE] [--json | --raw | --class]",
     "show one value",
     "Shows the value VALUE of KEYPATH (the default value when VALUE is omitted or\n"
     "\"\"): REG_SZ and REG_EXPAND_SZ as text, REG_MULTI_SZ one string per line,\n"
     "REG_DWORD, REG_DWORD_BIG_ENDIAN and REG_QWORD in decimal and hex, anything\n"
     "else (or data that does not fit its type) as a hex dump: offset, 16 bytes,\n"
-    "and the printable ASCII characters.\n",
-    {},
+    "and the printable ASCII characters.\n"
+    "  --raw    write the value's bytes to standard output exactly as stored\n"
+    "  --json   the value as a JSON object (with its key's \"path\")\n"
+    "  --class  show the class name of KEYPATH instead (no VALUE); with --json as\n"
+    "           {\"path\", \"class_name\"}\n",
+    {{"--json", false, false}, {"--raw", false, false}, {"--class", false, false}},
     2,
     3,
     false,

@@ -5,6 +5,7 @@
 
 #include "commands.h"
 #include "open_hive.h"
+#include "records.h"
 #include "text.h"
 
 namespace hivekit::cli {
@@ -82,11 +83,118 @@ std::string logModeLine(const HiveInfo& info) {
   return s + ", dirty pages of " + LOG_LABELS[last] + " applied";
 }
 
+const char* logModeName(LogMode mode) {
+  switch (mode) {
+    case LogMode::single:
+      return "single";
+    case LogMode::dual:
+      return "dual";
+    case LogMode::none:
+      break;
+  }
+  return "none";
+}
+
+std::string hiveJson(const std::string& path, const HiveInfo& info, bool unsafe) {
+  std::string out;
+  JsonWriter j(out);
+  j.beginObject();
+  j.key("file").string(path);
+  j.key("major_version").number(info.major_version).key("minor_version").number(info.minor_version);
+  j.key("primary_sequence").number(info.primary_sequence).key("secondary_sequence").number(info.secondary_sequence);
+  j.key("dirty").boolean(info.dirty);
+  j.key("last_written").string(to_iso8601(info.timestamp)).key("last_written_filetime").number(info.timestamp);
+  j.key("file_type").number(info.file_type).key("file_format").number(info.file_format);
+  j.key("root_offset").number(info.root_offset).key("hive_bins_size").number(info.hive_bins_size);
+  j.key("hbin_count");
+  if (unsafe)
+    j.null();
+  else
+    j.number(info.hbin_count);
+  j.key("hbins_state").string(info.hbins_state);
+  j.key("clustering_factor").number(info.clustering_factor);
+  j.key("stored_checksum").number(info.stored_checksum).key("computed_checksum").number(info.computed_checksum);
+  j.key("file_name").string(info.file_name);
+  j.key("log_mode").string(logModeName(info.log_mode));
+  j.key("applied_log");
+  if (info.applied_log >= 0 && info.applied_log <= 2)
+    j.string(LOG_LABELS[info.applied_log]);
+  else
+    j.null();
+  j.key("applied_sequence").number(info.applied_sequence);
+  j.key("logs").beginArray();
+  for (int i = 0; i < 3; ++i) {
+    const LogInfo& l = info.logs[i];
+    j.beginObject().key("slot").string(LOG_LABELS[i]).key("path");
+    if (l.path.empty())
+      j.null();
+    else
+      j.string(l.path);
+    j.key("usable").boolean(l.usable).key("new_format").boolean(l.new_format);
+    j.key("primary_sequence").number(l.primary_sequence).key("secondary_sequence").number(l.secondary_sequence);
+    j.key("entries").number(l.entries);
+    j.key("first_sequence").number(l.first_sequence).key("last_sequence").number(l.last_sequence);
+    j.key("applied").number(l.applied).key("state").string(l.state);
+    j.endObject();
+  }
+  j.endArray().endObject();
+  return out + "\n";
+}
+
+// One key: path, times, class name, counts, record offset and descriptor.
+int keyInfo(Context& ctx, const Hive& hive) {
+  Key key;
+  std::vector<std::string> names;
+  if (!findKey(hive, ctx.operand(1), key, names)) return EXIT_FAILED;
+  const FileTime t = key.last_write();
+  std::string sddl;
+  Result<SecurityDescriptor> sd = key.security_descriptor();
+  if (sd) {
+    Result<Bytes> bytes = sd->bytes();
+    Result<ParsedSecurityDescriptor> parsed = bytes ? parse_security_descriptor(*bytes) : bytes.status();
+    sddl = parsed ? to_sddl(*parsed) : "(unreadable: " + parsed.status().message() + ")";
+  }
+  std::string out;
+  if (ctx.args.has("--json")) {
+    JsonWriter j(out);
+    j.beginObject();
+    keyMembers(j, key, rawPath(names));
+    j.key("security_offset");
+    if (sd)
+      j.number(sd->offset());
+    else
+      j.null();
+    j.key("sddl").string(sddl);
+    j.endObject();
+    return print(out + "\n");
+  }
+  std::string path;
+  for (const std::string& n : names) {
+    path += '\\';
+    appendEscaped(path, n, Escape::printable);
+  }
+  std::string name, cls;
+  appendEscaped(name, key.name(), Escape::printable);
+  appendEscaped(cls, key.class_name(), Escape::printable);
+  line(out, "Path:", path.empty() ? "\\" : path);
+  line(out, "Name:", name);
+  line(out, "Last written:", to_iso8601(t) + " (FILETIME " + hex(t) + ")");
+  line(out, "Class name:", cls);
+  line(out, "Subkeys:", std::to_string(key.subkey_count()));
+  line(out, "Values:", std::to_string(key.value_count()));
+  line(out, "Record offset:", hex(key.offset()));
+  line(out, "Security record:", sd ? hex(sd->offset()) : "none (" + sd.status().message() + ")");
+  line(out, "Security:", sddl);
+  return print(out);
+}
+
 int runInfo(Context& ctx) {
   const std::string& path = ctx.operand(0);
   Hive hive;
   if (!openHive(ctx, path, hive)) return EXIT_FAILED;
+  if (ctx.operandCount() > 1) return keyInfo(ctx, hive);
   const HiveInfo info = hive.info();
+  if (ctx.args.has("--json")) return print(hiveJson(path, info, ctx.common.unsafe));
   std::string out;
   line(out, "File:", path);
   line(out, "Version:", std::to_string(info.major_version) + "." + std::to_string(info.minor_version));
@@ -125,8 +233,8 @@ int runInfo(Context& ctx) {
 
 const Command INFO_COMMAND = {
     "info",
-    "info [options] HIVE",
-    "show the base block and layout of a hive",
+    "info [options] HIVE [KEYPATH] [--json]",
+    "show the base block and layout of a hive, or one key",
     "Shows the version, the sequence numbers and whether the hive is dirty, the file\n"
     "type and format, the root key offset, the hive bins data size, the number of\n"
     "hive bins (not in --unsafe mode), the clustering factor, the stored and the\n"
@@ -136,10 +244,14 @@ const Command INFO_COMMAND = {
     "log (.LOG) or dual logs (.LOG1/.LOG2), and what was applied. Per log: the\n"
     "file found, its format (old: dirty pages; new: numbered entries), its\n"
     "sequence numbers, what it holds, whether it can serve recovery or why not\n"
-    "(stale: older than the hive), and how many entries or pages were applied.\n",
-    {},
+    "(stale: older than the hive), and how many entries or pages were applied.\n"
+    "With KEYPATH, shows that key instead: its path, name, last write time (to\n"
+    "100 ns, and the FILETIME), class name, numbers of subkeys and values, record\n"
+    "offset, security record and its descriptor in SDDL.\n"
+    "  --json  the same as one JSON object\n",
+    {{"--json", false, false}},
     1,
-    1,
+    2,
     false,
     runInfo,
 };

@@ -1,4 +1,5 @@
-// hivekit ls: the subkeys and values of one key.
+// hivekit ls: the subkeys and values of one key, or (-r) of every key of
+// its tree.
 #include <hivekit/hivekit.h>
 
 #include <algorithm>
@@ -6,30 +7,19 @@
 
 #include "commands.h"
 #include "open_hive.h"
+#include "records.h"
 #include "text.h"
+#include "tree_walk.h"
 #include "walk.h"
 
 namespace hivekit::cli {
 namespace {
-
-constexpr size_t PREVIEW_CHARS = 60;
 
 std::string displayName(const std::string& name, bool isValue) {
   if (isValue && name.empty()) return "(default)";
   std::string s;
   appendEscaped(s, name, Escape::printable);
   return s;
-}
-
-// Cuts UTF-8 text after `chars` code points, marking the cut.
-std::string shorten(const std::string& s, size_t chars) {
-  size_t i = 0, n = 0;
-  while (i < s.size() && n < chars) {
-    ++i;
-    while (i < s.size() && (static_cast<unsigned char>(s[i]) & 0xC0) == 0x80) ++i;
-    ++n;
-  }
-  return i < s.size() ? s.substr(0, i) + "..." : s;
 }
 
 std::string quoted(const std::string& text) {
@@ -39,59 +29,87 @@ std::string quoted(const std::string& text) {
   return "\"" + s + "\"";
 }
 
-std::string hexPreview(const Bytes& data) {
-  std::string s;
-  size_t n = std::min<size_t>(data.size(), 16);
-  for (size_t i = 0; i < n; ++i) {
-    if (i) s += ' ';
-    appendHexBytes(s, data.data() + i, 1);
+// "  name  TYPE  size  preview" lines for values, names and types in
+// columns. False when the values need more data than the budget allows.
+bool valueLines(std::string& out, std::span<const Value> values, const std::function<bool(uint64_t)>& charge) {
+  std::vector<std::string> names;
+  size_t width = 0, typeWidth = 0;
+  for (const Value& v : values) {
+    names.push_back(displayName(v.name(), true));
+    width = std::max(width, names.back().size());
+    typeWidth = std::max(typeWidth, typeName(v.type()).size());
   }
-  if (data.size() > n) s += " ...";
+  width = std::min<size_t>(width, 40);
+  for (size_t i = 0; i < values.size(); ++i) {
+    const Value& v = values[i];
+    const ValueType type = v.type();
+    Result<Bytes> data = v.data();
+    if (!charge(data->size())) return false;
+    std::string name = names[i];
+    // A long name gets a line of its own, so the columns stay aligned.
+    if (name.size() > width) {
+      out += "  " + name + "\n";
+      name.clear();
+    }
+    char b[160];
+    std::snprintf(b, sizeof(b), "  %-*s  %-*s %8zu  ", static_cast<int>(width), name.c_str(),
+                  static_cast<int>(typeWidth), typeName(type).c_str(), data->size());
+    out += b;
+    out += data.ok() ? preview(v, *data) : "(data unreadable)";
+    out += '\n';
+  }
+  return true;
+}
+
+// The long form of a key: last write (with 100 ns), class name, counts.
+std::string keyDetails(const Key& k) {
+  char b[96];
+  std::snprintf(b, sizeof(b), "  %s  %6u subkeys  %6u values", to_iso8601(k.last_write()).c_str(), k.subkey_count(),
+                k.value_count());
+  std::string s = b;
+  const std::string cls = k.class_name();
+  if (!cls.empty()) s += "  class " + quoted(cls);
   return s;
 }
 
-std::string number(uint64_t n) {
-  char b[64];
-  std::snprintf(b, sizeof(b), "%llu (0x%llx)", static_cast<unsigned long long>(n),
-                static_cast<unsigned long long>(n));
-  return b;
-}
-
-std::string preview(const Value& v, ValueType type, const Bytes& data) {
-  switch (type) {
-    case ValueType::sz:
-    case ValueType::expand_sz:
-      if (Result<std::string> s = v.string()) return shorten(quoted(*s), PREVIEW_CHARS);
-      break;
-    case ValueType::multi_sz:
-      if (Result<std::vector<std::string>> list = v.multi_string()) {
-        std::string s;
-        for (size_t i = 0; i < list->size(); ++i) {
-          if (i) s += ", ";
-          s += quoted((*list)[i]);
-          if (s.size() > 4 * PREVIEW_CHARS) break;
-        }
-        return shorten(s.empty() ? "(empty list)" : s, PREVIEW_CHARS);
+int runRecursive(Context& ctx, const Hive& hive, const Key& start, const std::vector<std::string>& names) {
+  const bool json = ctx.args.has("--json"), longForm = ctx.args.has("-l");
+  Output out;
+  TreeWalk walk(hive, ctx.operand(0), out, json ? TreeWalk::PathForm::raw : TreeWalk::PathForm::printable, true);
+  const bool complete = walk.run(start, walk.pathOf(names), [&](const TreeWalk::Visit& v) {
+    std::string& o = out.text;
+    if (json) {
+      JsonWriter j(o);
+      j.beginObject();
+      keyMembers(j, v.key, v.path);
+      j.key("values").beginArray();
+      for (const Value& value : v.values) {
+        const Result<Bytes> data = value.data();
+        if (!walk.chargeData(data->size())) return false;
+        valueObject(j, value, data);
       }
-      break;
-    case ValueType::dword:
-    case ValueType::dword_big_endian:
-      if (Result<uint32_t> n = v.dword()) return number(*n);
-      break;
-    case ValueType::qword:
-      if (Result<uint64_t> n = v.qword()) return number(*n);
-      break;
-    default:
-      break;
-  }
-  return hexPreview(data);
+      j.endArray().endObject();
+      o += '\n';
+      return !out.failed();
+    }
+    o += v.path;
+    if (longForm) o += keyDetails(v.key);
+    o += '\n';
+    return valueLines(o, v.values, [&](uint64_t bytes) { return walk.chargeData(bytes); }) && !out.failed();
+  });
+  if (complete) return EXIT_OK;
+  if (out.failed()) return out.reportFailure();
+  return fail("the listing is incomplete: parts of the hive could not be read");
 }
 
 int runLs(Context& ctx) {
+  const bool json = ctx.args.has("--json"), longForm = ctx.args.has("-l");
   Hive hive;
   if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
   Key key;
-  if (!findKey(hive, ctx.operandCount() > 1 ? ctx.operand(1) : "", key)) return EXIT_FAILED;
+  std::vector<std::string> names;
+  if (!findKey(hive, ctx.operandCount() > 1 ? ctx.operand(1) : "", key, names)) return EXIT_FAILED;
+  if (ctx.args.has("-r")) return runRecursive(ctx, hive, key, names);
 
   std::vector<Key> keys;
   Subkeys subkeys = key.subkeys();
@@ -102,58 +120,64 @@ int runLs(Context& ctx) {
   for (const Value& v : valueList) values.push_back(v);
   const uint64_t badValues = valueList.status().ok() ? valueList.skipped() : key.value_count();
 
-  std::string out;
-  std::vector<std::string> names;
-  size_t width = 0;
-  for (const Key& k : keys) {
-    names.push_back(displayName(k.name(), false));
-    width = std::max(width, names.back().size());
-  }
-  width = std::min<size_t>(width, 40);
-  out += "Keys (" + std::to_string(keys.size()) + "):\n";
-  for (size_t i = 0; i < keys.size(); ++i) {
-    std::string name = names[i];
-    // A long name gets a line of its own, so the columns stay aligned.
-    if (name.size() > width) {
-      out += "  " + name + "\n";
-      name.clear();
-    }
-    char b[160];
-    std::snprintf(b, sizeof(b), "  %-*s  %s  %6u subkeys  %6u values\n", static_cast<int>(width),
-                  name.c_str(), fileTimeToIso(keys[i].last_write()).c_str(), keys[i].subkey_count(),
-                  keys[i].value_count());
-    out += b;
-  }
-
-  names.clear();
-  width = 0;
-  for (const Value& v : values) {
-    names.push_back(displayName(v.name(), true));
-    width = std::max(width, names.back().size());
-  }
-  width = std::min<size_t>(width, 40);
-  out += "Values (" + std::to_string(values.size()) + "):\n";
-  size_t typeWidth = 0;
-  for (const Value& v : values) typeWidth = std::max(typeWidth, typeName(v.type()).size());
   // A value list may name one large value thousands of times.
   WalkBudget budget(hive, ctx.operand(0));
   size_t shown = 0;
-  for (size_t i = 0; i < values.size(); ++i, ++shown) {
-    const Value& v = values[i];
-    const ValueType type = v.type();
-    Result<Bytes> data = v.data();
-    if (!budget.charge(1, data->size())) break;
-    std::string name = names[i];
-    if (name.size() > width) {
-      out += "  " + name + "\n";
-      name.clear();
+  std::string out;
+  if (json) {
+    const std::string path = rawPath(names);
+    JsonWriter j(out);
+    j.beginObject().key("key").beginObject();
+    keyMembers(j, key, path);
+    j.endObject().key("subkeys").beginArray();
+    for (const Key& k : keys) {
+      j.beginObject();
+      keyMembers(j, k, childPath(path, k.name()));
+      j.endObject();
     }
-    char b[160];
-    std::snprintf(b, sizeof(b), "  %-*s  %-*s %8zu  ", static_cast<int>(width), name.c_str(),
-                  static_cast<int>(typeWidth), typeName(type).c_str(), data->size());
-    out += b;
-    out += data.ok() ? preview(v, type, *data) : "(data unreadable)";
+    j.endArray().key("values").beginArray();
+    for (const Value& v : values) {
+      const Result<Bytes> data = v.data();
+      if (!budget.charge(1, data->size())) break;
+      valueObject(j, v, data);
+      ++shown;
+    }
+    j.endArray().endObject();
     out += '\n';
+  } else {
+    std::vector<std::string> keyNames;
+    size_t width = 0;
+    for (const Key& k : keys) {
+      keyNames.push_back(displayName(k.name(), false));
+      width = std::max(width, keyNames.back().size());
+    }
+    width = std::min<size_t>(width, 40);
+    out += "Keys (" + std::to_string(keys.size()) + "):\n";
+    for (size_t i = 0; i < keys.size(); ++i) {
+      std::string name = keyNames[i];
+      if (name.size() > width) {
+        out += "  " + name + "\n";
+        name.clear();
+      }
+      char b[160];
+      if (longForm) {
+        std::snprintf(b, sizeof(b), "  %-*s", static_cast<int>(width), name.c_str());
+        out += b + keyDetails(keys[i]) + "\n";
+      } else {
+        std::snprintf(b, sizeof(b), "  %-*s  %s  %6u subkeys  %6u values\n", static_cast<int>(width),
+                      name.c_str(), fileTimeToIso(keys[i].last_write()).c_str(), keys[i].subkey_count(),
+                      keys[i].value_count());
+        out += b;
+      }
+    }
+    out += "Values (" + std::to_string(values.size()) + "):\n";
+    size_t shownNow = 0;
+    valueLines(out, values, [&](uint64_t bytes) {
+      if (!budget.charge(1, bytes)) return false;
+      ++shownNow;
+      return true;
+    });
+    shown = shownNow;
   }
   if (const int status = print(out)) return status;
   if (shown < values.size()) {
@@ -174,14 +198,20 @@ int runLs(Context& ctx) {
 
 const Command LS_COMMAND = {
     "ls",
-    "ls [options] HIVE [KEYPATH]",
+    "ls [options] HIVE [KEYPATH] [-l] [-r] [--json]",
     "list the subkeys and values of a key",
     "Lists the subkeys of KEYPATH (the root key when omitted), in the order of its\n"
     "subkey list: name, last write time (UTC), numbers of subkeys and values; then\n"
     "its values in the order of its value list: name ((default) for the unnamed\n"
     "value), type, data size in bytes, and a short preview of the data.\n"
-    "Control characters and unpaired surrogates in names are shown as %XXXX.\n",
-    {},
+    "Control characters and unpaired surrogates in names are shown as %XXXX.\n"
+    "  -l      the long form of keys: last write time to 100 ns, numbers of subkeys\n"
+    "          and values, and the class name when the key has one\n"
+    "  -r      every key of KEYPATH's tree instead, depth first: a line with the\n"
+    "          key's path (and with -l its long form), then its values\n"
+    "  --json  one JSON document {\"key\", \"subkeys\", \"values\"}; with -r, JSON\n"
+    "          Lines, one object per key with its values (as 'dump --json')\n",
+    {{"-l", false, false}, {"-r", false, false}, {"--json", false, false}},
     1,
     2,
     false,

@@ -3,6 +3,7 @@
 
 #include "commands.h"
 #include "open_hive.h"
+#include "progress.h"
 
 namespace hivekit::cli {
 namespace {
@@ -20,7 +21,12 @@ int runRecover(Context& ctx) {
     warn("no log applies to '" + path + "': the copy holds the hive as stored, marked clean");
   // The library refuses a target that is the hive or one of its logs, and
   // leaves nothing behind when the copy cannot be written.
-  if (const Status status = hive.recover(target); !status) return fail(status);
+  Status status;
+  {
+    ProgressThread progress("recover", [&target] { return fileSize(target); });
+    status = hive.recover(target);
+  }
+  if (!status) return fail(status);
 
   std::string applied;
   static const char* const labels[3] = {".LOG", ".LOG1", ".LOG2"};

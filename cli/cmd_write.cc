@@ -3,6 +3,7 @@
 // Each opens the hive read-write, does its one change and closes it, which
 // writes the change; a failed write is a failed command.
 #include <hivekit/hivekit.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -13,6 +14,7 @@
 
 #include "commands.h"
 #include "open_hive.h"
+#include "progress.h"
 
 namespace hivekit::cli {
 namespace {
@@ -109,6 +111,7 @@ bool parseType(const std::string& text, ValueType& type, Form& form) {
   switch (type) {
     case ValueType::sz:
     case ValueType::expand_sz:
+    case ValueType::link:
       form = Form::Text;
       break;
     case ValueType::multi_sz:
@@ -127,10 +130,12 @@ bool parseType(const std::string& text, ValueType& type, Form& form) {
   return true;
 }
 
-bool readStdin(std::string& out) {
+// Reads all of a descriptor.
+bool readAll(int fd, std::string& out) {
   char buf[65536];
   while (true) {
-    ssize_t n = ::read(0, buf, sizeof(buf));
+    ssize_t n = ::read(fd, buf, sizeof(buf));
+    if (n < 0 && errno == EINTR) continue;
     if (n < 0) return false;
     if (n == 0) return true;
     out.append(buf, static_cast<size_t>(n));
@@ -154,12 +159,26 @@ int runSet(Context& ctx) {
   Form form;
   if (!parseType(ctx.operand(3), type, form))
     return usageError(ctx.command, "unknown type '" + ctx.operand(3) + "'");
-  const bool fromStdin = ctx.args.has("--stdin");
+  const bool fromStdin = ctx.args.has("--stdin"), fromFile = ctx.args.has("--from-file");
   std::vector<std::string> data(ctx.args.operands.begin() + 4, ctx.args.operands.end());
-  if (fromStdin) {
+  std::vector<std::byte> bytes;
+  if (fromFile) {
+    // The file's bytes are the data, as stored: what 'get --raw' writes.
+    if (!data.empty() || fromStdin) return usageError(ctx.command, "DATA comes from the file with --from-file");
+    const std::string file = ctx.args.value("--from-file");
+    const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    std::string content;
+    const bool read = fd >= 0 && readAll(fd, content);
+    const int error = errno;
+    if (fd >= 0) ::close(fd);
+    if (!read) return fail("cannot read '" + file + "': " + std::strerror(error));
+    const auto* begin = reinterpret_cast<const std::byte*>(content.data());
+    bytes.assign(begin, begin + content.size());
+    form = Form::Bytes;
+  } else if (fromStdin) {
     if (!data.empty()) return usageError(ctx.command, "DATA comes from standard input with --stdin");
     std::string text;
-    if (!readStdin(text)) return fail(std::string("cannot read standard input: ") + std::strerror(errno));
+    if (!readAll(0, text)) return fail(std::string("cannot read standard input: ") + std::strerror(errno));
     // Text typed or piped in ends with a line break that is not data.
     if (form != Form::Bytes && !text.empty() && text.back() == '\n') {
       text.pop_back();
@@ -167,11 +186,10 @@ int runSet(Context& ctx) {
     }
     data.push_back(text);
   }
-  if (data.empty()) return usageError(ctx.command, "missing DATA");
+  if (data.empty() && !fromFile) return usageError(ctx.command, "missing DATA");
   if (data.size() > 1 && form != Form::TextList) return usageError(ctx.command, "too many arguments");
 
   // Everything is checked before the hive is opened.
-  std::vector<std::byte> bytes;
   uint64_t number = 0;
   std::vector<std::string> lines;
   switch (form) {
@@ -187,7 +205,7 @@ int runSet(Context& ctx) {
         return usageError(ctx.command, "'" + data[0] + "' is not a number that fits the type");
       break;
     case Form::Bytes:
-      if (!parseHexBytes(data[0], bytes))
+      if (!fromFile && !parseHexBytes(data[0], bytes))
         return usageError(ctx.command, "DATA must be hex bytes for this type");
       break;
   }
@@ -265,7 +283,11 @@ int runImport(Context& ctx) {
   };
   Hive hive;
   if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
-  const Status imported = import_reg(hive, file, options);
+  Status imported;
+  {
+    ProgressThread progress("import", nullptr);
+    imported = import_reg(hive, file, options);
+  }
   // What was imported before a failure stays: the hive is written either way.
   const int closed = closeHive(hive);
   return imported ? closed : fail(imported);
@@ -310,6 +332,7 @@ const Command SET_COMMAND = {
     "creating the value when missing and changing its type when it differs.\n"
     "TYPE and DATA:\n"
     "  sz, expand_sz   text (UTF-8 on the command line)\n"
+    "  link            text, stored without a terminating zero (a symbolic link)\n"
     "  multi_sz        one string per DATA argument, or per line of DATA; \"\" is the\n"
     "                  empty list\n"
     "  dword, dword_be a 32-bit number, decimal or 0x hex (dword_be is stored\n"
@@ -317,11 +340,13 @@ const Command SET_COMMAND = {
     "  qword           a 64-bit number\n"
     "  binary          hex bytes (\"01 02 ff\", \"0102ff\"; blanks, commas, colons ignored)\n"
     "  a number        any type by number (decimal or 0x hex), DATA as hex bytes\n"
-    "REG_SZ-style names are accepted as well; the other type names (none, link,\n"
-    "resource_list, ...) take DATA as hex bytes.\n"
+    "REG_SZ-style names are accepted as well; the other type names (none,\n"
+    "resource_list, ...) take DATA as hex bytes (\"\" for none).\n"
     "  --stdin         read DATA from standard input (one final line break is\n"
-    "                  dropped for text and number types)\n",
-    {{"--stdin", false, false}},
+    "                  dropped for text and number types)\n"
+    "  --from-file FILE  the bytes of FILE are the data, exactly, whatever TYPE\n"
+    "                  (what 'get --raw' writes)\n",
+    {{"--stdin", false, false}, {"--from-file", true, false}},
     4,
     SIZE_MAX,
     true,

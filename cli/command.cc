@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "progress.h"
+
 namespace hivekit::cli {
 namespace {
 
@@ -27,6 +29,7 @@ bool writeAll(int fd, const char* p, size_t length) {
 
 int fail(const std::string& message) {
   std::fflush(stdout);
+  eraseProgress();
   std::fprintf(stderr, "hivekit: %s\n", message.c_str());
   return EXIT_FAILED;
 }
@@ -54,6 +57,7 @@ int usageError(const Command* command, const std::string& message) {
 
 void warn(const std::string& message) {
   std::fflush(stdout);
+  eraseProgress();
   std::fprintf(stderr, "hivekit: warning: %s\n", message.c_str());
 }
 

@@ -18,5 +18,8 @@ extern const Command SET_COMMAND;
 extern const Command RM_COMMAND;
 extern const Command MV_COMMAND;
 extern const Command IMPORT_COMMAND;
+extern const Command FIND_COMMAND;
+extern const Command TIMELINE_COMMAND;
+extern const Command DIFF_COMMAND;
 
 }  // namespace hivekit::cli

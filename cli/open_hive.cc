@@ -64,4 +64,18 @@ bool findKey(const Hive& hive, const std::string& keyPath, Key& out) {
   return true;
 }
 
+bool findKey(const Hive& hive, const std::string& keyPath, Key& out, std::vector<std::string>& names) {
+  if (!findKey(hive, keyPath, out)) return false;
+  std::vector<std::string> parts;
+  names.clear();
+  if (!splitKeyPath(keyPath, parts)) return true;
+  Key at = hive.root();
+  for (const std::string& part : parts) {
+    Result<Key> next = at.subkey(part);
+    names.push_back(next ? next->name() : part);
+    if (next) at = *next;
+  }
+  return true;
+}
+
 }  // namespace hivekit::cli

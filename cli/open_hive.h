@@ -28,5 +28,8 @@ std::string libraryPath(const std::string& keyPath);
 // The key at KEYPATH. On failure reports it (the part of the path not
 // found, or why it cannot be read) and returns false.
 bool findKey(const Hive& hive, const std::string& keyPath, Key& out);
+// The same, and the names of the keys on the way from the root to it as
+// they are stored (the letter case of the hive, not of KEYPATH).
+bool findKey(const Hive& hive, const std::string& keyPath, Key& out, std::vector<std::string>& names);
 
 }  // namespace hivekit::cli

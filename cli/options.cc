@@ -113,4 +113,18 @@ bool readCommonOptions(const ParsedArgs& parsed, CommonOptions& out, std::string
   return true;
 }
 
+bool readTimeRange(const ParsedArgs& parsed, std::optional<FileTime>& since, std::optional<FileTime>& until,
+                   std::string& error) {
+  for (auto [option, slot] : {std::pair{"--since", &since}, std::pair{"--until", &until}}) {
+    if (!parsed.has(option)) continue;
+    FileTime t;
+    if (!parse_iso8601(parsed.value(option), t)) {
+      error = std::string(option) + " takes a UTC time: 2024-03-01, 2024-03-01T12:00:00, 2024-03-01T12:00:00.5Z";
+      return false;
+    }
+    *slot = t;
+  }
+  return true;
+}
+
 }  // namespace hivekit::cli

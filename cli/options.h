@@ -6,6 +6,7 @@
 #include <hivekit/hive.h>
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,6 +51,11 @@ struct CommonOptions {
 // Reads the shared options out of parsed arguments; false with a message
 // for an unknown codepage or contradicting choices.
 bool readCommonOptions(const ParsedArgs& parsed, CommonOptions& out, std::string& error);
+
+// --since and --until (UTC times in ISO 8601 form) when given; false with a
+// message for a time that does not read.
+bool readTimeRange(const ParsedArgs& parsed, std::optional<FileTime>& since, std::optional<FileTime>& until,
+                   std::string& error);
 
 // "ascii", "latin1", "windows1250", "windows1252" (also "1250", "1252",
 // "cp1252", any case).

@@ -10,7 +10,9 @@
 #include <cstdint>
 #include <vector>
 
+#include "api/core.h"
 #include "hive/hive_file.h"
+#include "hive/registry_hive.h"
 #include "hive/util/util.h"
 #include "platform/string.h"
 #include "platform/tvector.h"
@@ -31,7 +33,25 @@ struct WalkLimits {
   u32 objects = 10000;       // keys + values + descriptors visited
   u32 maxString = 65536;     // units handed to string() / strings()
   u64 maxBinary = 1u << 20;  // bytes read through binary()
+  // Hives up to this size (hive bins data) are also compared with
+  // themselves through the public diff, which walks all of them.
+  u64 maxDiffed = 1u << 20;
 };
+
+// The public diff of the hive against itself: nothing differs, but every
+// key and value is read through both sides of its walk, whose own limits
+// (depth, cycles, a budget by the hive's size) must end it.
+inline void diffWithItself(const Ref<HiveFile>& hive, const WalkLimits& limits) {
+  Ref<Libraries::Files::Hive::RegistryHiveObj> obj = hive.cast<Libraries::Files::Hive::RegistryHiveObj>();
+  if (!obj || obj->hiveLength() > limits.maxDiffed) return;
+  namespace d = hivekit::detail;
+  // A read-only handle over the same engine object, owning no files:
+  // closing it flushes and closes nothing.
+  hivekit::Hive api = d::Access::makeHive(d::CoreRef::adopt(new d::HiveCore(obj, "", {}, false, {})));
+  u32 reported = 0;
+  (void)hivekit::diff(api.root(), api.root(), [&](const hivekit::Difference&) { return ++reported < 100; },
+                      {.last_write = true});
+}
 
 // Reads the whole data of a value through every accessor its type allows
 // (and, on purpose, some it does not: those must fail cleanly).
@@ -61,7 +81,8 @@ inline void touchValue(const Ref<Value>& v, const WalkLimits& limits) {
   }
 }
 
-// Depth first over keys from the root, then the security descriptors.
+// Depth first over keys from the root, then the security descriptors
+// (each decoded), then the diff of the hive with itself.
 // Returns the number of objects visited.
 inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
   u32 budget = limits.objects;
@@ -121,12 +142,16 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
         Ref<Interfaces::Config::Hive::SecurityDescriptor> sd = sds->next();
         if (!sd) break;
         --budget;
-        (void)sd->get();
+        const std::vector<u8> bytes = sd->get();
+        Result<hivekit::ParsedSecurityDescriptor> parsed =
+            hivekit::parse_security_descriptor(std::as_bytes(std::span<const u8>(bytes)));
+        if (parsed) (void)hivekit::to_sddl(*parsed);
       }
       if (!sds->rewind()) break;
     }
   }
   (void)hive->path(String::create("a/b/c"));
+  diffWithItself(hive, limits);
   return limits.objects - budget;
 }
 

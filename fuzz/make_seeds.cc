@@ -249,6 +249,24 @@ void pathSeeds() {
   write("path", "readonly", prepend(16, {'a', '/', 'z'}));
 }
 
+// Patterns with texts to search (selector 0 or 2: letter case counts or
+// not), and the sample security descriptor (selector 1).
+void patternSeeds() {
+  const char* const patterns[][2] = {
+      {"^Run(Once)?$", "RunOnce"},       {"[a-z]+\\d{2,4}", "abc123"},   {"(?:ab|cd)*x", "abcdx"},
+      {"\\bnet\\b|^$", "a net"},        {"[^\\w.]\\s*\\u00e4", "x \xc3\xa4"}, {"(a|aa)+b", "aaaaaaaaab"},
+      {"x{", "x{"},                      {".*\\x41$", "zzA"}};
+  u32 n = 0;
+  for (const auto& [pattern, text] : patterns) {
+    std::vector<u8> input(pattern, pattern + std::strlen(pattern));
+    input.push_back(0);
+    input.insert(input.end(), text, text + std::strlen(text));
+    write("pattern", "re-" + std::to_string(n), prepend(static_cast<u8>(2 * (n % 2)), input));
+    ++n;
+  }
+  write("pattern", "descriptor", prepend(1, HiveBuilder::sampleDescriptor()));
+}
+
 // The shared test hives. Seeds are kept small so the targets run fast: a
 // hive is cut to its base block and the hbins it declares, logs lose their
 // zero tail, and anything still larger than the limit is left out.
@@ -348,6 +366,7 @@ int main(int argc, char** argv) {
   logSeeds();
   regSeeds();
   pathSeeds();
+  patternSeeds();
   testdataSeeds(argc == 3 ? fs::path(argv[2])
                           : fs::path(HIVEKIT_SOURCE_DIR) / ".." / "shared" / "testdata" / "hives");
   std::printf("%u seeds in %s\n", gCount, gDir.string().c_str());

@@ -11,7 +11,7 @@
 #   HIVEKIT_FUZZ_CORPUS   directory keeping each target's corpus between runs
 #                         (<dir>/<target>); by default a temporary one
 #   HIVEKIT_FUZZ_TARGETS  which targets, by name without "_fuzz"
-#                         (default: open log regfile path)
+#                         (default: open log regfile path pattern)
 #   HIVEKIT_FUZZ_BUILD    build directory (default build/fuzz)
 # After a finding the work directory stays (/tmp/hivekit-fuzz.*), with each
 # target's log and its inputs in artifacts/<target>/: replay one with
@@ -21,7 +21,7 @@ cd "$(dirname "$0")/.."
 
 seconds=${HIVEKIT_FUZZ_SECONDS:-100}
 build=${HIVEKIT_FUZZ_BUILD:-build/fuzz}
-read -r -a targets <<<"${HIVEKIT_FUZZ_TARGETS:-open log regfile path}"
+read -r -a targets <<<"${HIVEKIT_FUZZ_TARGETS:-open log regfile path pattern}"
 
 cmake --preset fuzz -B "$build" >/dev/null
 cmake --build "$build" -j2
@@ -31,7 +31,7 @@ corpus=${HIVEKIT_FUZZ_CORPUS:-$work/corpus}
 "$build/make-fuzz-seeds" "$work/seeds"
 
 # Input size limits: a hive of a few hbins, logs beside one, texts and paths.
-declare -A maxLen=([open]=65600 [log]=131072 [regfile]=16384 [path]=160)
+declare -A maxLen=([open]=65600 [log]=131072 [regfile]=16384 [path]=160 [pattern]=4096)
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}

@@ -258,7 +258,7 @@ bool writeImage(Interfaces::Stripe& stripe, const std::vector<u8>& image) {
 }  // namespace
 
 Ref<HiveFile> HiveFile::create(Ref<Interfaces::Stripe> stripe, u32 minorVersion, HiveCodepage codepage,
-                               SyncCallback sync) {
+                               SyncCallback sync, const std::u16string& fileName) {
   if (!stripe) {
     HK_LOG(hiveLog, 4) << "No stripe given for the new hive";
     Error::set(Errors::NULL_ARGUMENT);
@@ -275,7 +275,7 @@ Ref<HiveFile> HiveFile::create(Ref<Interfaces::Stripe> stripe, u32 minorVersion,
     Error::set(Errors::INVALID_ARGUMENT);
     return nullptr;
   }
-  if (!writeImage(*stripe, emptyHiveImage(minorVersion, u""))) return nullptr;
+  if (!writeImage(*stripe, emptyHiveImage(minorVersion, fileName))) return nullptr;
   if (sync && !sync()) {
     HK_LOG(hiveLog, 4) << "Failed to sync the new hive";
     Error::set(Errors::INVALID_FILE);

@@ -69,8 +69,10 @@ class HiveFile : public Interfaces::Config::Hive::RegistryHive {
   // Writes a valid empty hive (base block, one hbin, a root key and one
   // security record) into the stripe, which must be empty, and opens it
   // writable. minorVersion is 3 or 5 (lf or lh subkey lists, db records).
+  // `fileName` goes into the base block's file name field (its last 31
+  // characters).
   static Ref<HiveFile> create(Ref<Interfaces::Stripe> stripe, u32 minorVersion, HiveCodepage codepage,
-                              SyncCallback sync);
+                              SyncCallback sync, const std::u16string& fileName = u"");
   // Creates (or truncates) the file at path; its sync reaches the disk.
   static Ref<HiveFile> create(Ref<String> path, u32 minorVersion, HiveCodepage codepage);
 

@@ -35,7 +35,22 @@ Ref<FileStripe> FileStripe::open(const std::string& path, u32 flags) {
   return Ref<FileStripe>(new FileStripe(fd, path, writable));
 }
 
-FileStripe::~FileStripe() { ::close(_fd); }
+FileStripe::~FileStripe() { close(); }
+
+void FileStripe::close() {
+  if (_fd < 0) return;
+  if (_locked) {
+    // A mapping of the file keeps its open file description, and with it
+    // the lock, alive past close(): let the lock go first.
+    struct flock l = {};
+    l.l_type = F_UNLCK;
+    l.l_whence = SEEK_SET;
+    (void)fcntl(_fd, F_OFD_SETLK, &l);
+    _locked = false;
+  }
+  ::close(_fd);
+  _fd = -1;
+}
 
 u64 FileStripe::elementCount() {
   struct stat st;
@@ -100,6 +115,21 @@ bool FileStripe::sync() {
     setErrno(errno);
     return false;
   }
+  return true;
+}
+
+bool FileStripe::lock(Lock kind, bool wait) {
+  struct flock l = {};
+  l.l_type = kind == Lock::Exclusive ? F_WRLCK : F_RDLCK;
+  l.l_whence = SEEK_SET;
+  l.l_start = 0;
+  l.l_len = 0;  // the whole file, however it grows
+  while (fcntl(_fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &l) != 0) {
+    if (errno == EINTR) continue;
+    setErrno(errno == EACCES ? EAGAIN : errno);
+    return false;
+  }
+  _locked = true;
   return true;
 }
 

@@ -30,11 +30,24 @@ class FileStripe : public Interfaces::Stripe {
   // file changes).
   Ref<FileView> view(u64 position, u64 count) override;
   bool writable() const { return _writable; }
+
+  // Advisory lock on the whole file, held by this open (an open file
+  // description lock: two opens in one process conflict as two processes
+  // do) until it is closed. Shared locks coexist; an exclusive one
+  // excludes every other. Without `wait`, a conflicting lock makes it fail
+  // at once with IO_ERROR | EAGAIN.
+  enum class Lock { Shared, Exclusive };
+  bool lock(Lock kind, bool wait);
+  // Closes the file now (and so drops its lock) while others may still
+  // hold this object: every later call fails with IO_ERROR | EBADF. The
+  // caller makes sure no call on it runs at the same time.
+  void close();
   const std::string& path() const { return _path; }
 
  private:
   FileStripe(int fd, std::string path, bool writable) : _fd(fd), _path(std::move(path)), _writable(writable) {}
   int _fd;
+  bool _locked = false;
   std::string _path;
   bool _writable;
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "hive/regfile/reg_value_text.h"
 #include "platform/check.h"
 
 namespace Libraries::Files::Hive {
@@ -14,25 +15,8 @@ const Platform::Log::Channel regExporterLog("HiveRegExporter");
 
 namespace {
 
-constexpr u32 MAX_STRING_LENGTH = 16777216;
-// Bytes of one value line before the continuation.
-constexpr u64 BYTES_PER_LINE = 25;
-// Value data is read and printed in pieces of this size, so a value of any
-// size needs no buffer of its size.
-constexpr u64 CHUNK_SIZE = 64 * 1024;
-constexpr char16_t HEX[] = u"0123456789abcdef";
 constexpr const char* BUDGET_MESSAGE =
     "Export stopped, the lists name keys and values more often than the hive can hold, at: ";
-
-void appendHex(std::u16string& out, u32 v) {
-  char16_t digits[8];
-  int n = 0;
-  do {
-    digits[n++] = HEX[v & 0xF];
-    v >>= 4;
-  } while (v != 0);
-  while (n > 0) out += digits[--n];
-}
 
 }  // namespace
 
@@ -117,84 +101,30 @@ bool RegFileExporter::exportValue(const Ref<Value>& value) {
     report("Invalid name of a value. key: ", "Invalid name of a value. parent: ", 3);
     return false;
   }
-  _line.clear();
-  if (name->isEmpty()) {
-    _line += u"@=";
-  } else {
-    _line += u'"';
-    _line += name->units();
-    _line += u"\"=";
-  }
-  const u32 type = value->type();
-  if (!_binaryOnly && type == Interfaces::Config::Hive::ValueTypes::String) {
-    if (Ref<String> text = value->string(MAX_STRING_LENGTH)) {
-      _budget.charge(0, 2 * u64{text->length()});
-      _line += u'"';
-      _line += text->units();
-      _line += u'"';
-      _out->print(_line);
-      _out->endLine();
-      return true;
-    }
-    reportFallback("Invalid string value: ", "Invalid string value, using binary fallback: ", value);
-  } else if (!_binaryOnly && type == Interfaces::Config::Hive::ValueTypes::Dword) {
-    const u64 number = value->number();
-    // More than 32 bits cannot be written as a dword line either.
-    if (number <= 0xFFFFFFFFull) {
-      _budget.charge(0, 4);
-      _line += u"dword:";
-      for (int shift = 28; shift >= 0; shift -= 4) _line += HEX[(number >> shift) & 0xF];
-      _out->print(_line);
-      _out->endLine();
-      return true;
-    }
-    reportFallback("Invalid dword value: ", "Invalid dword value, using binary fallback: ", value);
-  }
-  return exportBinary(value, type);
-}
-
-bool RegFileExporter::exportBinary(const Ref<Value>& value, u32 type) {
-  if (type == Interfaces::Config::Hive::ValueTypes::Binary && !_binaryOnly) {
-    _line += u"hex:";
-  } else {
-    _line += u"hex(";
-    appendHex(_line, type);
-    _line += u"):";
-  }
-  _out->print(_line);
-
   Ref<Interfaces::Stripe> bin = value->binary();
   if (!bin) {
     report("Failed to read binary data of: ", "Failed to read binary data of: ", 3, value);
     return false;
   }
   HK_ASSERT_AS(regExporterLog, "bin->elementSize() == 1", bin->elementSize() == 1, false);
-  const u64 size = bin->elementCount();
-  for (u64 done = 0; done < size;) {
-    const u64 want = std::min(CHUNK_SIZE, size - done);
-    _chunk.resize(want);
-    if (bin->readAt(done, _chunk.data(), want) != want) {
+  u64 bytesRead = 0;
+  const RegValueForm form = writeRegValue(
+      name->units(), value->type(), bin->elementCount(),
+      [&](u64 offset, u8* out, u64 count) { return bin->readAt(offset, out, count); }, _binaryOnly,
+      [&](std::u16string_view text) { _out->print(text); }, &bytesRead);
+  _budget.charge(0, bytesRead);
+  switch (form) {
+    case RegValueForm::stringFallback:
+      reportFallback("Invalid string value: ", "Invalid string value, using binary fallback: ", value);
+      break;
+    case RegValueForm::dwordFallback:
+      reportFallback("Invalid dword value: ", "Invalid dword value, using binary fallback: ", value);
+      break;
+    case RegValueForm::unreadable:
       report("Failed to read binary data of: ", "Failed to read binary data of: ", 3, value);
       return false;
-    }
-    _budget.charge(0, want);
-    // Three units a byte and five a continuation, written in place.
-    _line.resize(3 * want + 5 * (want / BYTES_PER_LINE + 1));
-    char16_t* out = _line.data();
-    // Bytes on the current line so far (a full line when a chunk starts at
-    // the end of one).
-    u64 column = done % BYTES_PER_LINE;
-    if (column == 0 && done != 0) column = BYTES_PER_LINE;
-    for (u64 i = 0; i < want; ++i, ++done, ++column) {
-      if (column == BYTES_PER_LINE) {
-        for (char16_t c : std::u16string_view(u"\\\r\n  ")) *out++ = c;
-        column = 0;
-      }
-      *out++ = HEX[_chunk[i] >> 4];
-      *out++ = HEX[_chunk[i] & 0xF];
-      if (done + 1 != size) *out++ = u',';
-    }
-    _out->print(std::u16string_view(_line.data(), static_cast<size_t>(out - _line.data())));
+    default:
+      break;
   }
   _out->endLine();
   return true;

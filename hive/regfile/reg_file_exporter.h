@@ -40,7 +40,6 @@ class RegFileExporter {
  private:
   bool exportKey(const Ref<Key>& key, u32 depth);
   bool exportValue(const Ref<Value>& value);
-  bool exportBinary(const Ref<Value>& value, u32 type);
   // Diagnostics are built out of line to keep the recursion's frames small.
   // `path` is followed by the key path; with `value`, by "/" and its name.
   void report(const char* toPrinter, const char* toLog, int level, const Ref<Value>& value = nullptr) const;
@@ -68,9 +67,6 @@ class RegFileExporter {
   // Keys, values and bytes of value data written (exportValue charges the
   // bytes it reads, withinBudget the items).
   Util::WalkBudget _budget;
-  // Reused for every value: one line of output, one chunk of data.
-  std::u16string _line;
-  std::vector<Platform::u8> _chunk;
 };
 
 }  // namespace Libraries::Files::Hive

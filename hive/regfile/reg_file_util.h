@@ -9,8 +9,9 @@
 //   - per key, depth first in pre-order: "[" full path "]", where the path
 //     is in backslash form; one line per value; one empty line;
 //   - a value line: "@=" (the default value) or "\"" name "\"=", then
-//       "\"" text "\""            a string (type 1), written unescaped, up to
-//                                 its first zero character;
+//       "\"" text "\""            a string (type 1) whose data is its text and
+//                                 one zero unit, written unescaped (other
+//                                 strings, empty data included, go as hex(1));
 //       "dword:" 8 hex digits     a dword (type 4);
 //       "hex:" bytes              binary (type 3);
 //       "hex(" type "):" bytes    any other type (type in hex, no padding),

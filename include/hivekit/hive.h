@@ -58,6 +58,9 @@ struct OpenOptions {
   // When a subkey list is not in name order (a damaged hive), find names by
   // reading the whole list instead of failing.
   bool unsorted_lists = false;
+  // Another open holding a conflicting lock (see Hive::open) makes this one
+  // wait for it instead of failing with Code::in_use.
+  bool wait = false;
 };
 
 struct CreateOptions {
@@ -119,13 +122,22 @@ struct HiveInfo {
 class HIVEKIT_EXPORT Hive {
  public:
   // Opens the hive file at `path`.
+  // A writable open locks the hive file and its logs for itself alone; a
+  // read-only open shares them with other read-only opens. The locks are
+  // advisory, per open (two opens in one process exclude each other as two
+  // processes do), and go with the last handle. A conflicting lock fails
+  // the open with in_use ("in use by another process") unless
+  // options.wait.
   // Fails with: file_not_found, permission_denied, is_directory, in_use,
   // not_a_hive, truncated, bad_checksum, dirty (with the way out in the
   // message), unsupported, corrupt (the root key is unusable), io_error,
   // invalid_argument (options that contradict each other).
   static Result<Hive> open(std::string_view path, const OpenOptions& options = {});
   // Writes a new hive holding only its root key at `path` and opens it
-  // writable. Fails with already_exists unless options.overwrite.
+  // writable. Fails with already_exists unless options.overwrite, and with
+  // in_use when the file it would replace is open. The new hive is made
+  // beside `path` and renamed over it once complete, so a failure leaves
+  // any old file as it was.
   static Result<Hive> create(std::string_view path, const CreateOptions& options = {});
 
   // A closed hive: every call fails with Code::closed (or returns a null

@@ -10,10 +10,13 @@
 // one includes; nothing else of the source tree is part of the interface.
 #pragma once
 
+#include "hivekit/diff.h"
 #include "hivekit/hive.h"
 #include "hivekit/key.h"
 #include "hivekit/log.h"
 #include "hivekit/regfile.h"
+#include "hivekit/sddl.h"
+#include "hivekit/search.h"
 #include "hivekit/security.h"
 #include "hivekit/status.h"
 #include "hivekit/types.h"

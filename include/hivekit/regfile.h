@@ -8,12 +8,15 @@
 // key (depth first, a key before its subkeys) and a line per value.
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <span>
 #include <string>
 #include <string_view>
 
 #include "hivekit/export.h"
 #include "hivekit/status.h"
+#include "hivekit/types.h"
 
 namespace hivekit {
 
@@ -63,5 +66,57 @@ struct ImportOptions {
 HIVEKIT_EXPORT Status import_reg(Hive& hive, std::string_view path, const ImportOptions& options = {});
 // The same from the file's bytes in memory.
 HIVEKIT_EXPORT Status import_reg_text(Hive& hive, std::string_view text, const ImportOptions& options = {});
+
+// Registry text written piece by piece, for programs that make their own
+// files (a patch, a selection of keys): every piece is in exactly the form
+// export_reg writes, so import_reg reads it back the same way.
+//
+//   hivekit::RegTextWriter w;
+//   w.header();
+//   w.key("ROOT\\Software\\Vendor");
+//   w.value("Version", hivekit::ValueType::dword, bytes);
+//   w.deleted_value("Old");
+//   w.deleted_key("ROOT\\Software\\Obsolete");
+//   w.finish();
+//   out.write(w.text().data(), w.text().size());
+//
+// Paths and names are UTF-8 (WTF-8 for unpaired surrogates, as the library
+// gives them), written as they are: the registry text grammar has no
+// escapes for a "]" in a key name, a "\" inside one, or a '"' in a value
+// name. Sections are separated by an empty line, as export_reg separates
+// keys.
+class HIVEKIT_EXPORT RegTextWriter {
+ public:
+  // The byte order mark, "Windows Registry Editor Version 5.00" and an
+  // empty line.
+  void header();
+  // "[PATH]": the values written next belong to this key (an import
+  // creates it when missing). Ends the section before it.
+  void key(std::string_view path);
+  // "[-PATH]": an import deletes the key with everything below it. Ends
+  // the section before it; values may not follow until the next key().
+  void deleted_key(std::string_view path);
+  // One value line: "name"= (or @= for "") and the data as export_reg
+  // writes it: a string for REG_SZ, dword: for a 4-byte REG_DWORD, hex:
+  // or hex(TYPE): bytes for anything else (every value with
+  // `binary_only`). Data of any size; nothing is checked against a key.
+  void value(std::string_view name, ValueType type, std::span<const std::byte> data, bool binary_only = false);
+  // "name"=- (or @=-): an import deletes the value.
+  void deleted_value(std::string_view name);
+  // Ends the last section (its empty line). Call once after the last piece.
+  void finish();
+
+  // Everything written so far: UTF-16LE bytes, CR LF line ends.
+  const std::string& text() const noexcept { return text_; }
+  // Empties text() (after its bytes were written out), keeping the state:
+  // the next piece continues the same file.
+  void clear() noexcept { text_.clear(); }
+
+ private:
+  void put(std::u16string_view units);
+  void endSection();
+  std::string text_;
+  bool open_ = false;  // a "[PATH]" section awaits its empty line
+};
 
 }  // namespace hivekit

@@ -71,6 +71,12 @@ inline FileTime to_filetime(std::chrono::system_clock::time_point t) {
 }
 // ISO 8601 in UTC with all seven decimals: "2024-03-01T12:00:00.1234567Z".
 HIVEKIT_EXPORT std::string to_iso8601(FileTime t);
+// Reads a UTC time in ISO 8601 form: "2024-03-01", "2024-03-01T12:00",
+// "2024-03-01T12:00:00", with up to seven decimals of a second, a "T" or a
+// blank between date and time, and an optional "Z". False (and `out` left
+// alone) for anything else, including a time zone offset and dates before
+// 1601 or invalid in the calendar.
+HIVEKIT_EXPORT bool parse_iso8601(std::string_view text, FileTime& out) noexcept;
 
 // How 8-bit ("compressed") key and value names are read and written.
 // latin1 (byte = character) is how Windows reads them.

@@ -319,8 +319,17 @@ TEST(PublicApi, FailuresNameTheirCause) {
   for (const auto& [status, code] : calls) EXPECT_EQ(status.code(), code) << status.to_string();
   EXPECT_NE(ro->key("K\\nope").status().message().find("K\\nope"), std::string::npos);
 
+  // A writer excludes readers and other writers, in this process too.
+  EXPECT_EQ(Hive::open(ok, {.writable = true}).status().code(), Code::in_use);
+  ro = Hive();
   Result<Hive> rw = Hive::open(ok, {.writable = true});
-  ASSERT_TRUE(rw.ok());
+  ASSERT_TRUE(rw.ok()) << rw.status().to_string();
+  for (bool writable : {false, true}) {
+    Result<Hive> second = Hive::open(ok, {.writable = writable});
+    EXPECT_EQ(second.status().code(), Code::in_use);
+    EXPECT_NE(second.status().message().find("in use by another process"), std::string::npos);
+  }
+  EXPECT_EQ(Hive::create(ok, {.overwrite = true}).status().code(), Code::in_use);
   Key w = rw->key("K").value();
   ASSERT_TRUE(w.create_key("Sub").ok());
   EXPECT_EQ(rw->root().delete_key("K").code(), Code::not_empty);

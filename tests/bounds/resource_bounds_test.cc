@@ -666,8 +666,21 @@ class ResourceBounds : public ::testing::Test {
   Runs readAll(const Crafted& c, rlim_t stack = 0) {
     const std::string file = copyOf(c, "");
     std::vector<std::vector<std::string>> commands = {
-        {"info", file}, {"dump", file}, {"dump", "--unsafe", file}, {"export", file}, {"sd", file}};
-    for (const std::string& k : c.keys) commands.push_back({"ls", file, k});
+        {"info", file},
+        {"dump", file},
+        {"dump", "--unsafe", file},
+        {"export", file},
+        {"sd", file},
+        {"dump", "--json", file},
+        {"ls", "-r", "-l", file},
+        {"find", file, "--data", "A", "--key", "."},
+        {"timeline", "--csv", file},
+        {"diff", "--json", file, file},
+        {"diff", "--reg", file, file}};
+    for (const std::string& k : c.keys) {
+      commands.push_back({"ls", file, k});
+      commands.push_back({"info", "--json", file, k});
+    }
     for (const auto& [k, v] : c.values) commands.push_back({"get", file, k, v});
     Runs runs;
     for (std::vector<std::string>& args : commands) {

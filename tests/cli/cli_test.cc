@@ -4,122 +4,12 @@
 // into a temporary folder; nothing under the test data is ever written.
 // Hostile hives (loops, deep trees, claimed counts) are met in
 // tests/bounds, under limits of time and memory.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <numeric>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "hive/format.h"
 #include "hivekit/version.h"
-#include "tests/support/hive_builder.h"
-#include "tests/support/test_files.h"
+#include "tests/cli/cli_fixture.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-namespace Hive = Libraries::Files::Hive;
-using hivekit::test::HiveBuilder;
-using hivekit::test::u32;
-using hivekit::test::u8;
-
-struct Result {
-  int status = -1;
-  std::string out, err;
-};
-
-using hivekit::test::readFile;
-
-template <class Bytes>
-void writeFile(const fs::path& p, const Bytes& bytes) {
-  std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-}
-
-fs::path testdata() {
-  return fs::path(HIVEKIT_SOURCE_DIR) / ".." / "shared" / "testdata";
-}
-
-#define REQUIRE_TESTDATA() \
-  if (!fs::is_directory(testdata() / "expected")) GTEST_SKIP() << "no ../shared/testdata"
-
-// expected/D/X.lst lists hives/D/X read with --dirty --no-logs, and
-// expected/D/X.recovered.lst lists it read through its logs.
-std::vector<std::pair<fs::path, fs::path>> listings(bool recovered) {
-  const fs::path expected = testdata() / "expected";
-  std::vector<std::pair<fs::path, fs::path>> out;
-  for (const auto& e : fs::recursive_directory_iterator(expected)) {
-    std::string name = e.path().filename().string();
-    const size_t mark = name.find(".recovered.");
-    if (!e.is_regular_file() || e.path().extension() != ".lst" || (mark != std::string::npos) != recovered)
-      continue;
-    name.resize(recovered ? mark : name.size() - 4);
-    out.emplace_back(testdata() / "hives" / fs::relative(e.path(), expected).parent_path() / name, e.path());
-  }
-  std::sort(out.begin(), out.end());
-  return out;
-}
-
-// The value after "Label:" on a line of `info` output.
-std::string field(const std::string& text, const std::string& label) {
-  const size_t at = ("\n" + text).find("\n" + label + ":");
-  if (at == std::string::npos) return "<missing " + label + ">";
-  const size_t start = text.find_first_not_of(' ', at + label.size() + 1);
-  return text.substr(start, text.find('\n', start) - start);
-}
-
-bool hasLine(const std::string& text, const std::string& line) {
-  return ("\n" + text).find("\n" + line + "\n") != std::string::npos;
-}
-
-size_t countLines(const std::string& text, const std::string& prefix) {
-  size_t n = 0;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) n += line.rfind(prefix, 0) == 0;
-  return n;
-}
-
-class CliTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    std::string tmpl = (fs::temp_directory_path() / "hivekit-cli-XXXXXX").string();
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    _dir = tmpl;
-  }
-  void TearDown() override {
-    if (!_dir.empty()) fs::remove_all(_dir);
-  }
-
-  fs::path path(const std::string& name) const { return _dir / name; }
-
-  // Runs the tool with the given standard input; output is collected
-  // through files so that neither pipe can fill up.
-  Result hivekit(const std::vector<std::string>& args, const std::string& input = "") {
-    const fs::path in = path(".stdin"), out = path(".stdout"), err = path(".stderr");
-    writeFile(in, input);
-    const pid_t pid = fork();
-    if (pid == 0) {
-      const int fds[3] = {open(in.c_str(), O_RDONLY), open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
-                          open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
-      for (int i = 0; i < 3; ++i) dup2(fds[i], i);
-      std::vector<char*> argv{const_cast<char*>(HIVEKIT_CLI)};
-      for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      execv(HIVEKIT_CLI, argv.data());
-      _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(out), readFile(err)};
-  }
-
-  fs::path _dir;
-};
+using namespace hivekit::cli_test;
 
 // ---------------------------------------------------------------- usage
 
@@ -128,7 +18,7 @@ TEST_F(CliTest, UsageErrorsExitTwoWithUsageLine) {
       {},
       {"frobnicate", "x"},
       {"info"},
-      {"info", "a", "b"},
+      {"info", "a", "b", "c"},
       {"info", "--bogus", "x"},
       {"info", "--codepage", "klingon", "x"},
       {"info", "--codepage"},
@@ -144,6 +34,15 @@ TEST_F(CliTest, UsageErrorsExitTwoWithUsageLine) {
       {"rm", "h", "\\"},
       {"mv", "h", "", "x"},
       {"recover", "h"},  // -o is required
+      {"find", "h", "--key", "(a"},
+      {"find", "h", "--data", "\\1"},
+      {"find", "h", "--since", "yesterday"},
+      {"timeline", "h", "--csv", "--tln"},
+      {"diff", "a"},
+      {"diff", "a", "b", "--json", "--reg"},
+      {"get", "h", "k", "--raw", "--json"},
+      {"get", "h", "k", "v", "--class"},
+      {"set", "h", "k", "v", "binary", "00", "--from-file", "f"},
   };
   for (const auto& args : bad) {
     Result r = hivekit(args);
@@ -159,8 +58,8 @@ TEST_F(CliTest, HelpEverywhere) {
   Result r = hivekit({"--help"});
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("hivekit --version"), std::string::npos);
-  for (const char* c : {"info", "ls", "get", "export", "dump", "sd", "recover", "new", "mkkey", "set", "rm",
-                        "mv", "import"}) {
+  for (const char* c : {"info", "ls", "get", "find", "timeline", "diff", "export", "dump", "sd", "recover", "new",
+                        "mkkey", "set", "rm", "mv", "import"}) {
     EXPECT_NE(r.out.find(std::string("  ") + c + " "), std::string::npos) << c;
     Result h = hivekit({c, "--help"});
     EXPECT_EQ(h.status, 0) << c;
@@ -235,48 +134,18 @@ TEST_F(CliTest, FailuresNameTheirCause) {
 
 // ---------------------------------------------------------------- reading
 
-class BuiltHiveTest : public CliTest {
- protected:
-  void SetUp() override {
-    CliTest::SetUp();
-    HiveBuilder b(5);
-    const u32 root = b.root(), names = b.key(root, u"names");
-    for (const char16_t* n : {u"ctl\x01name", u"back\\slash", u"per%cent", u"\x00e4rger", u"\x65e5\x672c",
-                              u"pair\xD83D\xDE00", u"lone\xD800x", u"slash/inside"})
-      b.key(names, n);
-    const u32 data = b.key(root, u"data");
-    b.value(data, u"", 1, {'d', 0, 'f', 0, 0, 0});
-    b.value(data, u"empty", 3, {});
-    b.value(data, u"dword", 4, {0x78, 0x56, 0x34, 0x12});
-    b.value(data, u"dwordbe", 5, {0x12, 0x34, 0x56, 0x78});
-    b.value(data, u"qword", 11, {1, 0, 0, 0, 0, 0, 0, 0x80});
-    b.value(data, u"multi", 7, {'a', 0, 0, 0, 'b', 0, 'c', 0, 0, 0, 0, 0});
-    std::vector<u8> exact32(32), big(20000);
-    std::iota(exact32.begin(), exact32.end(), 0);
-    for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<u8>(i % 251);
-    b.value(data, u"exact32", 3, exact32);
-    b.value(data, u"a33", 3, std::vector<u8>(33, 'a'));
-    b.value(data, u"a56", 3, std::vector<u8>(56, 'a'));
-    b.value(data, u"a64", 0x20, std::vector<u8>(64, 'a'));
-    b.value(data, u"a1000", 3, std::vector<u8>(1000, 'a'));
-    b.value(data, u"big", 3, big);  // a db record in a 1.5 hive
-    b.value(data, u"tab\tname%", 1, {'x', 0, 0, 0});
-    writeFile(path("built"), b.build());
-  }
-};
-
 TEST_F(BuiltHiveTest, DumpEscapesNamesAndDigestsLongData) {
   Result r = hivekit({"dump", path("built").string()});
   ASSERT_EQ(r.status, 0) << r.err;
   const std::string& o = r.out;
-  EXPECT_EQ(o.rfind("K\t\\\t01d9c1a2b3c4d5e6\t2\t0\n", 0), 0u) << o.substr(0, 200);
+  EXPECT_EQ(o.rfind("K\t\\\t01d9c1a2b3c4d5e6\t3\t0\n", 0), 0u) << o.substr(0, 200);
   EXPECT_TRUE(hasLine(o, "K\t\\names\t01d9c1a2b3c4d5e6\t8\t0"));
   for (const char* name : {"ctl%0001name", "back%005Cslash", "per%0025cent", "\xC3\xA4rger",
                            "\xE6\x97\xA5\xE6\x9C\xAC", "pair\xF0\x9F\x98\x80", "lone%D800x", "slash/inside"})
     EXPECT_TRUE(hasLine(o, std::string("K\t\\names\\") + name + "\t01d9c1a2b3c4d5e6\t0\t0")) << name;
   // Values in value-list order, right after their key.
   std::string values =
-      "K\t\\data\t01d9c1a2b3c4d5e6\t0\t13\n"
+      "K\t\\data\t01d9c1a2b3c4d5e6\t0\t14\n"
       "V\t\\data\t\t1\t6\t640066000000\n"
       "V\t\\data\tempty\t3\t0\t\n"
       "V\t\\data\tdword\t4\t4\t78563412\n"
@@ -298,7 +167,7 @@ TEST_F(BuiltHiveTest, LsAndGetShowTypedData) {
   Result r = hivekit({"ls", hive, "\\data"});
   ASSERT_EQ(r.status, 0) << r.err;
   for (const char* s :
-       {"Keys (0):", "Values (13):", "(default)", "REG_DWORD_BIG_ENDIAN", "305419896 (0x12345678)"})
+       {"Keys (0):", "Values (14):", "(default)", "REG_DWORD_BIG_ENDIAN", "305419896 (0x12345678)"})
     EXPECT_NE(r.out.find(s), std::string::npos) << s;
   r = hivekit({"ls", hive});
   EXPECT_NE(r.out.find("2023-07-28T22:27:32Z"), std::string::npos) << r.out;  // the builder's FILETIME
@@ -326,10 +195,10 @@ TEST_F(BuiltHiveTest, InfoAndSecurityDescriptors) {
   EXPECT_EQ(field(r.out, "Log mode"), "none");
   EXPECT_EQ(field(hivekit({"info", "--unsafe", hive}).out, "Hive bins"), "not counted in unsafe mode");
 
-  r = hivekit({"sd", hive});
+  r = hivekit({"sd", "--raw", hive});
   ASSERT_EQ(r.status, 0) << r.err;
   std::vector<u8> sd = HiveBuilder::sampleDescriptor();
-  EXPECT_NE(r.out.find("references 11  length " + std::to_string(sd.size()) + "\n"), std::string::npos)
+  EXPECT_NE(r.out.find("references 14  length " + std::to_string(sd.size()) + "\n"), std::string::npos)
       << r.out;
   char first[64];
   std::snprintf(first, sizeof(first), "  0000  %02x %02x %02x %02x", sd[0], sd[1], sd[2], sd[3]);
@@ -416,7 +285,8 @@ TEST_F(CliTest, ReadingLeavesHiveAndLogsUntouchedAndFindsLogsInAnyCase) {
   EXPECT_EQ(field(r.out, "Log (.LOG)"), "none");
   EXPECT_EQ(field(r.out, "Log (.LOG1)").rfind(path("H.log1").string(), 0), 0u) << r.out;
   EXPECT_EQ(field(r.out, "Log (.LOG2)").rfind(path("H.Log2").string(), 0), 0u) << r.out;
-  for (const char* cmd : {"dump", "sd", "ls"}) hivekit({cmd, "--dirty", h});
+  for (const char* cmd : {"dump", "sd", "ls", "find", "timeline"}) hivekit({cmd, "--dirty", h});
+  hivekit({"diff", "--dirty", h, h});
   hivekit({"export", "--dirty", h, "-o", path("out.reg").string()});
   EXPECT_EQ(files(), before);
   EXPECT_EQ(field(hivekit({"info", "--dirty", "--no-logs", h}).out, "Log (.LOG1)"), "none");

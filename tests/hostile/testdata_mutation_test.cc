@@ -17,7 +17,16 @@
 // A step that takes longer than HIVEKIT_SWEEP_HANG seconds (default 10; the
 // unchanged files get ten times as long) is a hang: the variant is printed
 // and the process aborts.
+//
+// The tool's reading commands meet the same files as separate processes,
+// and a third of the variants (none of files above 1 MiB): each must end
+// with status 0 or 1, without a sanitizer report, and what their --json
+// forms write must parse as JSON (by /usr/bin/python3, when present).
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -39,6 +48,7 @@
 #include "hive/log/marvin32.h"
 #include "hive/regfile/reg_file_util.h"
 #include "platform/memory_stripe.h"
+#include "tests/support/test_files.h"
 
 namespace Libraries::Files::Hive {
 namespace {
@@ -526,6 +536,118 @@ TEST_F(TestdataMutation, LogsDamaged) {
       run(what, hive, mixed, false, k / 2);
     }
   });
+}
+
+// ---- The tool on the same files ----
+
+struct ToolRun {
+  int status = -1;  // exit status, or 128 + the signal that ended it
+  std::string err;
+};
+
+// Runs the tool with standard output into `out`. Sanitizer reports exit
+// with 86, out of the tool's own range; a run past a minute of CPU is
+// ended by the kernel.
+ToolRun runTool(const std::vector<std::string>& args, const fs::path& out, const fs::path& err) {
+  std::vector<std::string> store{HIVEKIT_CLI};
+  store.insert(store.end(), args.begin(), args.end());
+  std::vector<char*> argv;
+  for (std::string& a : store) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const int fds[3] = {open("/dev/null", O_RDONLY), open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
+                        open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
+    for (int i = 0; i < 3; ++i) dup2(fds[i], i);
+    const rlimit cpu{60, 61};
+    setrlimit(RLIMIT_CPU, &cpu);
+    setenv("ASAN_OPTIONS", "exitcode=86:detect_leaks=1", 1);
+    setenv("UBSAN_OPTIONS", "exitcode=86:print_stacktrace=1", 1);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  std::ifstream in(err);
+  std::stringstream text;
+  text << in.rdbuf();
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), text.str()};
+}
+
+TEST_F(TestdataMutation, ToolReadingCommands) {
+  std::string tmpl = (fs::temp_directory_path() / "hivekit-sweep-XXXXXX").string();
+  ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
+  const fs::path dir = tmpl;
+  bool noPython = false;
+  forEachFile([&](const Subject& s, const Bytes& hive, const Bytes* logs[3]) {
+    const fs::path original = dir / "original";
+    std::ofstream(original, std::ios::binary).write(reinterpret_cast<const char*>(hive.data()), hive.size());
+    std::vector<std::pair<std::string, Bytes>> variants = {{"unchanged", hive}};
+    // A third of the sweep's variants of each kind (at least one), none of
+    // the biggest files, whose unchanged form costs most.
+    const u32 count = hive.size() > (1u << 20) ? 0 : std::max<u32>(1, _variants / 3);
+    Layout layout = layoutOf(hive);
+    for (u32 k = 0; k < count; ++k) {
+      Mutator cut(seedOf(s.name, "cut", k)), bytes(seedOf(s.name, "bytes", k));
+      const u64 length = cut.cutLength(hive.size());
+      variants.push_back({"cut #" + std::to_string(k), Bytes(hive.begin(), hive.begin() + static_cast<std::ptrdiff_t>(length))});
+      variants.push_back({"bytes #" + std::to_string(k), hive});
+      bytes.changeHive(variants.back().second, layout);
+    }
+    std::vector<std::pair<fs::path, bool>> json;
+    for (size_t v = 0; v < variants.size(); ++v) {
+      const fs::path file = dir / ("hive" + std::to_string(v));
+      std::ofstream(file, std::ios::binary)
+          .write(reinterpret_cast<const char*>(variants[v].second.data()), variants[v].second.size());
+      // The unchanged file reads through its logs; the rest as stored.
+      const char* suffixes[3] = {".LOG", ".LOG1", ".LOG2"};
+      for (int i = 0; i < 3 && v == 0; ++i)
+        if (logs[i]) {
+          fs::path log = file;
+          log += suffixes[i];
+          std::ofstream(log, std::ios::binary).write(reinterpret_cast<const char*>(logs[i]->data()), logs[i]->size());
+        }
+      // Every other variant is also read whole into memory (--unsafe).
+      const std::string h = file.string(), mode = v % 2 ? "--unsafe" : "--codepage=latin1";
+      // The form of each command's output: 0 text, 1 a JSON document, 2 JSON Lines.
+      const std::vector<std::pair<std::vector<std::string>, int>> commands = {
+          {{"info", "--json", "--dirty", mode, h}, 1},
+          {{"info", "--json", "--dirty", mode, h, "\\"}, 1},
+          {{"ls", "--json", "--dirty", mode, h}, 1},
+          {{"ls", "-r", "-l", "--dirty", mode, h}, 0},
+          {{"dump", "--json", "--dirty", mode, h}, 2},
+          {{"sd", "--json", "--dirty", mode, h}, 2},
+          {{"find", "--json", "--dirty", mode, h, "--data", "^[0-9a-f]{8}", "--key", "e"}, 2},
+          {{"timeline", "--json", "--dirty", mode, h}, 2},
+          {{"diff", "--json", "--times", "--dirty", original.string(), h}, 2},
+          {{"diff", "--reg", "--dirty", original.string(), h}, 0}};
+      // Against itself, the patch is the same walk as the JSON form.
+      for (size_t c = 0; c < commands.size() - (v == 0); ++c) {
+        const auto& [args, form] = commands[c];
+        const std::string label = s.name + " " + variants[v].first + ": " + args[0] + " " + args[1];
+        _watchdog.step(label, 20.0 * _hang);
+        const fs::path out = dir / ("out" + std::to_string(v) + "-" + std::to_string(c));
+        const ToolRun r = runTool(args, out, dir / "err");
+        ++_tally.runs;
+        _tally.opened += r.status == 0;
+        EXPECT_TRUE(r.status == 0 || r.status == 1) << label << ": status " << r.status << "\n" << r.err;
+        EXPECT_EQ(r.err.find("Sanitizer"), std::string::npos) << label << "\n" << r.err;
+        EXPECT_EQ(r.err.find("runtime error"), std::string::npos) << label << "\n" << r.err;
+        if (form != 0 && fs::file_size(out) > 0) json.emplace_back(out, form == 2);
+      }
+      for (int i = 0; i < 3 && v == 0; ++i) {
+        fs::path log = file;
+        log += suffixes[i];
+        fs::remove(log);
+      }
+    }
+    if (noPython) return;
+    const std::string problems = hivekit::test::jsonProblems(json);
+    noPython = problems == "no python";
+    EXPECT_TRUE(noPython || problems.empty()) << s.name << ": " << problems;
+  });
+  fs::remove_all(dir);
+  if (noPython) GTEST_SKIP() << "no /usr/bin/python3: the JSON was not parsed";
 }
 
 }  // namespace

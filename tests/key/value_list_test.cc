@@ -71,7 +71,9 @@ TEST(ValueList, ManyValuesFoundByNameThroughChanges) {
       for (KeyObj* k : {a.get(), b.get()}) {
         Ref<Hive::Value> v = k->value(str((i % 2 ? upper(n) : n).c_str()));
         ASSERT_EQ(static_cast<bool>(v), present.count({k, upper(n)}) == 1) << step << ": " << n;
-        if (v) ASSERT_EQ(upper(v->name()->toUtf8()), upper(n)) << step;
+        if (v) {
+          ASSERT_EQ(upper(v->name()->toUtf8()), upper(n)) << step;
+        }
       }
     }
   };
