@@ -34,7 +34,7 @@ struct WalkLimits {
   u32 maxString = 65536;     // units handed to string() / strings()
   u64 maxBinary = 1u << 20;  // bytes read through binary()
   // Hives up to this size (hive bins data) are also compared with
-  // themselves through the public diff, which walks all of them.
+  // themselves through the public diff, which walks all of them (0: none).
   u64 maxDiffed = 1u << 20;
 };
 
@@ -43,7 +43,7 @@ struct WalkLimits {
 // (depth, cycles, a budget by the hive's size) must end it.
 inline void diffWithItself(const Ref<HiveFile>& hive, const WalkLimits& limits) {
   Ref<Libraries::Files::Hive::RegistryHiveObj> obj = hive.cast<Libraries::Files::Hive::RegistryHiveObj>();
-  if (!obj || obj->hiveLength() > limits.maxDiffed) return;
+  if (!obj || limits.maxDiffed == 0 || obj->hiveLength() > limits.maxDiffed) return;
   namespace d = hivekit::detail;
   // A read-only handle over the same engine object, owning no files:
   // closing it flushes and closes nothing.

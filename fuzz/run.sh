@@ -31,7 +31,7 @@ corpus=${HIVEKIT_FUZZ_CORPUS:-$work/corpus}
 "$build/make-fuzz-seeds" "$work/seeds"
 
 # Input size limits: a hive of a few hbins, logs beside one, texts and paths.
-declare -A maxLen=([open]=65600 [log]=131072 [regfile]=16384 [path]=160 [pattern]=4096)
+declare -A maxLen=([open]=49152 [log]=65536 [regfile]=16384 [path]=320 [pattern]=4096)
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
