@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -27,6 +28,7 @@ using Platform::MemoryStripe;
 using Platform::Ref;
 using Platform::String;
 using Platform::u32;
+using Platform::u64;
 using Platform::u8;
 
 namespace fs = std::filesystem;
@@ -286,6 +288,7 @@ void patternSeeds() {
 // references past the end: damage of the kind the targets look for.
 constexpr size_t kHbinLimit = 16 * 1024;
 constexpr size_t kLogLimit = 16 * 1024;
+constexpr size_t kTopLimit = 40 * 1024;       // a copy of the top of a tree, within -max_len
 constexpr size_t kTextLimit = 16 * 1024 - 2;  // with the selector, within -max_len
 
 std::vector<u8> readFile(const fs::path& path) {
@@ -321,6 +324,53 @@ std::vector<u8> sliceHive(std::vector<u8> bytes) {
   return bytes;
 }
 
+// The top of a real hive's tree copied into a new hive through the
+// library: keys breadth first with their values (data cut to 1 KiB) until
+// about kHbinLimit of records. Where a slice keeps the real bytes but
+// loses the lists that point past the cut, the copy keeps the real names,
+// types, data and shape of the tree in a hive that walks.
+std::vector<u8> topOfTree(const std::vector<u8>& full) {
+  Ref<Hive::HiveFile> source = Hive::HiveFile::open(MemoryStripe::create(full), 0x11, Hive::latin1, {});
+  if (!source || !source->root()) return {};
+  Ref<MemoryStripe> out = MemoryStripe::create();
+  {
+    Ref<Hive::HiveFile> copy = Hive::HiveFile::create(out, 5, Hive::latin1, {});
+    if (!copy) return {};
+    std::deque<std::pair<Ref<Hive::Key>, Ref<Hive::Key>>> queue{{source->root(), copy->root()}};
+    size_t bytes = 0;  // a rough count of the records written
+    std::vector<u8> data(1024);
+    while (!queue.empty() && bytes < kHbinLimit * 3 / 4) {
+      auto [from, to] = queue.front();
+      queue.pop_front();
+      if (Ref<Interfaces::Config::Hive::ValueIterator> values = from->valueIterator()) {
+        for (u32 n = 0; n < 64; ++n) {
+          Ref<Hive::Value> v = values->next();
+          if (!v || !v->name()) break;
+          Ref<Hive::Value> made = to->createValue(v->name(), v->type());
+          Ref<Interfaces::Stripe> in = v->binary();
+          Ref<Interfaces::Stripe> dest = made ? made->binary() : nullptr;
+          if (!in || !dest) continue;
+          const u64 length = std::min<u64>(in->elementCount(), data.size());
+          if (in->readAt(0, data.data(), length) != length) continue;
+          dest->setElementCount(length);
+          dest->writeAt(0, data.data(), length);
+          bytes += 32 + 2 * v->name()->length() + (length > 4 ? length : 0);
+        }
+      }
+      if (Ref<Interfaces::Config::Hive::KeyIterator> keys = from->keyIterator()) {
+        for (u32 n = 0; n < 64; ++n) {
+          Ref<Hive::Key> child = keys->next();
+          if (!child || !child->name()) break;
+          if (Ref<Hive::Key> made = to->createKey(child->name())) queue.emplace_back(child, made);
+          bytes += 96 + 2 * child->name()->length();
+        }
+      }
+    }
+    if (!copy->flush()) return {};
+  }
+  return out->bytes();
+}
+
 std::vector<u8> trimLog(std::vector<u8> bytes) {
   size_t end = bytes.size();
   while (end >= 512 + 512 &&
@@ -349,11 +399,18 @@ void testdataSeeds(const fs::path& hives) {
     // Unique across folders: "NewDirtyHive1_NewDirtyHive".
     std::string name = fs::relative(path, hives).string();
     std::replace(name.begin(), name.end(), '/', '_');
-    const std::vector<u8> image = sliceHive(readFile(path));
+    const std::vector<u8> full = readFile(path);
+    const std::vector<u8> image = sliceHive(full);
     if (image.empty()) continue;
     write("open", "td-" + name, prepend(1, image));
     write("open", "td-w-" + name, prepend(3, image));
     write("open", "td-x-" + name, prepend(0x25, image));
+    const std::vector<u8> top = topOfTree(full);
+    if (!top.empty() && top.size() < kTopLimit) {
+      write("open", "top-" + name, prepend(1, top));
+      write("open", "top-w-" + name, prepend(0x43, top));
+      write("open", "top-x-" + name, prepend(0x21, top));
+    }
 
     // Beside its logs: the hive in the input, LOG1 and LOG2 after it.
     std::vector<u8> log1, log2;
@@ -366,8 +423,10 @@ void testdataSeeds(const fs::path& hives) {
     // A recovered copy beside the logs is clean: not a hive to replay into.
     if (path.filename().string().rfind("Recovered", 0) == 0) continue;
     if (log1.empty() && log2.empty()) {
-      // A regular text export of the hive, for the import target.
-      Ref<Hive::HiveFile> h = Hive::HiveFile::open(MemoryStripe::create(image), 0x11, Hive::latin1, {});
+      // A regular text export of the hive (the copy of its top, when there
+      // is one), for the import target.
+      Ref<Hive::HiveFile> h =
+          Hive::HiveFile::open(MemoryStripe::create(top.empty() ? image : top), 0x11, Hive::latin1, {});
       if (!h) continue;
       Ref<MemoryStripe> out = MemoryStripe::create();
       (void)Hive::RegFileUtil::exportRegFile(h->root(), out, String::create("HKEY_LOCAL_MACHINE/SOFTWARE"),

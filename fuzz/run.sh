@@ -84,14 +84,26 @@ for t in "${targets[@]}"; do
   fi
   echo "ok   ${t}_fuzz: ${share} s, ${execs:-?} runs, ${rate:-?}/s, $cov"
   if [ "${HIVEKIT_FUZZ_MERGE:-0}" = 1 ]; then
+    # The kept corpus holds only what the seeds and regression inputs (made
+    # or kept anyway) do not reach: merge into a directory that starts with
+    # them, then drop them again.
     merged="$work/merged/$t"
     mkdir -p "$merged"
+    mkdir -p "fuzz/corpus/$t"
+    base=()
+    for d in "$work/seeds/$t" "fuzz/regressions/$t"; do
+      [ -d "$d" ] && cp "$d"/* "$merged/" && base+=("$d")
+    done
     "$build/${t}_fuzz" -merge=1 -timeout=10 -rss_limit_mb=2048 -max_len="${maxLen[$t]:-65536}" "$merged" \
-      "${dirs[@]}" >"$work/$t.merge.log" 2>&1
+      "$corpus/$t" "fuzz/corpus/$t" >"$work/$t.merge.log" 2>&1 ||
+      { echo "merge of ${t} failed; log $work/$t.merge.log"; exit 1; }
+    for d in "${base[@]}"; do
+      for f in "$d"/*; do rm -f "$merged/$(basename "$f")"; done
+    done
     rm -rf "fuzz/corpus/$t"
     mkdir -p "fuzz/corpus/$t"
-    cp "$merged"/* "fuzz/corpus/$t/"
-    echo "     corpus: $(ls "fuzz/corpus/$t" | wc -l) inputs, $(du -sk "fuzz/corpus/$t" | cut -f1) KiB"
+    cp "$merged"/* "fuzz/corpus/$t/" 2>/dev/null || true
+    echo "     kept corpus: $(ls "fuzz/corpus/$t" | wc -l) inputs, $(du -sk "fuzz/corpus/$t" | cut -f1) KiB"
   fi
 done
 echo "fuzz targets: $((${#targets[@]} - ${#failed[@]})) clean, ${#failed[@]} with findings"
