@@ -136,6 +136,8 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
       for (auto it = children.rbegin(); it != children.rend(); ++it) stack.push_back(*it);
     }
   }
+  // Twice round the list (the second time after a rewind), decoding each
+  // descriptor the first time only.
   if (Ref<Interfaces::Config::Hive::SecurityDescriptorIterator> sds = hive->securityDescriptorIterator()) {
     for (u32 n = 0; n < 2 && budget > 0; ++n) {
       while (budget > 0) {
@@ -143,6 +145,7 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
         if (!sd) break;
         --budget;
         const std::vector<u8> bytes = sd->get();
+        if (n > 0) continue;
         Result<hivekit::ParsedSecurityDescriptor> parsed =
             hivekit::parse_security_descriptor(std::as_bytes(std::span<const u8>(bytes)));
         if (parsed) (void)hivekit::to_sddl(*parsed);

@@ -103,7 +103,7 @@ for t in "${targets[@]}"; do
     rm -rf "fuzz/corpus/$t"
     mkdir -p "fuzz/corpus/$t"
     cp "$merged"/* "fuzz/corpus/$t/" 2>/dev/null || true
-    echo "     kept corpus: $(ls "fuzz/corpus/$t" | wc -l) inputs, $(du -sk "fuzz/corpus/$t" | cut -f1) KiB"
+    echo "     kept corpus: $(ls "fuzz/corpus/$t" | wc -l) inputs, $(cat "fuzz/corpus/$t"/* 2>/dev/null | wc -c) bytes"
   fi
 done
 echo "fuzz targets: $((${#targets[@]} - ${#failed[@]})) clean, ${#failed[@]} with findings"
