@@ -86,7 +86,9 @@ for t in "${targets[@]}"; do
   if [ "${HIVEKIT_FUZZ_MERGE:-0}" = 1 ]; then
     # The kept corpus holds only what the seeds and regression inputs (made
     # or kept anyway) do not reach: merge into a directory that starts with
-    # them, then drop them again.
+    # them, then drop them again. It keeps inputs that reach new edges, not
+    # new hit counts (-use_counters=0): a tenth of the size, and each run
+    # grows counts again from it.
     merged="$work/merged/$t"
     mkdir -p "$merged"
     mkdir -p "fuzz/corpus/$t"
@@ -94,7 +96,7 @@ for t in "${targets[@]}"; do
     for d in "$work/seeds/$t" "fuzz/regressions/$t"; do
       [ -d "$d" ] && cp "$d"/* "$merged/" && base+=("$d")
     done
-    "$build/${t}_fuzz" -merge=1 -timeout=10 -rss_limit_mb=2048 -max_len="${maxLen[$t]:-65536}" "$merged" \
+    "$build/${t}_fuzz" -merge=1 -use_counters=0 -timeout=10 -rss_limit_mb=2048 -max_len="${maxLen[$t]:-65536}" "$merged" \
       "$corpus/$t" "fuzz/corpus/$t" >"$work/$t.merge.log" 2>&1 ||
       { echo "merge of ${t} failed; log $work/$t.merge.log"; exit 1; }
     for d in "${base[@]}"; do
