@@ -31,7 +31,7 @@ inline const std::vector<Platform::u8>& dirtyHive() {
       if (Ref<Hive::Value> v = b->createValue(String::create("n"), 4)) v->setNumber(7);
       if (Ref<Hive::Value> v = c->createValue(String::create("big"), 3)) {
         Ref<Interfaces::Stripe> data = v->binary();
-        std::vector<Platform::u8> bytes(20000, 0x5a);
+        std::vector<Platform::u8> bytes(16400, 0x5a);
         data->setElementCount(bytes.size());
         data->writeAt(0, bytes.data(), bytes.size());
       }

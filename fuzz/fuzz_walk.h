@@ -34,7 +34,7 @@ struct WalkLimits {
   u32 maxString = 65536;     // units handed to string() / strings()
   u64 maxBinary = 1u << 20;  // bytes read through binary()
   // Hives up to this size (hive bins data) are also compared with
-  // themselves through the public diff, which walks all of them.
+  // themselves through the public diff, which walks all of them (0: none).
   u64 maxDiffed = 1u << 20;
 };
 
@@ -43,7 +43,7 @@ struct WalkLimits {
 // (depth, cycles, a budget by the hive's size) must end it.
 inline void diffWithItself(const Ref<HiveFile>& hive, const WalkLimits& limits) {
   Ref<Libraries::Files::Hive::RegistryHiveObj> obj = hive.cast<Libraries::Files::Hive::RegistryHiveObj>();
-  if (!obj || obj->hiveLength() > limits.maxDiffed) return;
+  if (!obj || limits.maxDiffed == 0 || obj->hiveLength() > limits.maxDiffed) return;
   namespace d = hivekit::detail;
   // A read-only handle over the same engine object, owning no files:
   // closing it flushes and closes nothing.
@@ -136,6 +136,8 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
       for (auto it = children.rbegin(); it != children.rend(); ++it) stack.push_back(*it);
     }
   }
+  // Twice round the list (the second time after a rewind), decoding each
+  // descriptor the first time only.
   if (Ref<Interfaces::Config::Hive::SecurityDescriptorIterator> sds = hive->securityDescriptorIterator()) {
     for (u32 n = 0; n < 2 && budget > 0; ++n) {
       while (budget > 0) {
@@ -143,6 +145,7 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
         if (!sd) break;
         --budget;
         const std::vector<u8> bytes = sd->get();
+        if (n > 0) continue;
         Result<hivekit::ParsedSecurityDescriptor> parsed =
             hivekit::parse_security_descriptor(std::as_bytes(std::span<const u8>(bytes)));
         if (parsed) (void)hivekit::to_sddl(*parsed);

@@ -12,6 +12,8 @@
 //   bit 5 set: bytes 3-5 length of the hive part (little-endian), which
 //             comes before LOG1
 //   then LOG1, and the rest is LOG2
+//   bit 6    compare the last hive of the run with itself through the
+//            public diff (one expensive check per run, not every one)
 // The repairs let the fuzzer reach entry replay instead of dying on the
 // checksum; without them the raw bytes are tried as they are. A read-only
 // open that succeeds also writes the recovered copy (what `hivekit
@@ -112,6 +114,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   static const u32 kModes[] = {0x1, 0x11, 0x5, 0x0};
   const u32 mode = kModes[flags & 3];
+  const u64 diffed = (flags & 64) ? u64{1} << 20 : 0;
 
   Ref<MemoryStripe> file = MemoryStripe::create(hive);
   HiveFile::LogFiles logs;
@@ -125,13 +128,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   {
     Ref<HiveFile> h = HiveFile::open(file, logs, mode, Hive::latin1, {});
     if (!h) return 0;
-    walkHive(h, {3000, 4096, 1u << 16});
+    walkHive(h, {3000, 4096, 1u << 16, 0});
     if (mode & 0x1) {
       Ref<MemoryStripe> copy = MemoryStripe::create();
       Ref<Hive::RegistryHiveObj> obj = h.cast<Hive::RegistryHiveObj>();
       if (obj && obj->writeRecoveredCopy(copy)) {
         Ref<HiveFile> recovered = HiveFile::open(MemoryStripe::create(copy->bytes()), 0x1, Hive::latin1, {});
-        if (recovered) walkHive(recovered, {3000, 4096, 1u << 16});
+        if (recovered) walkHive(recovered, {3000, 4096, 1u << 16, diffed});
       }
       return 0;
     }
@@ -139,10 +142,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ByteSource ops(data, size < 48 ? size : 48);
     mutateHive(h, ops, 16);
     (void)h->flush();
-    walkHive(h, {3000, 4096, 1u << 16});
   }
   // The file and logs as the writer left them must open again.
   Ref<HiveFile> again = HiveFile::open(MemoryStripe::create(file->bytes()), logs, 0x1, Hive::latin1, {});
-  if (again) walkHive(again, {3000, 4096, 1u << 16});
+  if (again) walkHive(again, {3000, 4096, 1u << 16, diffed});
   return 0;
 }

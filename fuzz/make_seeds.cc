@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -27,6 +28,7 @@ using Platform::MemoryStripe;
 using Platform::Ref;
 using Platform::String;
 using Platform::u32;
+using Platform::u64;
 using Platform::u8;
 
 namespace fs = std::filesystem;
@@ -69,7 +71,7 @@ std::vector<u8> typesHive() {
   b.value(k, u"expand", 2, sz(u"%PATH%"));
   b.value(k, u"small", 3, {1, 2});
   b.value(k, u"blob", 3, pattern(100));
-  b.value(k, u"big", 3, pattern(17000));
+  b.value(k, u"big", 3, pattern(16400));  // just over one record: a db
   b.value(k, u"dword", 4, {1, 0, 0, 0});
   b.value(k, u"be", 5, {0, 0, 0, 1});
   std::vector<u8> multi = sz(u"a");
@@ -109,7 +111,7 @@ std::vector<u8> liHive() {
 
 void openSeeds() {
   const std::vector<u8> types = typesHive();
-  for (u8 selector : {0, 1, 2, 3, 4, 8})
+  for (u8 selector : {0, 1, 2, 3, 4, 8, 0x21, 0x63})
     write("open", "types-" + std::to_string(selector), prepend(selector, types));
   for (u8 selector : {0, 3, 4}) {
     write("open", "ri3-" + std::to_string(selector), prepend(selector, riHive(3)));
@@ -183,6 +185,8 @@ void logSeeds() {
     write("log", "old-" + std::to_string(mode), logInput(mode, old, {}));
   }
   write("log", "primary", logInput(0x13, old, {}));
+  write("log", "new-diff", logInput(0x4D, written, {}));
+  write("log", "new-diff-w", logInput(0x4F, written, {}));
   write("log", "raw", logInput(0x0C, std::vector<u8>(2048, 0), std::vector<u8>(1024, 0)));
 }
 
@@ -212,7 +216,7 @@ void regSeeds() {
       "[HKEY_LOCAL_MACHINE\\SOFTWARE]\r\n"
       "\"root\"=\"r\"\r\n";
   write("regfile", "utf16", prepend(0, utf16(text)));
-  write("regfile", "utf8", prepend(0x20, std::vector<u8>(text.begin(), text.end())));
+  write("regfile", "utf8", prepend(0xA0, std::vector<u8>(text.begin(), text.end())));
   const std::string plain =
       "REGEDIT4\r\n\r\n[A]\r\n\"v\"=\"w\"\r\n[A\\B]\r\n@=dword:1\r\n[-A\\B]\r\n[A\\\\C]\r\n";
   write("regfile", "prefix-a", prepend(0x22, std::vector<u8>(plain.begin(), plain.end())));
@@ -223,10 +227,15 @@ void regSeeds() {
   if (!h) return;
   Ref<MemoryStripe> out = MemoryStripe::create();
   Hive::RegFileUtil::exportRegFile(h->root(), out, String::create("HKEY_LOCAL_MACHINE/SOFTWARE"), 0);
-  write("regfile", "export", prepend(0, out->bytes()));
+  // Cut to what the target reads (-max_len), at an even length: UTF-16.
+  auto cut = [](std::vector<u8> text) {
+    if (text.size() > 16 * 1024 - 2) text.resize(16 * 1024 - 2);
+    return text;
+  };
+  write("regfile", "export", prepend(0x80, cut(out->bytes())));
   out = MemoryStripe::create();
   Hive::RegFileUtil::exportRegFile(h->root(), out, String::create("HKEY_LOCAL_MACHINE/SOFTWARE"), 2);
-  write("regfile", "export-binary", prepend(8, out->bytes()));
+  write("regfile", "export-binary", prepend(0x88, cut(out->bytes())));
 }
 
 void pathSeeds() {
@@ -252,10 +261,14 @@ void pathSeeds() {
 // Patterns with texts to search (selector 0 or 2: letter case counts or
 // not), and the sample security descriptor (selector 1).
 void patternSeeds() {
-  const char* const patterns[][2] = {
-      {"^Run(Once)?$", "RunOnce"},       {"[a-z]+\\d{2,4}", "abc123"},   {"(?:ab|cd)*x", "abcdx"},
-      {"\\bnet\\b|^$", "a net"},        {"[^\\w.]\\s*\\u00e4", "x \xc3\xa4"}, {"(a|aa)+b", "aaaaaaaaab"},
-      {"x{", "x{"},                      {".*\\x41$", "zzA"}};
+  const char* const patterns[][2] = {{"^Run(Once)?$", "RunOnce"},
+                                     {"[a-z]+\\d{2,4}", "abc123"},
+                                     {"(?:ab|cd)*x", "abcdx"},
+                                     {"\\bnet\\b|^$", "a net"},
+                                     {"[^\\w.]\\s*\\u00e4", "x \xc3\xa4"},
+                                     {"(a|aa)+b", "aaaaaaaaab"},
+                                     {"x{", "x{"},
+                                     {".*\\x41$", "zzA"}};
   u32 n = 0;
   for (const auto& [pattern, text] : patterns) {
     std::vector<u8> input(pattern, pattern + std::strlen(pattern));
@@ -267,23 +280,95 @@ void patternSeeds() {
   write("pattern", "descriptor", prepend(1, HiveBuilder::sampleDescriptor()));
 }
 
-// The shared test hives. Seeds are kept small so the targets run fast: a
-// hive is cut to its base block and the hbins it declares, logs lose their
-// zero tail, and anything still larger than the limit is left out.
-constexpr size_t kSeedLimit = 64 * 1024;
+// The shared test hives, cut small so the targets run fast: a hive keeps
+// its base block and as many whole hbins as fit in kHbinLimit (its length
+// field and checksum set to match; a first hbin larger than that is cut
+// raw, a truncated hive), and a log loses its zero tail and is cut to
+// kLogLimit at a sector boundary. Keys and values beyond the cut are
+// references past the end: damage of the kind the targets look for.
+constexpr size_t kHbinLimit = 16 * 1024;
+constexpr size_t kLogLimit = 16 * 1024;
+constexpr size_t kTopLimit = 40 * 1024;       // a copy of the top of a tree, within -max_len
+constexpr size_t kTextLimit = 16 * 1024 - 2;  // with the selector, within -max_len
 
 std::vector<u8> readFile(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   return std::vector<u8>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-std::vector<u8> trimHive(std::vector<u8> bytes) {
-  if (bytes.size() >= 512) {
-    const size_t length =
-        4096 + static_cast<size_t>(Platform::L32(bytes.data() + Hive::hive_header::OFS_LENGTH));
-    if (length < bytes.size()) bytes.resize(length);
+std::vector<u8> sliceHive(std::vector<u8> bytes) {
+  constexpr size_t kBase = 4096;
+  if (bytes.size() < kBase) return bytes;
+  const bool checksumOk = Platform::L32(bytes.data() + Hive::hive_header::OFS_CHECKSUM) ==
+                          Hive::calculateHeaderChecksum(bytes.data());
+  const size_t declared = Platform::L32(bytes.data() + Hive::hive_header::OFS_LENGTH);
+  size_t end = kBase;
+  while (end + 32 <= bytes.size() && std::memcmp(bytes.data() + end, "hbin", 4) == 0) {
+    const size_t size = Platform::L32(bytes.data() + end + 8);
+    if (size < 4096 || size % 4096 != 0 || end - kBase + size > kHbinLimit || end + size > bytes.size())
+      break;
+    end += size;
+  }
+  if (end == kBase) {
+    // No whole hbin fits: the raw start, as a truncated file.
+    bytes.resize(std::min(bytes.size(), kBase + kHbinLimit));
+    return bytes;
+  }
+  bytes.resize(end);
+  if (end - kBase != declared) {
+    Platform::W32(bytes.data() + Hive::hive_header::OFS_LENGTH, static_cast<u32>(end - kBase));
+    if (checksumOk)
+      Platform::W32(bytes.data() + Hive::hive_header::OFS_CHECKSUM,
+                    Hive::calculateHeaderChecksum(bytes.data()));
   }
   return bytes;
+}
+
+// The top of a real hive's tree copied into a new hive through the
+// library: keys breadth first with their values (data cut to 1 KiB) until
+// about kHbinLimit of records. Where a slice keeps the real bytes but
+// loses the lists that point past the cut, the copy keeps the real names,
+// types, data and shape of the tree in a hive that walks.
+std::vector<u8> topOfTree(const std::vector<u8>& full) {
+  Ref<Hive::HiveFile> source = Hive::HiveFile::open(MemoryStripe::create(full), 0x11, Hive::latin1, {});
+  if (!source || !source->root()) return {};
+  Ref<MemoryStripe> out = MemoryStripe::create();
+  {
+    Ref<Hive::HiveFile> copy = Hive::HiveFile::create(out, 5, Hive::latin1, {});
+    if (!copy) return {};
+    std::deque<std::pair<Ref<Hive::Key>, Ref<Hive::Key>>> queue{{source->root(), copy->root()}};
+    size_t bytes = 0;  // a rough count of the records written
+    std::vector<u8> data(1024);
+    while (!queue.empty() && bytes < kHbinLimit * 3 / 4) {
+      auto [from, to] = queue.front();
+      queue.pop_front();
+      if (Ref<Interfaces::Config::Hive::ValueIterator> values = from->valueIterator()) {
+        for (u32 n = 0; n < 64; ++n) {
+          Ref<Hive::Value> v = values->next();
+          if (!v || !v->name()) break;
+          Ref<Hive::Value> made = to->createValue(v->name(), v->type());
+          Ref<Interfaces::Stripe> in = v->binary();
+          Ref<Interfaces::Stripe> dest = made ? made->binary() : nullptr;
+          if (!in || !dest) continue;
+          const u64 length = std::min<u64>(in->elementCount(), data.size());
+          if (in->readAt(0, data.data(), length) != length) continue;
+          dest->setElementCount(length);
+          dest->writeAt(0, data.data(), length);
+          bytes += 32 + 2 * v->name()->length() + (length > 4 ? length : 0);
+        }
+      }
+      if (Ref<Interfaces::Config::Hive::KeyIterator> keys = from->keyIterator()) {
+        for (u32 n = 0; n < 64; ++n) {
+          Ref<Hive::Key> child = keys->next();
+          if (!child || !child->name()) break;
+          if (Ref<Hive::Key> made = to->createKey(child->name())) queue.emplace_back(child, made);
+          bytes += 96 + 2 * child->name()->length();
+        }
+      }
+    }
+    if (!copy->flush()) return {};
+  }
+  return out->bytes();
 }
 
 std::vector<u8> trimLog(std::vector<u8> bytes) {
@@ -292,7 +377,7 @@ std::vector<u8> trimLog(std::vector<u8> bytes) {
          std::all_of(bytes.begin() + static_cast<std::ptrdiff_t>(end - 512),
                      bytes.begin() + static_cast<std::ptrdiff_t>(end), [](u8 b) { return b == 0; }))
     end -= 512;
-  bytes.resize(end);
+  bytes.resize(std::min(end, kLogLimit));
   return bytes;
 }
 
@@ -314,11 +399,18 @@ void testdataSeeds(const fs::path& hives) {
     // Unique across folders: "NewDirtyHive1_NewDirtyHive".
     std::string name = fs::relative(path, hives).string();
     std::replace(name.begin(), name.end(), '/', '_');
-    const std::vector<u8> image = trimHive(readFile(path));
-    if (image.empty() || image.size() > kSeedLimit) continue;
+    const std::vector<u8> full = readFile(path);
+    const std::vector<u8> image = sliceHive(full);
+    if (image.empty()) continue;
     write("open", "td-" + name, prepend(1, image));
     write("open", "td-w-" + name, prepend(3, image));
     write("open", "td-x-" + name, prepend(0x25, image));
+    const std::vector<u8> top = topOfTree(full);
+    if (!top.empty() && top.size() < kTopLimit) {
+      write("open", "top-" + name, prepend(1, top));
+      write("open", "top-w-" + name, prepend(0x43, top));
+      write("open", "top-x-" + name, prepend(0x21, top));
+    }
 
     // Beside its logs: the hive in the input, LOG1 and LOG2 after it.
     std::vector<u8> log1, log2;
@@ -331,17 +423,20 @@ void testdataSeeds(const fs::path& hives) {
     // A recovered copy beside the logs is clean: not a hive to replay into.
     if (path.filename().string().rfind("Recovered", 0) == 0) continue;
     if (log1.empty() && log2.empty()) {
-      // A regular text export of the hive, for the import target.
-      Ref<Hive::HiveFile> h = Hive::HiveFile::open(MemoryStripe::create(image), 0x11, Hive::latin1, {});
+      // A regular text export of the hive (the copy of its top, when there
+      // is one), for the import target.
+      Ref<Hive::HiveFile> h =
+          Hive::HiveFile::open(MemoryStripe::create(top.empty() ? image : top), 0x11, Hive::latin1, {});
       if (!h) continue;
       Ref<MemoryStripe> out = MemoryStripe::create();
-      if (Hive::RegFileUtil::exportRegFile(h->root(), out, String::create("HKEY_LOCAL_MACHINE/SOFTWARE"),
-                                           0) &&
-          out->bytes().size() <= kSeedLimit)
-        write("regfile", "td-" + name, prepend(0, out->bytes()));
+      (void)Hive::RegFileUtil::exportRegFile(h->root(), out, String::create("HKEY_LOCAL_MACHINE/SOFTWARE"),
+                                             0);
+      // Cut at an even length: the export is UTF-16.
+      std::vector<u8> text = out->bytes();
+      if (text.size() > kTextLimit) text.resize(kTextLimit);
+      if (text.size() > 64) write("regfile", "td-" + name, prepend(0, text));
       continue;
     }
-    if (log1.size() > 0xffff || image.size() + log1.size() + log2.size() > 2 * kSeedLimit) continue;
     for (u8 mode : {0, 1, 3}) {
       std::vector<u8> input{static_cast<u8>(0x20 | mode),       static_cast<u8>(log1.size()),
                             static_cast<u8>(log1.size() >> 8),  static_cast<u8>(image.size()),

@@ -7,7 +7,12 @@
 //   flush into the in-memory stripe, and a read-only walk of the result);
 // bit 2 adds linear fallback in subkey search, bits 3-4 pick the codepage;
 // read-only: bit 5 exports the hive as registry text, with the options in
-// bits 6-7.
+// bits 6-7, instead of comparing it with itself through the public diff;
+// writable: bit 5 walks the hive again after the flush, bit 6 compares the
+// reopened result with itself.
+//
+// Each run does one of the expensive checks (diff, export, second walk),
+// not all: a run costs less, and more runs cover more.
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -33,7 +38,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Ref<MemoryStripe> stripe = MemoryStripe::create(std::move(image));
     Ref<HiveFile> hive = HiveFile::open(stripe, mode, codepage, {});
     if (!hive) return 0;
-    walkHive(hive);
+    WalkLimits limits;
+    if (selector & 0x20) limits.maxDiffed = 0;
+    walkHive(hive, limits);
     // What `hivekit export` does with a damaged hive.
     if (selector & 0x20) {
       Ref<MemoryStripe> text = MemoryStripe::create();
@@ -52,14 +59,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   {
     Ref<HiveFile> hive = HiveFile::open(stripe, mode, codepage, {});
     if (!hive) return 0;
-    walkHive(hive, {2000, 4096, 1u << 16});
+    walkHive(hive, {2000, 4096, 1u << 16, 0});
     mutateHive(hive, ops, 24);
     (void)hive->flush();
-    walkHive(hive, {2000, 4096, 1u << 16});
+    if (selector & 0x20) walkHive(hive, {2000, 4096, 1u << 16, 0});
   }
   // What a writer left behind must open again (or be refused cleanly).
   Ref<MemoryStripe> again = MemoryStripe::create(stripe->bytes());
   if (Ref<HiveFile> reopened = HiveFile::open(again, 0x1, codepage, {}))
-    walkHive(reopened, {2000, 4096, 1u << 16});
+    walkHive(reopened, {2000, 4096, 1u << 16, (selector & 0x40) ? u64{1} << 20 : 0});
   return 0;
 }

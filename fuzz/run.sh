@@ -1,27 +1,47 @@
 #!/usr/bin/env bash
 # Builds the fuzz preset, writes the seeds and runs every fuzz target for a
-# share of a fixed time. Exits non-zero when any target reports a finding
-# (crash, sanitizer report, leak, timeout, out of memory).
+# fixed time each. Exits non-zero when any target reports a finding (crash,
+# sanitizer report, leak, timeout, out of memory).
 #
-#   fuzz/run.sh                 100 seconds of fuzzing in all
-#   HIVEKIT_FUZZ_SECONDS=600 HIVEKIT_FUZZ_CORPUS=/tmp/hivekit-corpus fuzz/run.sh
+#   fuzz/run.sh                 20 seconds per target
+#   fuzz/run.sh 300             300 seconds per target
+#   HIVEKIT_FUZZ_MERGE=1 fuzz/run.sh 600
+#                               ... and fold what the runs found into the
+#                               kept corpus (fuzz/corpus), minimized
+#
+# Each target starts from the kept corpus (fuzz/corpus/<target>: inputs
+# that reach new code, minimized with libFuzzer's -merge=1), the
+# regression inputs of past findings (fuzz/regressions/<target>) and the
+# seeds make-fuzz-seeds writes (built hives and slices of the shared test
+# hives).
 #
 # Environment:
-#   HIVEKIT_FUZZ_SECONDS  total fuzzing time, shared by the targets (100)
-#   HIVEKIT_FUZZ_CORPUS   directory keeping each target's corpus between runs
-#                         (<dir>/<target>); by default a temporary one
+#   HIVEKIT_FUZZ_SECONDS  total time shared by the targets, when no
+#                         per-target time is given (the older form)
+#   HIVEKIT_FUZZ_CORPUS   directory keeping each target's new inputs between
+#                         runs (<dir>/<target>); by default a temporary one
 #   HIVEKIT_FUZZ_TARGETS  which targets, by name without "_fuzz"
 #                         (default: open log regfile path pattern)
 #   HIVEKIT_FUZZ_BUILD    build directory (default build/fuzz)
+#   HIVEKIT_FUZZ_MERGE    1: after clean runs, replace fuzz/corpus/<target>
+#                         with the minimized union of it and the new inputs
 # After a finding the work directory stays (/tmp/hivekit-fuzz.*), with each
 # target's log and its inputs in artifacts/<target>/: replay one with
-# `build/fuzz/<target>_fuzz FILE`.
+# `build/fuzz/<target>_fuzz FILE`, and once fixed keep it in
+# fuzz/regressions/<target>/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-seconds=${HIVEKIT_FUZZ_SECONDS:-100}
-build=${HIVEKIT_FUZZ_BUILD:-build/fuzz}
 read -r -a targets <<<"${HIVEKIT_FUZZ_TARGETS:-open log regfile path pattern}"
+if [ $# -ge 1 ]; then
+  share=$1
+elif [ -n "${HIVEKIT_FUZZ_SECONDS:-}" ]; then
+  share=$((HIVEKIT_FUZZ_SECONDS / ${#targets[@]}))
+else
+  share=20
+fi
+[ "$share" -ge 1 ] || share=1
+build=${HIVEKIT_FUZZ_BUILD:-build/fuzz}
 
 cmake --preset fuzz -B "$build" >/dev/null
 cmake --build "$build" -j2
@@ -30,21 +50,28 @@ work=$(mktemp -d /tmp/hivekit-fuzz.XXXXXX)
 corpus=${HIVEKIT_FUZZ_CORPUS:-$work/corpus}
 "$build/make-fuzz-seeds" "$work/seeds"
 
-# Input size limits: a hive of a few hbins, logs beside one, texts and paths.
-declare -A maxLen=([open]=65600 [log]=131072 [regfile]=16384 [path]=160 [pattern]=4096)
+# Input size limits: a hive of a few hbins (the largest built seed is 44
+# KiB), logs beside a slice of one, texts and paths (a key name of 256
+# characters in UTF-16 needs 513 bytes; 320 reaches it in UTF-8).
+declare -A maxLen=([open]=49152 [log]=65536 [regfile]=16384 [path]=320 [pattern]=4096)
 
+# -entropic=0: the default scheduler's bookkeeping of rare features costs a
+# third to a half of each run here (a run hits thousands of features); the
+# plain one gets through 1.5-2 times as many inputs in the same time.
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
-share=$((seconds / ${#targets[@]}))
-[ "$share" -ge 1 ] || share=1
 failed=()
 for t in "${targets[@]}"; do
   mkdir -p "$corpus/$t" "$work/artifacts/$t"
+  dirs=("$corpus/$t")
+  for d in "fuzz/corpus/$t" "fuzz/regressions/$t" "$work/seeds/$t"; do
+    [ -d "$d" ] && dirs+=("$d")
+  done
   log="$work/$t.log"
   rc=0
   "$build/${t}_fuzz" -max_total_time="$share" -timeout=10 -rss_limit_mb=2048 -max_len="${maxLen[$t]:-65536}" \
-    -dict=fuzz/hive.dict -print_final_stats=1 -artifact_prefix="$work/artifacts/$t/" \
-    "$corpus/$t" "$work/seeds/$t" >"$log" 2>&1 || rc=$?
+    -entropic=0 -dict=fuzz/hive.dict -print_final_stats=1 -artifact_prefix="$work/artifacts/$t/" \
+    "${dirs[@]}" >"$log" 2>&1 || rc=$?
   execs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log")
   rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log")
   cov=$(grep -o 'cov: [0-9]* ft: [0-9]*' "$log" | tail -1 || true)
@@ -53,8 +80,32 @@ for t in "${targets[@]}"; do
     echo "FAIL ${t}_fuzz (exit $rc) after ${execs:-?} runs; log $log:"
     grep -E 'ERROR|SUMMARY|runtime error|Test unit written|^    #[0-9]' "$log" | head -40 || true
     ls "$work/artifacts/$t"
-  else
-    echo "ok   ${t}_fuzz: ${execs:-?} runs, ${rate:-?}/s, $cov"
+    continue
+  fi
+  echo "ok   ${t}_fuzz: ${share} s, ${execs:-?} runs, ${rate:-?}/s, $cov"
+  if [ "${HIVEKIT_FUZZ_MERGE:-0}" = 1 ]; then
+    # The kept corpus holds only what the seeds and regression inputs (made
+    # or kept anyway) do not reach: merge into a directory that starts with
+    # them, then drop them again. It keeps inputs that reach new edges, not
+    # new hit counts (-use_counters=0): a tenth of the size, and each run
+    # grows counts again from it.
+    merged="$work/merged/$t"
+    mkdir -p "$merged"
+    mkdir -p "fuzz/corpus/$t"
+    base=()
+    for d in "$work/seeds/$t" "fuzz/regressions/$t"; do
+      [ -d "$d" ] && cp "$d"/* "$merged/" && base+=("$d")
+    done
+    "$build/${t}_fuzz" -merge=1 -use_counters=0 -timeout=10 -rss_limit_mb=2048 -max_len="${maxLen[$t]:-65536}" "$merged" \
+      "$corpus/$t" "fuzz/corpus/$t" >"$work/$t.merge.log" 2>&1 ||
+      { echo "merge of ${t} failed; log $work/$t.merge.log"; exit 1; }
+    for d in "${base[@]}"; do
+      for f in "$d"/*; do rm -f "$merged/$(basename "$f")"; done
+    done
+    rm -rf "fuzz/corpus/$t"
+    mkdir -p "fuzz/corpus/$t"
+    cp "$merged"/* "fuzz/corpus/$t/" 2>/dev/null || true
+    echo "     kept corpus: $(ls "fuzz/corpus/$t" | wc -l) inputs, $(cat "fuzz/corpus/$t"/* 2>/dev/null | wc -c) bytes"
   fi
 done
 echo "fuzz targets: $((${#targets[@]} - ${#failed[@]})) clean, ${#failed[@]} with findings"

@@ -1,5 +1,6 @@
 #include "platform/char_reader.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "platform/endian.h"
@@ -20,8 +21,15 @@ void appendCodePoint(std::u16string& out, char32_t cp) {
 }
 }  // namespace
 
+// The buffer holds a chunk, or the whole text when that is shorter (but
+// never less than a page, should the stripe grow): a short text costs no
+// 64 KiB buffer.
 CharReader::CharReader(Ref<Interfaces::Stripe> source, u64 start)
-    : _source(std::move(source)), _offset(start), _raw(CHUNK + 8) {}
+    : _source(std::move(source)), _offset(start) {
+  const u64 count = _source->elementCount();
+  const u64 left = count > start ? count - start : 0;
+  _raw.resize(std::min<u64>(CHUNK, std::max<u64>(left, 4096)) + 8);
+}
 
 Ref<CharReader> CharReader::create(Ref<Interfaces::Stripe> source) {
   if (!source || source->elementSize() != 1) return nullptr;
