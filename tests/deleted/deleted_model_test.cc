@@ -1,9 +1,14 @@
 // The scan for deleted records against a model: a random tree is built
 // through the public API, random keys and values are deleted (and, in some
 // runs, new ones written that may take their space), and the scan of the
-// file must find every deleted item whose records still hold the bytes
-// they held when it was deleted: the key or value at that record, with its
-// name, path, type and data. Nothing it reports may be a live record.
+// file must find every deleted item whose records still hold the bytes the
+// deletion left in them: the key or value at that record, with its name,
+// type and data, and a key with its path. Nothing it reports may be live.
+//
+// A key is emptied before it is deleted (its values and subkeys go first),
+// so its record no longer names a value list: its values are found as
+// values no key lists, under \? or under a live key whose list still
+// names them, as are values deleted one by one.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -27,6 +32,7 @@ using Bytes8 = std::vector<std::uint8_t>;
 // Bytes of records (without their size fields) as they stood at deletion.
 struct Range {
   std::uint32_t offset, length;
+  std::string key = {};  // for a key record: the key's name
 };
 
 struct Expected {
@@ -40,8 +46,8 @@ struct Expected {
   // What its path goes through: the key records above (those still live
   // at the end excepted: they are reached as live keys) and its key's list.
   std::vector<Range> reach;
-  bool pinned = true;  // its path is known (a value deleted on its own is not)
-  Bytes8 before;             // the hive bins data at deletion
+  bool pinned = false;  // its path is known (a key's)
+  Bytes8 before;             // the hive bins data right after the deletion
 };
 
 H::RegistryHiveObj& engine(const Hive& hive) { return detail::Access::core(detail::Access::ref(hive))->hive(); }
@@ -59,7 +65,7 @@ class Model {
   Model(Hive& hive, std::mt19937& rng) : _hive(hive), _rng(rng) {}
 
   void grow(Key parent, int depth) {
-    for (int i = 0, n = pick(depth == 0 ? 6 : 4); i < n; ++i) {
+    for (int i = 0, n = depth == 0 ? 3 + pick(4) : pick(4); i < n; ++i) {
       Key key = *parent.create_key("k" + std::to_string(_names++));
       for (int v = 0, m = pick(4); v < m; ++v) setValue(key);
       if (depth < 3) grow(key, depth + 1);
@@ -78,49 +84,52 @@ class Model {
   void deleteKey(Key key) {
     std::vector<Range> above;
     for (auto p = key.parent(); p.ok() && p->parent().ok(); p = p->parent()) above.push_back(keyRange(p->offset()));
+    const size_t first = _expected.size();
     collect(key, above);
     ASSERT_TRUE((*key.parent()).delete_key(key.name(), true).ok());
+    settle(first);
   }
 
   void deleteValue(Key key, Value value) {
-    Expected e = valueExpected(key, value, {});
-    e.pinned = false;  // found under its key or below \?, as the list's slack tells
-    _expected.push_back(std::move(e));
+    _expected.push_back(valueExpected(key, value));
     ASSERT_TRUE(value.remove().ok());
+    settle(_expected.size() - 1);
   }
 
   std::vector<Expected>& expected() { return _expected; }
   std::uint32_t pick(std::uint32_t n) { return _rng() % n; }
 
  private:
+  // The bytes the items from `first` on are compared with at the end.
+  void settle(size_t first) {
+    const Bytes8 now = snapshot();
+    for (size_t i = first; i < _expected.size(); ++i) _expected[i].before = now;
+  }
+
   Range keyRange(std::uint32_t nk) {
     H::KeyRecord r;
     EXPECT_TRUE(H::readKeyRecord(engine(_hive), nk, r));
-    return {nk + 4, H::hive_record_nk::HEADER_SIZE - 4 + r.nameLength};
+    std::u16string name;
+    H::readKeyName(engine(_hive), r, name);
+    return {nk + 4, H::hive_record_nk::HEADER_SIZE - 4 + r.nameLength, detail::toUtf8(name)};
   }
 
   void collect(const Key& key, std::vector<Range> above) {
-    H::RegistryHiveObj& hive = engine(_hive);
     Expected e;
     e.key = true;
+    e.pinned = true;
     e.record = key.offset();
     e.path = pathOf(key);
     e.name = key.name();
     e.own.push_back(keyRange(key.offset()));
     e.reach = above;
-    H::KeyRecord r;
-    H::readKeyRecord(hive, key.offset(), r);
-    if (r.numValues) e.own.push_back({r.valueList + 4, 4 * r.numValues});
-    e.before = snapshot();
     above.push_back(e.own[0]);
-    std::vector<Range> reach = above;
-    if (r.numValues) reach.push_back(e.own[1]);
-    for (const Value& v : key.values()) _expected.push_back(valueExpected(key, v, reach));
+    for (const Value& v : key.values()) _expected.push_back(valueExpected(key, v));
     _expected.push_back(std::move(e));
     for (const Key& sub : key.subkeys()) collect(sub, above);
   }
 
-  Expected valueExpected(const Key& key, const Value& value, std::vector<Range> reach) {
+  Expected valueExpected(const Key& key, const Value& value) {
     H::RegistryHiveObj& hive = engine(_hive);
     Expected e;
     e.record = detail::Access::offsetOf(value);
@@ -146,8 +155,6 @@ class Model {
         e.own.push_back({x.dbList + 4, 4 * static_cast<std::uint32_t>(x.extents.size())});
       }
     }
-    e.reach = std::move(reach);
-    e.before = snapshot();
     return e;
   }
 
@@ -164,9 +171,9 @@ class Model {
 };
 
 bool unchanged(const Expected& e, const std::vector<Range>& ranges, const Bytes8& after,
-               const std::set<std::uint32_t>& liveKeys = {}) {
+               const std::map<std::uint32_t, std::string>& liveKeys = {}) {
   for (const Range& r : ranges)
-    if (liveKeys.count(r.offset - 4)) continue;
+    if (auto live = liveKeys.find(r.offset - 4); live != liveKeys.end() && live->second == r.key) continue;
     else if (r.offset + r.length > after.size() ||
         !std::equal(after.begin() + r.offset, after.begin() + r.offset + r.length, e.before.begin() + r.offset))
       return false;
@@ -174,8 +181,8 @@ bool unchanged(const Expected& e, const std::vector<Range>& ranges, const Bytes8
 }
 
 // Every key and value the live tree holds, by record.
-void liveRecords(const Key& key, std::set<std::uint32_t>& keys, std::set<std::uint32_t>& values) {
-  keys.insert(key.offset());
+void liveRecords(const Key& key, std::map<std::uint32_t, std::string>& keys, std::set<std::uint32_t>& values) {
+  keys.emplace(key.offset(), key.name());
   for (const Value& v : key.values()) values.insert(detail::Access::offsetOf(v));
   for (const Key& sub : key.subkeys()) liveRecords(sub, keys, values);
 }
@@ -216,9 +223,10 @@ void runModel(std::uint32_t seed, std::uint32_t minor, bool reuse) {
     H::RegistryHiveObj& e = engine(hive);
     after.assign(e.binsBytes(0, e.hiveLength()), e.binsBytes(0, e.hiveLength()) + e.hiveLength());
   }
-  std::set<std::uint32_t> liveKeys, live;
+  std::map<std::uint32_t, std::string> liveKeys;  // names are unique in the model
+  std::set<std::uint32_t> live;
   liveRecords(hive.root(), liveKeys, live);
-  live.insert(liveKeys.begin(), liveKeys.end());
+  for (const auto& k : liveKeys) live.insert(k.first);
   struct Found {
     DeletedItem item;
     std::string data;  // "" when unavailable
