@@ -160,6 +160,9 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // the file). Valid as record pointers are. For readers of what the live
   // tree no longer links (hive/deleted/).
   const u8* binsBytes(u32 offset, u32 length) const;
+  // How much of the hive bins data binsBytes can give from offset 0: the
+  // hive length, or in unsafe mode as much of it as the file holds.
+  u32 binsAvailable() const;
 
   // --- Store internals (used by tests and the log layer) -----------------
   // The index of the hbin holding `offset`, or INVALID_HBIN (the offset

@@ -37,9 +37,9 @@ class Scanner {
       : _hive(hive),
         _visit(visit),
         _live(hive),
-        _length(hive.hiveLength()),
-        _budget(32 * u64{hive.hiveLength()} + (64u << 20)),
-        _claimed(hive.hiveLength() / GRANULE / 64 + 1, 0) {
+        _length(hive.binsAvailable()),
+        _budget(32 * u64{hive.binsAvailable()} + (64u << 20)),
+        _claimed(hive.binsAvailable() / GRANULE / 64 + 1, 0) {
     findRegions();
   }
 
@@ -115,6 +115,7 @@ u32 Scanner::roomAt(u32 offset) const {
   const u32 room = region->end - offset;
   // The size field the record had, when it still reads as one.
   const u8* size = _hive.binsBytes(offset, 4);
+  if (!size) return 0;
   const s32 s = LS32(size);
   const u32 length = s < 0 ? static_cast<u32>(-static_cast<s64>(s)) : static_cast<u32>(s);
   if (length >= GRANULE && length % GRANULE == 0 && length <= room) return length;
@@ -151,7 +152,8 @@ bool Scanner::scanPass(bool keys) {
   for (const Region& region : _regions) {
     for (u32 at = region.dataStart; at + GRANULE <= region.end; at += GRANULE) {
       if (_live.liveAt(at)) continue;
-      const u16 signature = B16(_hive.binsBytes(at + 4, 2));
+      const u8* sig = _hive.binsBytes(at + 4, 2);
+      const u16 signature = sig ? B16(sig) : 0;
       bool ok = true;
       if (keys && signature == N::SIGNATURE) {
         KeyRecord key;

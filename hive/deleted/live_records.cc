@@ -14,7 +14,7 @@ using SK = hive_record_sk;
 }  // namespace
 
 LiveRecords::LiveRecords(RegistryHiveObj& hive)
-    : _hive(hive), _length(hive.hiveLength()), _entryBudget(u64{hive.hiveLength()} / 4 + 1024) {
+    : _hive(hive), _length(hive.binsAvailable()), _entryBudget(u64{hive.binsAvailable()} / 4 + 1024) {
   _bits.assign(_length / GRANULE / 64 + 1, 0);
   const u32 root = hive.rootOffset();
   std::vector<u32> stack{root};
