@@ -53,12 +53,14 @@ void convert(const H::DeletedItem& from, DeletedItem& to) {
                 : std::span<const std::byte>();
   to.references = from.references;
   to.cells.clear();
-  for (const H::DeletedCell& cell : from.cells) to.cells.push_back({cellKind(cell.kind), cell.offset, cell.intact});
+  for (const H::DeletedCell& cell : from.cells)
+    to.cells.push_back({cellKind(cell.kind), cell.offset, cell.intact});
 }
 
 }  // namespace
 
-Result<DeletedScanSummary> scan_deleted(const Hive& hive, const std::function<bool(const DeletedItem&)>& visit) {
+Result<DeletedScanSummary> scan_deleted(const Hive& hive,
+                                        const std::function<bool(const DeletedItem&)>& visit) {
   Call call(Access::ref(hive));
   if (!call.ok()) return call.status();
   DeletedItem item;  // reused: its vectors keep their storage
@@ -68,8 +70,9 @@ Result<DeletedScanSummary> scan_deleted(const Hive& hive, const std::function<bo
   });
   const DeletedScanSummary summary{result.keys, result.values, result.security, result.stopped};
   if (!result.complete && !result.stopped)
-    return {summary, Status(Code::too_large, "the scan for deleted records stopped: the hive names its records "
-                                             "more often than a hive of its size can hold")};
+    return {summary, Status(Code::too_large,
+                            "the scan for deleted records stopped: the hive names its records "
+                            "more often than a hive of its size can hold")};
   return summary;
 }
 

@@ -133,18 +133,30 @@ void appendJson(std::string& o, const DeletedItem& item) {
     if (item.kind == DeletedItem::Kind::value) {
       j.key("name").string(item.name).key("type").number(item.type);
       const std::string type = typeName(static_cast<ValueType>(item.type));
-      if (type.rfind("REG_", 0) == 0) j.key("type_name").string(type); else j.key("type_name").null();
+      if (type.rfind("REG_", 0) == 0)
+        j.key("type_name").string(type);
+      else
+        j.key("type_name").null();
     } else {
       j.key("references").number(item.references);
     }
     j.key("size").number(item.size).key("data_available").boolean(item.data_available);
     j.key("raw");
-    if (item.data_available) j.hex(item.data.data(), item.data.size()); else j.null();
+    if (item.data_available)
+      j.hex(item.data.data(), item.data.size());
+    else
+      j.null();
   }
   j.key("cells").beginArray();
   for (const DeletedCell& cell : item.cells)
-    j.beginObject().key("kind").string(cellName(cell.kind)).key("offset").number(cell.offset)
-        .key("intact").boolean(cell.intact).endObject();
+    j.beginObject()
+        .key("kind")
+        .string(cellName(cell.kind))
+        .key("offset")
+        .number(cell.offset)
+        .key("intact")
+        .boolean(cell.intact)
+        .endObject();
   j.endArray().endObject();
   o += '\n';
 }
@@ -210,7 +222,8 @@ int runDeleted(Context& ctx) {
     if (!file.write(text.data(), static_cast<std::streamsize>(text.size())) || !file.flush())
       return fail("cannot write '" + target + "'");
     if (reg.skipped() != 0)
-      warn(std::to_string(reg.skipped()) + " values whose data is unavailable were left out of '" + target + "'");
+      warn(std::to_string(reg.skipped()) + " values whose data is unavailable were left out of '" + target +
+           "'");
   }
   if (!out.flush()) return out.reportFailure();
   if (!summary.ok()) return fail(summary.status());

@@ -460,7 +460,8 @@ void RegistryHiveObj::noteHbinWrite(u32 hbinIdx, u32 offsetInHbin, u32 length) {
 
 const u8* RegistryHiveObj::binsBytes(u32 offset, u32 length) const {
   if (u64{offset} + length > hiveLength()) return nullptr;
-  if (_mode & modeUnsafe) return _unsafeCache ? _unsafeCache->at(u64{HIVE_HEADER_SIZE} + offset, length) : nullptr;
+  if (_mode & modeUnsafe)
+    return _unsafeCache ? _unsafeCache->at(u64{HIVE_HEADER_SIZE} + offset, length) : nullptr;
   return _bins ? _bins + offset : nullptr;
 }
 

@@ -53,7 +53,8 @@ class Scanner {
   const Region* regionOf(u32 offset) const;
   u32 roomAt(u32 offset) const;
   bool fits(u32 offset, u64 length) const {
-    return offset % GRANULE == 0 && length <= roomAt(offset) && !_live.touches(offset, static_cast<u32>(length));
+    return offset % GRANULE == 0 && length <= roomAt(offset) &&
+           !_live.touches(offset, static_cast<u32>(length));
   }
   bool charge(u64 cost);
   // Candidates: a record of that kind at `offset` that fits.
@@ -202,7 +203,8 @@ void Scanner::pathTo(u32 parent, DeletedItem& item) {
       break;
     }
     chain.emplace_back();
-    decodeRecordName(_hive.codepage(), bytes + N::OFS_NAME, key.nameLength, key.compressedName(), chain.back());
+    decodeRecordName(_hive.codepage(), bytes + N::OFS_NAME, key.nameLength, key.compressedName(),
+                     chain.back());
     at = key.parent;
   }
   item.path.insert(item.path.end(), chain.rbegin(), chain.rend());

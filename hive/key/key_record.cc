@@ -210,7 +210,8 @@ bool parseKeyRecord(const u8* bytes, u32 room, u32 offset, KeyRecord& out) {
   return true;
 }
 
-bool decodeRecordName(HiveCodepage codepage, const u8* bytes, u32 length, bool compressed, std::u16string& out) {
+bool decodeRecordName(HiveCodepage codepage, const u8* bytes, u32 length, bool compressed,
+                      std::u16string& out) {
   if (compressed) return decodeCodepageName(codepage, bytes, length, out);
   out.resize(length / 2);
   for (u32 i = 0; i < out.size(); ++i) out[i] = static_cast<char16_t>(L16(bytes + 2 * i));
@@ -221,7 +222,8 @@ bool readKeyName(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& ou
   out.clear();
   const hive_record* hr = hive.cacheLoadRecord(key.offset);
   if (!hr || hr->length() < N::HEADER_SIZE + key.nameLength) return false;
-  return decodeRecordName(hive.codepage(), hr->bytes() + N::OFS_NAME, key.nameLength, key.compressedName(), out);
+  return decodeRecordName(hive.codepage(), hr->bytes() + N::OFS_NAME, key.nameLength, key.compressedName(),
+                          out);
 }
 
 bool compareKeyName(RegistryHiveObj& hive, u32 nk, std::u16string_view upcased, int& order,

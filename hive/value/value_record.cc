@@ -135,7 +135,8 @@ bool readValueName(RegistryHiveObj& hive, const ValueRecord& value, std::u16stri
   out.clear();
   const hive_record* hr = hive.cacheLoadRecord(value.offset);
   if (!hr || hr->length() < VK::HEADER_SIZE + value.nameLength) return false;
-  return decodeRecordName(hive.codepage(), hr->bytes() + VK::OFS_NAME, value.nameLength, value.compressedName, out);
+  return decodeRecordName(hive.codepage(), hr->bytes() + VK::OFS_NAME, value.nameLength, value.compressedName,
+                          out);
 }
 
 bool compareValueName(RegistryHiveObj& hive, u32 vk, std::u16string_view upcased, int& order) {

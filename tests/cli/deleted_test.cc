@@ -52,7 +52,8 @@ const Pinned PINNED[] = {
     {"HealedHive",
      "K\t\\cccc\t01d2a0e52529d9b6\t0\t1\tintact\tnk@0x2c8 list@0x218\n"
      "V\t\\cccc\t123\t1\t10\t74006500730074000000\tintact\tvk@0x168 data@0x140\n"},
-    {"SlackHive", "K\t\\key_with_many_subkeys\\2119\\New Key #1\t01d294f6bcee3720\t0\t0\tintact\tnk@0x76e38\n"},
+    {"SlackHive",
+     "K\t\\key_with_many_subkeys\\2119\\New Key #1\t01d294f6bcee3720\t0\t0\tintact\tnk@0x76e38\n"},
     {"RemnantsHive", ""},
 };
 
@@ -76,7 +77,9 @@ TEST_F(CliTest, DeletedExportImportsIntoAFreshHive) {
   REQUIRE_TESTDATA();
   const std::string reg = path("out.reg").string(), fresh = path("fresh.hiv").string();
   ASSERT_EQ(hivekit({"deleted", (testdata() / "hives" / "DeletedDataHive").string(), "--export", reg,
-                     "--prefix", "ROOT\\Recovered"}).status, 0);
+                     "--prefix", "ROOT\\Recovered"})
+                .status,
+            0);
   ASSERT_EQ(hivekit({"new", fresh}).status, 0);
   const Result imported = hivekit({"import", fresh, reg});
   ASSERT_EQ(imported.status, 0) << imported.err;

@@ -10,12 +10,12 @@
 // values no key lists, under \? or under a live key whose list still
 // names them, as are values deleted one by one.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <map>
 #include <random>
 #include <set>
-#include <unistd.h>
 
 #include "api/core.h"
 #include "hive/key/key_record.h"
@@ -42,15 +42,17 @@ struct Expected {
   std::string name;
   std::uint32_t type = 0;
   Bytes8 data;
-  std::vector<Range> own;    // its records (a value: vk and data)
+  std::vector<Range> own;  // its records (a value: vk and data)
   // What its path goes through: the key records above (those still live
   // at the end excepted: they are reached as live keys) and its key's list.
   std::vector<Range> reach;
   bool pinned = false;  // its path is known (a key's)
-  Bytes8 before;             // the hive bins data right after the deletion
+  Bytes8 before;        // the hive bins data right after the deletion
 };
 
-H::RegistryHiveObj& engine(const Hive& hive) { return detail::Access::core(detail::Access::ref(hive))->hive(); }
+H::RegistryHiveObj& engine(const Hive& hive) {
+  return detail::Access::core(detail::Access::ref(hive))->hive();
+}
 
 // Names from the root down, the key's own last (none for the root).
 std::vector<std::string> pathOf(Key key) {
@@ -83,7 +85,8 @@ class Model {
   // Records what deleting `key` (recursively) loses, then deletes it.
   void deleteKey(Key key) {
     std::vector<Range> above;
-    for (auto p = key.parent(); p.ok() && p->parent().ok(); p = p->parent()) above.push_back(keyRange(p->offset()));
+    for (auto p = key.parent(); p.ok() && p->parent().ok(); p = p->parent())
+      above.push_back(keyRange(p->offset()));
     const size_t first = _expected.size();
     collect(key, above);
     ASSERT_TRUE((*key.parent()).delete_key(key.name(), true).ok());
@@ -173,15 +176,18 @@ class Model {
 bool unchanged(const Expected& e, const std::vector<Range>& ranges, const Bytes8& after,
                const std::map<std::uint32_t, std::string>& liveKeys = {}) {
   for (const Range& r : ranges)
-    if (auto live = liveKeys.find(r.offset - 4); live != liveKeys.end() && live->second == r.key) continue;
+    if (auto live = liveKeys.find(r.offset - 4); live != liveKeys.end() && live->second == r.key)
+      continue;
     else if (r.offset + r.length > after.size() ||
-        !std::equal(after.begin() + r.offset, after.begin() + r.offset + r.length, e.before.begin() + r.offset))
+             !std::equal(after.begin() + r.offset, after.begin() + r.offset + r.length,
+                         e.before.begin() + r.offset))
       return false;
   return true;
 }
 
 // Every key and value the live tree holds, by record.
-void liveRecords(const Key& key, std::map<std::uint32_t, std::string>& keys, std::set<std::uint32_t>& values) {
+void liveRecords(const Key& key, std::map<std::uint32_t, std::string>& keys,
+                 std::set<std::uint32_t>& values) {
   keys.emplace(key.offset(), key.name());
   for (const Value& v : key.values()) values.insert(detail::Access::offsetOf(v));
   for (const Key& sub : key.subkeys()) liveRecords(sub, keys, values);
