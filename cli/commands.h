@@ -21,5 +21,6 @@ extern const Command IMPORT_COMMAND;
 extern const Command FIND_COMMAND;
 extern const Command TIMELINE_COMMAND;
 extern const Command DIFF_COMMAND;
+extern const Command DELETED_COMMAND;
 
 }  // namespace hivekit::cli

@@ -16,10 +16,10 @@
 namespace hivekit::cli {
 namespace {
 
-const Command* const COMMANDS[] = {&INFO_COMMAND,     &LS_COMMAND,       &GET_COMMAND,  &FIND_COMMAND,
-                                   &TIMELINE_COMMAND, &DIFF_COMMAND,     &EXPORT_COMMAND, &DUMP_COMMAND,
-                                   &SD_COMMAND,       &RECOVER_COMMAND,  &NEW_COMMAND,  &MKKEY_COMMAND,
-                                   &SET_COMMAND,      &RM_COMMAND,       &MV_COMMAND,   &IMPORT_COMMAND};
+const Command* const COMMANDS[] = {
+    &INFO_COMMAND,    &LS_COMMAND,     &GET_COMMAND,  &FIND_COMMAND, &TIMELINE_COMMAND, &DIFF_COMMAND,
+    &DELETED_COMMAND, &EXPORT_COMMAND, &DUMP_COMMAND, &SD_COMMAND,   &RECOVER_COMMAND,  &NEW_COMMAND,
+    &MKKEY_COMMAND,   &SET_COMMAND,    &RM_COMMAND,   &MV_COMMAND,   &IMPORT_COMMAND};
 
 const char COMMON_HELP[] =
     "Options every command takes:\n"

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "api/core.h"
+#include "hive/deleted/deleted_scan.h"
 #include "hive/hive_file.h"
 #include "hive/registry_hive.h"
 #include "hive/util/util.h"
@@ -51,6 +52,23 @@ inline void diffWithItself(const Ref<HiveFile>& hive, const WalkLimits& limits) 
   u32 reported = 0;
   (void)hivekit::diff(api.root(), api.root(), [&](const hivekit::Difference&) { return ++reported < 100; },
                       {.last_write = true});
+}
+
+// The scan for deleted and leftover records: every byte of the hive bins
+// that no live record uses is read as a candidate, whatever the tree says.
+inline void scanDeletedRecords(const Ref<HiveFile>& hive, const WalkLimits& limits) {
+  Ref<Libraries::Files::Hive::RegistryHiveObj> obj = hive.cast<Libraries::Files::Hive::RegistryHiveObj>();
+  if (!obj) return;
+  u32 seen = 0;
+  u64 sum = 0;
+  (void)Libraries::Files::Hive::scanDeleted(*obj, [&](const Libraries::Files::Hive::DeletedItem& item) {
+    for (const std::u16string& name : item.path) sum += name.size();
+    // Every byte handed over must be readable.
+    for (u32 i = 0; item.data && i < item.dataSize; i += 512) sum += item.data[i];
+    if (item.data && item.dataSize) sum += item.data[item.dataSize - 1];
+    return ++seen < limits.objects;
+  });
+  (void)sum;
 }
 
 // Reads the whole data of a value through every accessor its type allows
@@ -155,6 +173,7 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
   }
   (void)hive->path(String::create("a/b/c"));
   diffWithItself(hive, limits);
+  scanDeletedRecords(hive, limits);
   return limits.objects - budget;
 }
 

@@ -458,6 +458,19 @@ void RegistryHiveObj::noteHbinWrite(u32 hbinIdx, u32 offsetInHbin, u32 length) {
   }
 }
 
+const u8* RegistryHiveObj::binsBytes(u32 offset, u32 length) const {
+  if (u64{offset} + length > hiveLength()) return nullptr;
+  if (_mode & modeUnsafe)
+    return _unsafeCache ? _unsafeCache->at(u64{HIVE_HEADER_SIZE} + offset, length) : nullptr;
+  return _bins ? _bins + offset : nullptr;
+}
+
+u32 RegistryHiveObj::binsAvailable() const {
+  if (!(_mode & modeUnsafe)) return _bins ? hiveLength() : 0;
+  if (!_unsafeCache || _unsafeCache->size() <= HIVE_HEADER_SIZE) return 0;
+  return static_cast<u32>(std::min<u64>(hiveLength(), _unsafeCache->size() - HIVE_HEADER_SIZE));
+}
+
 const hive_record* RegistryHiveObj::unsafeGetRecord(u32 offset) {
   HK_ASSERT_AS(hiveLog, "_mode & modeUnsafe", _mode & modeUnsafe, nullptr);
   HK_ASSERT_AS(hiveLog, "_unsafeCache != 0", _unsafeCache, nullptr);

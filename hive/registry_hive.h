@@ -153,6 +153,17 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // no character in the codepage.
   bool regNameToString(const u8* bytes, u32 length, bool ascii, Ref<String>& out) const;
 
+  // The bytes [offset, offset + length) of the hive bins data as they read
+  // now (a log laid over the file and unflushed changes included), whatever
+  // records they belong to: free records and hbin headers as well. Null when
+  // any of them lies beyond the hive bins data (or, in unsafe mode, beyond
+  // the file). Valid as record pointers are. For readers of what the live
+  // tree no longer links (hive/deleted/).
+  const u8* binsBytes(u32 offset, u32 length) const;
+  // How much of the hive bins data binsBytes can give from offset 0: the
+  // hive length, or in unsafe mode as much of it as the file holds.
+  u32 binsAvailable() const;
+
   // --- Store internals (used by tests and the log layer) -----------------
   // The index of the hbin holding `offset`, or INVALID_HBIN (the offset
   // lies beyond the hbins the table holds, or its last 4 bytes beyond the

@@ -181,26 +181,40 @@ bool readKeyRecord(RegistryHiveObj& hive, u32 offset, KeyRecord& out, const hive
     return false;
   }
   HK_ASSERT_AS(hiveLog, "key record in use", hr->used(), false);
-  const u32 cellSize = hr->length();
-  if (cellSize < N::HEADER_SIZE || hr->u16At(N::OFS_NAME_LENGTH) + N::HEADER_SIZE > cellSize) {
+  if (!parseKeyRecord(hr->bytes(), hr->length(), offset, out)) {
     HK_LOG(hiveLog, 4) << "Name of key exceeds length of record";
     return false;
   }
-  out.offset = offset;
-  out.flags = hr->u16At(N::OFS_FLAGS);
-  out.lastWriteTime = hr->u64At(N::OFS_LAST_WRITE);
-  out.parent = hr->u32At(N::OFS_PARENT);
-  out.numKeys = hr->u32At(N::OFS_NUM_KEYS);
-  out.keyList = hr->u32At(N::OFS_KEY_LIST);
-  if (out.keyList == INVALID_RECORD) out.keyList = 0;
-  out.numValues = hr->u32At(N::OFS_NUM_VALUES);
-  out.valueList = hr->u32At(N::OFS_VALUE_LIST);
-  if (out.valueList == INVALID_RECORD) out.valueList = 0;
-  out.sk = hr->u32At(N::OFS_SK);
-  out.classCell = hr->u32At(N::OFS_CLASS);
-  out.classLength = hr->u16At(N::OFS_CLASS_LENGTH);
-  out.nameLength = hr->u16At(N::OFS_NAME_LENGTH);
   if (record) *record = hr;
+  return true;
+}
+
+bool parseKeyRecord(const u8* bytes, u32 room, u32 offset, KeyRecord& out) {
+  if (room < N::HEADER_SIZE || B16(bytes + 4) != N::SIGNATURE) return false;
+  const u32 nameLength = L16(bytes + N::OFS_NAME_LENGTH);
+  if (nameLength + N::HEADER_SIZE > room) return false;
+  out.offset = offset;
+  out.flags = L16(bytes + N::OFS_FLAGS);
+  out.lastWriteTime = L64(bytes + N::OFS_LAST_WRITE);
+  out.parent = L32(bytes + N::OFS_PARENT);
+  out.numKeys = L32(bytes + N::OFS_NUM_KEYS);
+  out.keyList = L32(bytes + N::OFS_KEY_LIST);
+  if (out.keyList == INVALID_RECORD) out.keyList = 0;
+  out.numValues = L32(bytes + N::OFS_NUM_VALUES);
+  out.valueList = L32(bytes + N::OFS_VALUE_LIST);
+  if (out.valueList == INVALID_RECORD) out.valueList = 0;
+  out.sk = L32(bytes + N::OFS_SK);
+  out.classCell = L32(bytes + N::OFS_CLASS);
+  out.classLength = L16(bytes + N::OFS_CLASS_LENGTH);
+  out.nameLength = static_cast<u16>(nameLength);
+  return true;
+}
+
+bool decodeRecordName(HiveCodepage codepage, const u8* bytes, u32 length, bool compressed,
+                      std::u16string& out) {
+  if (compressed) return decodeCodepageName(codepage, bytes, length, out);
+  out.resize(length / 2);
+  for (u32 i = 0; i < out.size(); ++i) out[i] = static_cast<char16_t>(L16(bytes + 2 * i));
   return true;
 }
 
@@ -208,11 +222,8 @@ bool readKeyName(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& ou
   out.clear();
   const hive_record* hr = hive.cacheLoadRecord(key.offset);
   if (!hr || hr->length() < N::HEADER_SIZE + key.nameLength) return false;
-  const u8* bytes = hr->bytes() + N::OFS_NAME;
-  if (key.compressedName()) return decodeCodepageName(hive.codepage(), bytes, key.nameLength, out);
-  out.resize(key.nameLength / 2);
-  for (u32 i = 0; i < out.size(); ++i) out[i] = static_cast<char16_t>(L16(bytes + 2 * i));
-  return true;
+  return decodeRecordName(hive.codepage(), hr->bytes() + N::OFS_NAME, key.nameLength, key.compressedName(),
+                          out);
 }
 
 bool compareKeyName(RegistryHiveObj& hive, u32 nk, std::u16string_view upcased, int& order,

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "hive/key/key_record.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -99,26 +100,34 @@ bool readValueRecord(RegistryHiveObj& hive, u32 offset, ValueRecord& out) {
     return false;
   }
   HK_CHECK_AS(hiveLog, "value record in use", hr->used());
-  const u32 nameLength = hr->u16At(VK::OFS_NAME_LENGTH);
-  if (nameLength + VK::HEADER_SIZE > hr->length()) {
+  if (hr->u16At(VK::OFS_NAME_LENGTH) + VK::HEADER_SIZE > hr->length()) {
     HK_LOG(hiveLog, 4) << "Name of value exceeds length of record";
     return false;
   }
-  out.offset = offset;
-  out.v13 = hive.versionMinor() <= 3;
-  out.nameLength = static_cast<u16>(nameLength);
-  out.compressedName = (hr->u16At(VK::OFS_FLAGS) & VK::FLAG_COMP_NAME) != 0;
-  out.type = hr->u32At(VK::OFS_TYPE);
-  const u32 sizeField = hr->u32At(VK::OFS_DATA_SIZE);
-  out.resident = (sizeField & VK::DATA_RESIDENT) != 0;
-  out.dataSize = sizeField & ~VK::DATA_RESIDENT;
-  if (out.dataSize == 0) out.resident = true;
-  if (out.resident && out.dataSize > 4) {
-    HK_LOG(hiveLog, 4) << "Invalid length of data! Data is resident, size is:" << out.dataSize;
+  if (!parseValueRecord(hr->bytes(), hr->length(), offset, hive.versionMinor() <= 3, out)) {
+    HK_LOG(hiveLog, 4) << "Invalid length of data! Data is resident, size is:"
+                       << (hr->u32At(VK::OFS_DATA_SIZE) & ~VK::DATA_RESIDENT);
     Error::set(Errors::BAD_VALUE_RECORD);
     return false;
   }
-  std::memcpy(out.fixed, hr->bytes(), VK::HEADER_SIZE);
+  return true;
+}
+
+bool parseValueRecord(const u8* bytes, u32 room, u32 offset, bool v13, ValueRecord& out) {
+  if (room < VK::HEADER_SIZE || B16(bytes + 4) != VK::SIGNATURE) return false;
+  const u32 nameLength = L16(bytes + VK::OFS_NAME_LENGTH);
+  if (nameLength + VK::HEADER_SIZE > room) return false;
+  const u32 sizeField = L32(bytes + VK::OFS_DATA_SIZE);
+  const bool resident = (sizeField & VK::DATA_RESIDENT) != 0 || (sizeField & ~VK::DATA_RESIDENT) == 0;
+  if (resident && (sizeField & ~VK::DATA_RESIDENT) > 4) return false;
+  out.offset = offset;
+  out.v13 = v13;
+  out.nameLength = static_cast<u16>(nameLength);
+  out.compressedName = (L16(bytes + VK::OFS_FLAGS) & VK::FLAG_COMP_NAME) != 0;
+  out.type = L32(bytes + VK::OFS_TYPE);
+  out.resident = resident;
+  out.dataSize = sizeField & ~VK::DATA_RESIDENT;
+  std::memcpy(out.fixed, bytes, VK::HEADER_SIZE);
   return true;
 }
 
@@ -126,11 +135,8 @@ bool readValueName(RegistryHiveObj& hive, const ValueRecord& value, std::u16stri
   out.clear();
   const hive_record* hr = hive.cacheLoadRecord(value.offset);
   if (!hr || hr->length() < VK::HEADER_SIZE + value.nameLength) return false;
-  const u8* bytes = hr->bytes() + VK::OFS_NAME;
-  if (value.compressedName) return decodeCodepageName(hive.codepage(), bytes, value.nameLength, out);
-  out.resize(value.nameLength / 2);
-  for (u32 i = 0; i < out.size(); ++i) out[i] = static_cast<char16_t>(L16(bytes + 2 * i));
-  return true;
+  return decodeRecordName(hive.codepage(), hr->bytes() + VK::OFS_NAME, value.nameLength, value.compressedName,
+                          out);
 }
 
 bool compareValueName(RegistryHiveObj& hive, u32 vk, std::u16string_view upcased, int& order) {

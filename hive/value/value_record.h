@@ -54,6 +54,10 @@ struct ValueExtents {
 // 4 bytes. False with the reason logged (BAD_VALUE_RECORD for a malformed
 // resident size).
 bool readValueRecord(RegistryHiveObj& hive, u32 offset, ValueRecord& out);
+// The checks and fields of readValueRecord on a record given by its bytes
+// and the room it may take (see parseKeyRecord); `v13` is the hive's
+// version rule. Logs nothing; the cell's state is not asked.
+bool parseValueRecord(const u8* bytes, u32 room, u32 offset, bool v13, ValueRecord& out);
 // The stored name decoded (8-bit names through the hive's codepage, a byte
 // it lacks standing for itself). False when such a byte was met.
 bool readValueName(RegistryHiveObj& hive, const ValueRecord& value, std::u16string& out);

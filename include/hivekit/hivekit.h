@@ -10,6 +10,7 @@
 // one includes; nothing else of the source tree is part of the interface.
 #pragma once
 
+#include "hivekit/deleted.h"
 #include "hivekit/diff.h"
 #include "hivekit/hive.h"
 #include "hivekit/key.h"

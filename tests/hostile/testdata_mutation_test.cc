@@ -619,6 +619,7 @@ TEST_F(TestdataMutation, ToolReadingCommands) {
           {{"sd", "--json", "--dirty", mode, h}, 2},
           {{"find", "--json", "--dirty", mode, h, "--data", "^[0-9a-f]{8}", "--key", "e"}, 2},
           {{"timeline", "--json", "--dirty", mode, h}, 2},
+          {{"deleted", "--json", "--dirty", mode, h}, 2},
           {{"diff", "--json", "--times", "--dirty", original.string(), h}, 2},
           {{"diff", "--reg", "--dirty", original.string(), h}, 0}};
       // Against itself, the patch is the same walk as the JSON form.

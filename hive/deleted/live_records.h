@@ -1,0 +1,81 @@
+// LiveRecords: which bytes of the hive bins data the live tree uses.
+//
+// One walk from the root key marks the used part of every record the tree
+// reaches: nk records with their names, subkey lists, value lists, vk
+// records, data records (single, or a db record with its fragment list and
+// fragments), class names and security records (those of the keys and
+// those on the list through the root key's). Bytes behind the used part of
+// a record (its slack), free records, allocated records nothing reaches
+// and the unused tails of hive bins are left unmarked: that is where
+// deleted and leftover records can be found (deleted_scan.h).
+//
+// Marks are kept at the record alignment (8 bytes): an 8-byte granule is
+// live when any byte of it is. Memory: one bit per granule of the hive bins
+// data, plus, for each live key, its parent as the walk found it, plus the
+// stale entries in the slack of live value lists.
+//
+// The walk reads records only through the record readers (key_record.h,
+// value_record.h), so it judges them exactly as a listing does: a record
+// they refuse is not live. It is bounded like every walk: each key is
+// visited once, so cycles and keys listed twice end; the number of keys is
+// bounded by what the hive bins data can hold.
+//
+// Callers hold the hive's monitor (a writable hive) for the life of the
+// object's use: its marks describe the records as they were when built.
+#pragma once
+
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "hive/key/key_record.h"
+#include "hive/registry_hive.h"
+
+namespace Libraries::Files::Hive {
+
+class LiveRecords {
+ public:
+  static constexpr u32 GRANULE = hive_hbin::RECORD_ALIGNMENT;
+
+  // Walks the live tree of `hive`.
+  explicit LiveRecords(RegistryHiveObj& hive);
+
+  // Some byte of [offset, offset + length) is used by a live record, or
+  // lies beyond the hive bins data.
+  bool touches(u32 offset, u32 length) const;
+  bool liveAt(u32 offset) const { return touches(offset, 1); }
+
+  // The key at `nk` was reached by the walk; its parent as reached (the
+  // root's parent is INVALID_RECORD).
+  bool isKey(u32 nk) const { return _parents.count(nk) != 0; }
+  u32 parentOf(u32 nk) const;
+  // The live key whose value list names `vk` in the slack behind its
+  // values (where a value removed from the list lingers), or INVALID_RECORD.
+  u32 formerOwner(u32 vk) const;
+  size_t keys() const { return _parents.size(); }
+
+ private:
+  void mark(u32 offset, u32 length);
+  // Marks a record's used part: `used` bytes, cut to its cell.
+  void markRecord(u32 offset, u64 used);
+  // Marks the key's records and pushes its subkeys not seen yet.
+  void walkKey(u32 nk, std::vector<u32>& stack);
+  void walkValues(const KeyRecord& key);
+  void walkValue(u32 vk);
+  void walkSubkeyList(const KeyRecord& key, std::vector<u32>& stack);
+  void walkSecurity(u32 sk);
+  void walkSecurityList(u32 start);
+
+  RegistryHiveObj& _hive;
+  u32 _length;  // of the hive bins data
+  std::vector<u64> _bits;
+  std::unordered_map<u32, u32> _parents;
+  std::unordered_map<u32, u32> _formerOwners;
+  std::unordered_set<u32> _values;    // vk records marked
+  std::unordered_set<u32> _security;  // sk records marked
+  // List entries the walk may still read: a sane tree has fewer than one
+  // per 4 bytes; lists shared by many keys must not make it quadratic.
+  u64 _entryBudget;
+};
+
+}  // namespace Libraries::Files::Hive
