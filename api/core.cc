@@ -128,7 +128,7 @@ Ref<ValueObj> HiveCore::valueObject(u32 keyOffset, u32 offset, Status& why) {
   return nullptr;
 }
 
-Call::Call(const CoreRef& ref, Guard guard) : _core(Access::core(ref)) {
+void Call::enter(Guard guard) {
   if (!_core) {
     _status = Status(Code::invalid_handle, "null handle");
     return;

@@ -97,6 +97,17 @@ class Access {
     return k;
   }
   static void setOffset(Key& k, u32 offset) { k.offset_ = offset; }
+  // Points `k` at the key at `offset`: an iterator's handle moving on
+  // within one hive keeps its reference (no count to change).
+  static void setKey(Key& k, const CoreRef& core, u32 offset) {
+    if (!(k.core_ == core)) k.core_ = core;
+    k.offset_ = offset;
+  }
+  static void setValue(Value& v, const CoreRef& core, u32 offset, u32 key) {
+    if (!(v.core_ == core)) v.core_ = core;
+    v.offset_ = offset;
+    v.key_ = key;
+  }
   static Value makeValue(const CoreRef& core, u32 offset, u32 key) {
     Value v;
     v.core_ = core;
@@ -116,18 +127,41 @@ class Access {
   static Subkeys makeSubkeys(const CoreRef& core, std::vector<u32> offsets, Status status) {
     Subkeys s;
     s.core_ = core;
+    s.count_ = static_cast<u32>(offsets.size());
     s.offsets_ = std::move(offsets);
     s.status_ = std::move(status);
     return s;
+  }
+  // Entries read in place, `stride` bytes apart (a read-only hive's records).
+  static Subkeys viewSubkeys(const CoreRef& core, const u8* items, u32 stride, u32 count) {
+    Subkeys s;
+    s.core_ = core;
+    s.items_ = items;
+    s.stride_ = stride;
+    s.count_ = count;
+    return s;
+  }
+  static u32 entryOf(const Subkeys& s, u32 i) {
+    return s.items_ ? Platform::L32(s.items_ + i * s.stride_) : s.offsets_[i];
   }
   static Values makeValues(const CoreRef& core, u32 key, std::vector<u32> offsets, Status status) {
     Values s;
     s.core_ = core;
     s.key_ = key;
+    s.count_ = static_cast<u32>(offsets.size());
     s.offsets_ = std::move(offsets);
     s.status_ = std::move(status);
     return s;
   }
+  static Values viewValues(const CoreRef& core, u32 key, const u8* items, u32 count) {
+    Values s;
+    s.core_ = core;
+    s.key_ = key;
+    s.items_ = items;
+    s.count_ = count;
+    return s;
+  }
+  static u32 entryOf(const Values& s, u32 i) { return s.items_ ? Platform::L32(s.items_ + 4 * i) : s.offsets_[i]; }
   static SecurityDescriptor makeSecurityDescriptor(const CoreRef& core, u32 offset) {
     SecurityDescriptor sd;
     sd.core_ = core;
@@ -155,7 +189,16 @@ class Access {
 class Call {
  public:
   enum class Guard { records, objects };
-  explicit Call(const CoreRef& ref, Guard guard = Guard::records);
+  // The usual call (an open read-only hive, records only) is decided
+  // inline, without a lock, an allocation or a call into the library;
+  // anything else takes enter().
+  explicit Call(const CoreRef& ref, Guard guard = Guard::records) : _core(Access::core(ref)) {
+    if (!_core || guard == Guard::objects || _core->writable() || _core->closed()) {
+      enter(guard);
+      return;
+    }
+    Platform::Error::clear();
+  }
   ~Call() {
     if (_locked) _core->hive().mon()->unlock();
   }
@@ -170,6 +213,9 @@ class Call {
   bool writable();
 
  private:
+  // The checks and the monitor of every other call.
+  void enter(Guard guard);
+
   HiveCore* _core;
   bool _locked = false;
   Status _status;

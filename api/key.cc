@@ -200,14 +200,16 @@ Subkeys Key::subkeys() const {
   KeyRecord rec;
   Status why;
   if (!readKey(call, offset_, rec, &why)) return Access::makeSubkeys(core_, {}, why);
-  // The list is loaded into storage kept for the thread: a walk asks for
-  // the subkeys of every key, and only the offsets are handed on.
-  thread_local SubkeyList list;
+  // A walk asks for the subkeys of every key: a read-only hive's list is
+  // read where it lies, when it is one record.
+  Libraries::Files::Hive::SubkeyListView view;
+  if (call.hive().recordsStable() && viewSubkeyList(call.hive(), rec, view))
+    return Access::viewSubkeys(core_, view.items, view.stride, view.count);
+  SubkeyList list;
   if (!loadSubkeyList(call.hive(), rec, list))
     return Access::makeSubkeys(core_, {}, engineStatus("cannot read the subkey list", Code::corrupt));
   std::vector<u32> offsets(list.entries.size());
   for (size_t i = 0; i < offsets.size(); ++i) offsets[i] = list.entries[i].offset;
-  if (list.entries.capacity() > 4096) list = SubkeyList{};  // a big one is not kept
   return Access::makeSubkeys(core_, std::move(offsets), Status());
 }
 
@@ -217,6 +219,13 @@ Values Key::values() const {
   KeyRecord rec;
   Status why;
   if (!readKey(call, offset_, rec, &why)) return Access::makeValues(core_, offset_, {}, why);
+  if (call.hive().recordsStable()) {
+    bool failed = false;
+    const Libraries::Files::Hive::hive_record* list = valueListRecord(call.hive(), rec, failed);
+    if (list) return Access::viewValues(core_, offset_, list->bytes() + 4, rec.numValues);
+    if (!failed) return Access::makeValues(core_, offset_, {}, Status());
+    return Access::makeValues(core_, offset_, {}, engineStatus("cannot read the value list", Code::corrupt));
+  }
   std::vector<u32> offsets;
   if (!loadValueList(call.hive(), rec, offsets))
     return Access::makeValues(core_, offset_, {}, engineStatus("cannot read the value list", Code::corrupt));
@@ -488,19 +497,24 @@ Subkeys::iterator Subkeys::begin() {
 
 void Subkeys::advance(iterator& it) {
   Call call(core_);
-  const u32 end = static_cast<u32>(offsets_.size());
+  const u32 end = count_;
   u32 i = it.index_ + 1;
+  u32 at = 0;
   if (call.ok()) {
     for (; i < end; ++i) {
       KeyRecord rec;
-      if (readKeyRecord(call.hive(), offsets_[i], rec)) break;
+      at = Access::entryOf(*this, i);
+      if (readKeyRecord(call.hive(), at, rec)) break;
       ++skipped_;
     }
   } else {
     i = end;
   }
   it.index_ = i;
-  it.current_ = i < end ? Access::makeKey(core_, offsets_[i]) : Key();
+  if (i < end)
+    Access::setKey(it.current_, core_, at);
+  else
+    it.current_ = Key();
 }
 
 }  // namespace hivekit

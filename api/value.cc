@@ -235,19 +235,24 @@ Values::iterator Values::begin() {
 
 void Values::advance(iterator& it) {
   Call call(core_);
-  const u32 end = static_cast<u32>(offsets_.size());
+  const u32 end = count_;
   u32 i = it.index_ + 1;
+  u32 at = 0;
   if (call.ok()) {
     for (; i < end; ++i) {
       ValueRecord rec;
-      if (readValueRecord(call.hive(), offsets_[i], rec)) break;
+      at = Access::entryOf(*this, i);
+      if (readValueRecord(call.hive(), at, rec)) break;
       ++skipped_;
     }
   } else {
     i = end;
   }
   it.index_ = i;
-  it.current_ = i < end ? Access::makeValue(core_, offsets_[i], key_) : Value();
+  if (i < end)
+    Access::setValue(it.current_, core_, at, key_);
+  else
+    it.current_ = Value();
 }
 
 }  // namespace hivekit
