@@ -286,6 +286,14 @@ std::u16string toUtf16(std::string_view text) {
   return Platform::wtf8ToUtf16(text);
 }
 
+bool asciiName(const u8* bytes, size_t length, std::string& out) {
+  u8 any = 0;
+  for (size_t i = 0; i < length; ++i) any |= bytes[i];
+  if (any & 0x80) return false;
+  out.assign(reinterpret_cast<const char*>(bytes), length);
+  return true;
+}
+
 std::string quoted(std::string_view text) {
   constexpr size_t LIMIT = 200;
   size_t cut = text.size();

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -119,6 +120,11 @@ class Access {
   // Bytes that point into the hive's records, keeping the hive alive.
   static Bytes viewBytes(const CoreRef& core, const u8* data, u32 size) {
     Bytes b;
+    if (size <= Bytes::SMALL) {
+      if (size) std::memcpy(b.small_.data(), data, size);
+      b.view_ = std::span<const std::byte>(b.small_.data(), size);
+      return b;
+    }
     b.view_ = std::span<const std::byte>(reinterpret_cast<const std::byte*>(data), size);
     b.keep_ = core;
     return b;
@@ -237,6 +243,10 @@ std::string systemText(u32 engineCode);
 // Text at the API: UTF-8 (WTF-8 for unpaired surrogates) <-> UTF-16.
 std::string toUtf8(std::u16string_view units);
 std::u16string toUtf16(std::string_view text);
+// An 8-bit stored name as UTF-8 when all of its bytes are ASCII, which
+// every codepage reads as themselves (the usual name needs no decoding
+// then); false for any other.
+bool asciiName(const u8* bytes, size_t length, std::string& out);
 // A name quoted for a message: "'name'", cut to 200 characters.
 std::string quoted(std::string_view text);
 

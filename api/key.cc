@@ -122,6 +122,14 @@ Result<u32> valueInRecords(RegistryHiveObj& hive, u32 key, std::string_view name
   return Status(Code::value_not_found, "value not found: " + quoted(name));
 }
 
+// The records a list names, which an iteration reads one after the other:
+// loads started together overlap their cache misses.
+constexpr u32 PREFETCHED = 32;  // records of a list loaded ahead
+
+void prefetchEntries(const RegistryHiveObj& hive, const u8* items, u32 stride, u32 count) {
+  for (u32 i = 0; i < count && i < PREFETCHED; ++i) hive.prefetchRecord(Platform::L32(items + i * stride));
+}
+
 // Deletes the keys this call created, deepest first (a failed create_key
 // leaves the hive as it was).
 void undoCreated(std::vector<std::pair<Ref<KeyObj>, Ref<KeyObj>>>& created) {
@@ -132,7 +140,17 @@ void undoCreated(std::vector<std::pair<Ref<KeyObj>, Ref<KeyObj>>>& created) {
 
 std::string Key::name() const {
   Call call(core_);
-  return call.ok() ? toUtf8(nameOf(call, offset_)) : std::string();
+  if (!call.ok() || offset_ == call.hive().rootOffset()) return {};
+  KeyRecord rec;
+  const Libraries::Files::Hive::hive_record* record = nullptr;
+  if (!readKeyRecord(call.hive(), offset_, rec, &record)) return {};
+  std::string out;
+  if (rec.compressedName() &&
+      asciiName(record->bytes() + Libraries::Files::Hive::hive_record_nk::OFS_NAME, rec.nameLength, out))
+    return out;
+  std::u16string name;
+  readKeyName(call.hive(), rec, name);
+  return toUtf8(name);
 }
 
 std::u16string Key::name_utf16() const {
@@ -203,8 +221,10 @@ Subkeys Key::subkeys() const {
   // A walk asks for the subkeys of every key: a read-only hive's list is
   // read where it lies, when it is one record.
   Libraries::Files::Hive::SubkeyListView view;
-  if (call.hive().recordsStable() && viewSubkeyList(call.hive(), rec, view))
+  if (call.hive().recordsStable() && viewSubkeyList(call.hive(), rec, view)) {
+    prefetchEntries(call.hive(), view.items, view.stride, view.count);
     return Access::viewSubkeys(core_, view.items, view.stride, view.count);
+  }
   SubkeyList list;
   if (!loadSubkeyList(call.hive(), rec, list))
     return Access::makeSubkeys(core_, {}, engineStatus("cannot read the subkey list", Code::corrupt));
@@ -222,7 +242,10 @@ Values Key::values() const {
   if (call.hive().recordsStable()) {
     bool failed = false;
     const Libraries::Files::Hive::hive_record* list = valueListRecord(call.hive(), rec, failed);
-    if (list) return Access::viewValues(core_, offset_, list->bytes() + 4, rec.numValues);
+    if (list) {
+      prefetchEntries(call.hive(), list->bytes() + 4, 4, rec.numValues);
+      return Access::viewValues(core_, offset_, list->bytes() + 4, rec.numValues);
+    }
     if (!failed) return Access::makeValues(core_, offset_, {}, Status());
     return Access::makeValues(core_, offset_, {}, engineStatus("cannot read the value list", Code::corrupt));
   }
@@ -504,6 +527,7 @@ void Subkeys::advance(iterator& it) {
     for (; i < end; ++i) {
       KeyRecord rec;
       at = Access::entryOf(*this, i);
+      if (i + PREFETCHED < end) call.hive().prefetchRecord(Access::entryOf(*this, i + PREFETCHED));
       if (readKeyRecord(call.hive(), at, rec)) break;
       ++skipped_;
     }

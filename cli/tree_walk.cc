@@ -37,6 +37,32 @@ std::string TreeWalk::pathOf(const std::vector<std::string>& names) const {
   return path.empty() ? "\\" : path;
 }
 
+size_t TreeWalk::SubkeyCounts::slotOf(uint32_t offset) const {
+  // Offsets are multiples of 8; Fibonacci hashing spreads them.
+  const size_t mask = _slots.size() - 1;
+  size_t i = static_cast<size_t>((uint64_t{offset >> 3} * 0x9E3779B97F4A7C15ull) >> 32) & mask;
+  while (_slots[i].first != EMPTY && _slots[i].first != offset) i = (i + 1) & mask;
+  return i;
+}
+
+const size_t* TreeWalk::SubkeyCounts::find(uint32_t offset) const {
+  if (_slots.empty()) return nullptr;
+  const auto& slot = _slots[slotOf(offset)];
+  return slot.first == offset ? &slot.second : nullptr;
+}
+
+void TreeWalk::SubkeyCounts::set(uint32_t offset, size_t count) {
+  if (2 * (_used + 1) > _slots.size()) {
+    std::vector<std::pair<uint32_t, size_t>> old(std::max<size_t>(1024, 2 * _slots.size()), {EMPTY, 0});
+    old.swap(_slots);
+    for (const auto& slot : old)
+      if (slot.first != EMPTY) _slots[slotOf(slot.first)] = slot;
+  }
+  auto& slot = _slots[slotOf(offset)];
+  if (slot.first == EMPTY) ++_used;
+  slot = {offset, count};
+}
+
 void TreeWalk::report(const std::string& message) {
   _out.flush();
   warn(message);
@@ -79,8 +105,10 @@ bool TreeWalk::run(const Key& start, const std::string& startPath, const Visitor
       report("subkey " + _path + " leads back to a key above it (cycle); not descending");
       continue;
     }
-    auto known = _subkeyCounts.find(offset);
-    if (!enter(child, _stack.size(), known != _subkeyCounts.end() ? &known->second : nullptr, visit)) return false;
+    // The count is copied: entering the key may grow the table.
+    const size_t* known = _subkeyCounts.find(offset);
+    const size_t listed = known ? *known : 0;
+    if (!enter(child, _stack.size(), known ? &listed : nullptr, visit)) return false;
     _out.maybeFlush();
   }
   return _out.flush() && _ok;
@@ -102,7 +130,7 @@ bool TreeWalk::enter(const Key& key, size_t depth, const size_t* listedBefore, c
     // A list that cannot be read at all leaves every subkey the key's
     // record counts unread.
     badKeys = subkeys.status().ok() ? subkeys.skipped() : key.subkey_count();
-    _subkeyCounts[frame.offset] = frame.subkeys.size();
+    _subkeyCounts.set(frame.offset, frame.subkeys.size());
   }
   _values.clear();
   if (_readValues) {

@@ -22,7 +22,6 @@
 #include <functional>
 #include <span>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "command.h"
@@ -90,7 +89,21 @@ class TreeWalk {
   std::string _path;
   std::vector<Frame> _stack;
   std::vector<Value> _values;
-  std::unordered_map<uint32_t, size_t> _subkeyCounts;
+  // Subkeys listed for each key entered so far, by record offset: one
+  // look-up per key, so a flat table (open addressing) rather than nodes.
+  class SubkeyCounts {
+   public:
+    // Null when the key was not entered before.
+    const size_t* find(uint32_t offset) const;
+    void set(uint32_t offset, size_t count);
+
+   private:
+    static constexpr uint32_t EMPTY = 0xffffffffu;  // never a record offset (not a multiple of 8)
+    size_t slotOf(uint32_t offset) const;
+    std::vector<std::pair<uint32_t, size_t>> _slots;
+    size_t _used = 0;
+  };
+  SubkeyCounts _subkeyCounts;
   bool _ok = true;
 };
 
