@@ -1,5 +1,6 @@
 #include "text.h"
 
+#include <array>
 #include <cstdio>
 
 namespace hivekit::cli {
@@ -84,8 +85,13 @@ std::string hexDump(const std::byte* data, size_t length) {
 
 namespace {
 // Needs no escape in any form: printable ASCII other than \ and %.
+constexpr std::array<bool, 256> PLAIN = [] {
+  std::array<bool, 256> t{};
+  for (int c = 0x20; c < 0x7F; ++c) t[c] = c != '\\' && c != '%';
+  return t;
+}();
 bool plain(unsigned char c) {
-  return c >= 0x20 && c < 0x7F && c != '\\' && c != '%';
+  return PLAIN[c];
 }
 }  // namespace
 

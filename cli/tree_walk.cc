@@ -37,30 +37,20 @@ std::string TreeWalk::pathOf(const std::vector<std::string>& names) const {
   return path.empty() ? "\\" : path;
 }
 
-size_t TreeWalk::SubkeyCounts::slotOf(uint32_t offset) const {
-  // Offsets are multiples of 8; Fibonacci hashing spreads them.
-  const size_t mask = _slots.size() - 1;
-  size_t i = static_cast<size_t>((uint64_t{offset >> 3} * 0x9E3779B97F4A7C15ull) >> 32) & mask;
-  while (_slots[i].first != EMPTY && _slots[i].first != offset) i = (i + 1) & mask;
-  return i;
-}
-
-const size_t* TreeWalk::SubkeyCounts::find(uint32_t offset) const {
-  if (_slots.empty()) return nullptr;
-  const auto& slot = _slots[slotOf(offset)];
-  return slot.first == offset ? &slot.second : nullptr;
+const size_t* TreeWalk::SubkeyCounts::find(uint32_t offset) {
+  const uint32_t bit = offset / 8;
+  if (bit / 64 >= _entered.size() || !((_entered[bit / 64] >> (bit % 64)) & 1)) return nullptr;
+  for (; _indexed < _counts.size(); ++_indexed) _index.emplace(_counts[_indexed].first, _indexed);
+  auto it = _index.find(offset);
+  return it != _index.end() ? &_counts[it->second].second : nullptr;
 }
 
 void TreeWalk::SubkeyCounts::set(uint32_t offset, size_t count) {
-  if (2 * (_used + 1) > _slots.size()) {
-    std::vector<std::pair<uint32_t, size_t>> old(std::max<size_t>(1024, 2 * _slots.size()), {EMPTY, 0});
-    old.swap(_slots);
-    for (const auto& slot : old)
-      if (slot.first != EMPTY) _slots[slotOf(slot.first)] = slot;
-  }
-  auto& slot = _slots[slotOf(offset)];
-  if (slot.first == EMPTY) ++_used;
-  slot = {offset, count};
+  // Record offsets lie in the hive's data, which bounds the bits.
+  const uint32_t bit = offset / 8;
+  if (bit / 64 >= _entered.size()) _entered.resize(std::max<size_t>(bit / 64 + 1, 2 * _entered.size()));
+  _entered[bit / 64] |= uint64_t{1} << (bit % 64);
+  _counts.emplace_back(offset, count);
 }
 
 void TreeWalk::report(const std::string& message) {

@@ -22,6 +22,7 @@
 #include <functional>
 #include <span>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "command.h"
@@ -89,19 +90,22 @@ class TreeWalk {
   std::string _path;
   std::vector<Frame> _stack;
   std::vector<Value> _values;
-  // Subkeys listed for each key entered so far, by record offset: one
-  // look-up per key, so a flat table (open addressing) rather than nodes.
+  // Subkeys listed for each key entered so far, by record offset. Looked
+  // up once per key, and nearly always absent: a bit per possible record
+  // start answers that, and the counts, kept in the order keys were
+  // entered, are indexed only once a key turns up again (a damaged hive).
   class SubkeyCounts {
    public:
     // Null when the key was not entered before.
-    const size_t* find(uint32_t offset) const;
+    const size_t* find(uint32_t offset);
+    // Once per key, when it is entered.
     void set(uint32_t offset, size_t count);
 
    private:
-    static constexpr uint32_t EMPTY = 0xffffffffu;  // never a record offset (not a multiple of 8)
-    size_t slotOf(uint32_t offset) const;
-    std::vector<std::pair<uint32_t, size_t>> _slots;
-    size_t _used = 0;
+    std::vector<uint64_t> _entered;  // bit offset / 8
+    std::vector<std::pair<uint32_t, size_t>> _counts;
+    size_t _indexed = 0;  // entries of _counts in _index
+    std::unordered_map<uint32_t, size_t> _index;  // offset -> entry of _counts
   };
   SubkeyCounts _subkeyCounts;
   bool _ok = true;
