@@ -74,14 +74,16 @@ bool TreeWalk::chargeData(uint64_t bytes) {
 bool TreeWalk::run(const Key& start, const std::string& startPath, const Visitor& visit) {
   _path = startPath;
   _stack.clear();
+  _pending.clear();
   if (!enter(start, 0, nullptr, visit)) return false;
   while (!_stack.empty()) {
     Frame& top = _stack.back();
-    if (top.next == top.subkeys.size()) {
+    if (top.next == top.end) {
+      _pending.resize(top.first);
       _stack.pop_back();
       continue;
     }
-    const Key child = top.subkeys[top.next++];
+    const Key child = _pending[top.next++];
     const size_t parentLength = top.pathLength;
     _path.resize(parentLength);
     if (parentLength > 1) _path += '\\';
@@ -113,14 +115,16 @@ bool TreeWalk::enter(const Key& key, size_t depth, const size_t* listedBefore, c
   Frame frame;
   frame.offset = key.offset();
   frame.pathLength = _path.size();
+  frame.first = frame.end = frame.next = _pending.size();
   uint64_t badKeys = 0, badValues = 0;
   if (!listedBefore) {
     Subkeys subkeys = key.subkeys();
-    for (const Key& k : subkeys) frame.subkeys.push_back(k);
+    for (const Key& k : subkeys) _pending.push_back(k);
+    frame.end = _pending.size();
     // A list that cannot be read at all leaves every subkey the key's
     // record counts unread.
     badKeys = subkeys.status().ok() ? subkeys.skipped() : key.subkey_count();
-    _subkeyCounts.set(frame.offset, frame.subkeys.size());
+    _subkeyCounts.set(frame.offset, frame.end - frame.first);
   }
   _values.clear();
   if (_readValues) {
@@ -129,7 +133,7 @@ bool TreeWalk::enter(const Key& key, size_t depth, const size_t* listedBefore, c
     badValues = values.status().ok() ? values.skipped() : key.value_count();
     if (!_budget.charge(_values.size())) return overBudget();
   }
-  const Visit v{key, _path, depth, listedBefore ? *listedBefore : frame.subkeys.size(), listedBefore != nullptr,
+  const Visit v{key, _path, depth, listedBefore ? *listedBefore : frame.end - frame.first, listedBefore != nullptr,
                 _values};
   if (!visit(v)) return false;
   if (badKeys || badValues)

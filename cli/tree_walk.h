@@ -73,8 +73,11 @@ class TreeWalk {
   std::string pathOf(const std::vector<std::string>& names) const;
 
  private:
+  // A key on the current path; its subkeys are [first, end) of _pending
+  // (one vector for the whole walk, not one per key).
   struct Frame {
-    std::vector<Key> subkeys;
+    size_t first = 0;
+    size_t end = 0;
     size_t next = 0;
     size_t pathLength = 0;
     uint32_t offset = 0;
@@ -89,6 +92,7 @@ class TreeWalk {
   WalkBudget _budget;
   std::string _path;
   std::vector<Frame> _stack;
+  std::vector<Key> _pending;
   std::vector<Value> _values;
   // Subkeys listed for each key entered so far, by record offset. Looked
   // up once per key, and nearly always absent: a bit per possible record
