@@ -126,8 +126,13 @@ Result<u32> valueInRecords(RegistryHiveObj& hive, u32 key, std::string_view name
 // loads started together overlap their cache misses.
 constexpr u32 PREFETCHED = 32;  // records of a list loaded ahead
 
-void prefetchEntries(const RegistryHiveObj& hive, const u8* items, u32 stride, u32 count) {
-  for (u32 i = 0; i < count && i < PREFETCHED; ++i) hive.prefetchRecord(Platform::L32(items + i * stride));
+// `span` bytes of each: the fixed part of an nk record (80 bytes) most
+// often spans two cache lines, that of a vk record (24) one.
+void prefetchEntries(const RegistryHiveObj& hive, const u8* items, u32 stride, u32 count, u32 span) {
+  for (u32 i = 0; i < count && i < PREFETCHED; ++i) {
+    const u32 offset = Platform::L32(items + i * stride);
+    for (u32 at = 0; at < span; at += 64) hive.prefetchRecord(offset + at);
+  }
 }
 
 // Deletes the keys this call created, deepest first (a failed create_key
@@ -222,7 +227,7 @@ Subkeys Key::subkeys() const {
   // read where it lies, when it is one record.
   Libraries::Files::Hive::SubkeyListView view;
   if (call.hive().recordsStable() && viewSubkeyList(call.hive(), rec, view)) {
-    prefetchEntries(call.hive(), view.items, view.stride, view.count);
+    prefetchEntries(call.hive(), view.items, view.stride, view.count, 80);
     return Access::viewSubkeys(core_, view.items, view.stride, view.count);
   }
   SubkeyList list;
@@ -243,7 +248,7 @@ Values Key::values() const {
     bool failed = false;
     const Libraries::Files::Hive::hive_record* list = valueListRecord(call.hive(), rec, failed);
     if (list) {
-      prefetchEntries(call.hive(), list->bytes() + 4, 4, rec.numValues);
+      prefetchEntries(call.hive(), list->bytes() + 4, 4, rec.numValues, 24);
       return Access::viewValues(core_, offset_, list->bytes() + 4, rec.numValues);
     }
     if (!failed) return Access::makeValues(core_, offset_, {}, Status());
@@ -527,7 +532,11 @@ void Subkeys::advance(iterator& it) {
     for (; i < end; ++i) {
       KeyRecord rec;
       at = Access::entryOf(*this, i);
-      if (i + PREFETCHED < end) call.hive().prefetchRecord(Access::entryOf(*this, i + PREFETCHED));
+      if (i + PREFETCHED < end) {
+        const u32 ahead = Access::entryOf(*this, i + PREFETCHED);
+        call.hive().prefetchRecord(ahead);
+        call.hive().prefetchRecord(ahead + 64);
+      }
       if (readKeyRecord(call.hive(), at, rec)) break;
       ++skipped_;
     }
