@@ -167,7 +167,9 @@ class Access {
     s.count_ = count;
     return s;
   }
-  static u32 entryOf(const Values& s, u32 i) { return s.items_ ? Platform::L32(s.items_ + 4 * i) : s.offsets_[i]; }
+  static u32 entryOf(const Values& s, u32 i) {
+    return s.items_ ? Platform::L32(s.items_ + 4 * i) : s.offsets_[i];
+  }
   static SecurityDescriptor makeSecurityDescriptor(const CoreRef& core, u32 offset) {
     SecurityDescriptor sd;
     sd.core_ = core;

@@ -58,10 +58,9 @@ std::string Value::name() const {
   ValueRecord rec;
   if (!call.ok() || !readRecord(call, offset_, rec)) return {};
   std::string out;
-  if (rec.compressedName &&
-      asciiName(call.hive().cacheLoadRecord(offset_)->bytes() + Libraries::Files::Hive::hive_record_vk::OFS_NAME,
-                rec.nameLength, out))
-    return out;
+  const u8* stored =
+      call.hive().cacheLoadRecord(offset_)->bytes() + Libraries::Files::Hive::hive_record_vk::OFS_NAME;
+  if (rec.compressedName && asciiName(stored, rec.nameLength, out)) return out;
   std::u16string name;
   readValueName(call.hive(), rec, name);
   return toUtf8(name);

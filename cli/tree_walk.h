@@ -108,7 +108,7 @@ class TreeWalk {
    private:
     std::vector<uint64_t> _entered;  // bit offset / 8
     std::vector<std::pair<uint32_t, size_t>> _counts;
-    size_t _indexed = 0;  // entries of _counts in _index
+    size_t _indexed = 0;                          // entries of _counts in _index
     std::unordered_map<uint32_t, size_t> _index;  // offset -> entry of _counts
   };
   SubkeyCounts _subkeyCounts;

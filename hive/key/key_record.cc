@@ -311,7 +311,8 @@ bool viewSubkeyList(RegistryHiveObj& hive, const KeyRecord& key, SubkeyListView&
   // loadFlatList's judgement: the record's count is the key's, and its
   // entries lie inside it.
   const u16 signature = rec->signature();
-  if (signature != L::SIGNATURE_LF && signature != L::SIGNATURE_LH && signature != L::SIGNATURE_LI) return false;
+  if (signature != L::SIGNATURE_LF && signature != L::SIGNATURE_LH && signature != L::SIGNATURE_LI)
+    return false;
   const u32 width = signature == L::SIGNATURE_LI ? 4 : 8;
   const u32 count = rec->u16At(L::OFS_COUNT);
   if (!rec->used() || count != key.numKeys || u64{count} * width + L::OFS_ITEMS > rec->length()) return false;
