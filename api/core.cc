@@ -128,7 +128,7 @@ Ref<ValueObj> HiveCore::valueObject(u32 keyOffset, u32 offset, Status& why) {
   return nullptr;
 }
 
-Call::Call(const CoreRef& ref, Guard guard) : _core(Access::core(ref)) {
+void Call::enter(Guard guard) {
   if (!_core) {
     _status = Status(Code::invalid_handle, "null handle");
     return;
@@ -284,6 +284,14 @@ std::string toUtf8(std::u16string_view units) {
 
 std::u16string toUtf16(std::string_view text) {
   return Platform::wtf8ToUtf16(text);
+}
+
+bool asciiName(const u8* bytes, size_t length, std::string& out) {
+  u8 any = 0;
+  for (size_t i = 0; i < length; ++i) any |= bytes[i];
+  if (any & 0x80) return false;
+  out.assign(reinterpret_cast<const char*>(bytes), length);
+  return true;
 }
 
 std::string quoted(std::string_view text) {

@@ -8,6 +8,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -97,6 +98,17 @@ class Access {
     return k;
   }
   static void setOffset(Key& k, u32 offset) { k.offset_ = offset; }
+  // Points `k` at the key at `offset`: an iterator's handle moving on
+  // within one hive keeps its reference (no count to change).
+  static void setKey(Key& k, const CoreRef& core, u32 offset) {
+    if (!(k.core_ == core)) k.core_ = core;
+    k.offset_ = offset;
+  }
+  static void setValue(Value& v, const CoreRef& core, u32 offset, u32 key) {
+    if (!(v.core_ == core)) v.core_ = core;
+    v.offset_ = offset;
+    v.key_ = key;
+  }
   static Value makeValue(const CoreRef& core, u32 offset, u32 key) {
     Value v;
     v.core_ = core;
@@ -108,6 +120,11 @@ class Access {
   // Bytes that point into the hive's records, keeping the hive alive.
   static Bytes viewBytes(const CoreRef& core, const u8* data, u32 size) {
     Bytes b;
+    if (size <= Bytes::SMALL) {
+      if (size) std::memcpy(b.small_.data(), data, size);
+      b.view_ = std::span<const std::byte>(b.small_.data(), size);
+      return b;
+    }
     b.view_ = std::span<const std::byte>(reinterpret_cast<const std::byte*>(data), size);
     b.keep_ = core;
     return b;
@@ -116,17 +133,42 @@ class Access {
   static Subkeys makeSubkeys(const CoreRef& core, std::vector<u32> offsets, Status status) {
     Subkeys s;
     s.core_ = core;
+    s.count_ = static_cast<u32>(offsets.size());
     s.offsets_ = std::move(offsets);
     s.status_ = std::move(status);
     return s;
+  }
+  // Entries read in place, `stride` bytes apart (a read-only hive's records).
+  static Subkeys viewSubkeys(const CoreRef& core, const u8* items, u32 stride, u32 count) {
+    Subkeys s;
+    s.core_ = core;
+    s.items_ = items;
+    s.stride_ = stride;
+    s.count_ = count;
+    return s;
+  }
+  static u32 entryOf(const Subkeys& s, u32 i) {
+    return s.items_ ? Platform::L32(s.items_ + i * s.stride_) : s.offsets_[i];
   }
   static Values makeValues(const CoreRef& core, u32 key, std::vector<u32> offsets, Status status) {
     Values s;
     s.core_ = core;
     s.key_ = key;
+    s.count_ = static_cast<u32>(offsets.size());
     s.offsets_ = std::move(offsets);
     s.status_ = std::move(status);
     return s;
+  }
+  static Values viewValues(const CoreRef& core, u32 key, const u8* items, u32 count) {
+    Values s;
+    s.core_ = core;
+    s.key_ = key;
+    s.items_ = items;
+    s.count_ = count;
+    return s;
+  }
+  static u32 entryOf(const Values& s, u32 i) {
+    return s.items_ ? Platform::L32(s.items_ + 4 * i) : s.offsets_[i];
   }
   static SecurityDescriptor makeSecurityDescriptor(const CoreRef& core, u32 offset) {
     SecurityDescriptor sd;
@@ -155,7 +197,16 @@ class Access {
 class Call {
  public:
   enum class Guard { records, objects };
-  explicit Call(const CoreRef& ref, Guard guard = Guard::records);
+  // The usual call (an open read-only hive, records only) is decided
+  // inline, without a lock, an allocation or a call into the library;
+  // anything else takes enter().
+  explicit Call(const CoreRef& ref, Guard guard = Guard::records) : _core(Access::core(ref)) {
+    if (!_core || guard == Guard::objects || _core->writable() || _core->closed()) {
+      enter(guard);
+      return;
+    }
+    Platform::Error::clear();
+  }
   ~Call() {
     if (_locked) _core->hive().mon()->unlock();
   }
@@ -170,6 +221,9 @@ class Call {
   bool writable();
 
  private:
+  // The checks and the monitor of every other call.
+  void enter(Guard guard);
+
   HiveCore* _core;
   bool _locked = false;
   Status _status;
@@ -191,6 +245,10 @@ std::string systemText(u32 engineCode);
 // Text at the API: UTF-8 (WTF-8 for unpaired surrogates) <-> UTF-16.
 std::string toUtf8(std::u16string_view units);
 std::u16string toUtf16(std::string_view text);
+// An 8-bit stored name as UTF-8 when all of its bytes are ASCII, which
+// every codepage reads as themselves (the usual name needs no decoding
+// then); false for any other.
+bool asciiName(const u8* bytes, size_t length, std::string& out);
 // A name quoted for a message: "'name'", cut to 200 characters.
 std::string quoted(std::string_view text);
 

@@ -13,6 +13,8 @@ namespace Errors = Libraries::Files::Hive::Errors;
 
 namespace {
 
+constexpr u32 PREFETCHED = 32;  // records of a list loaded ahead (as Key::values does)
+
 bool readRecord(const Call& call, u32 offset, ValueRecord& rec) {
   return readValueRecord(call.hive(), offset, rec);
 }
@@ -53,7 +55,15 @@ bool typedData(const CoreRef& core, u32 offset, u32& type, std::vector<std::byte
 
 std::string Value::name() const {
   Call call(core_);
-  return call.ok() ? toUtf8(nameOf(call, offset_)) : std::string();
+  ValueRecord rec;
+  if (!call.ok() || !readRecord(call, offset_, rec)) return {};
+  std::string out;
+  const u8* stored =
+      call.hive().cacheLoadRecord(offset_)->bytes() + Libraries::Files::Hive::hive_record_vk::OFS_NAME;
+  if (rec.compressedName && asciiName(stored, rec.nameLength, out)) return out;
+  std::u16string name;
+  readValueName(call.hive(), rec, name);
+  return toUtf8(name);
 }
 
 std::u16string Value::name_utf16() const {
@@ -235,19 +245,31 @@ Values::iterator Values::begin() {
 
 void Values::advance(iterator& it) {
   Call call(core_);
-  const u32 end = static_cast<u32>(offsets_.size());
+  const u32 end = count_;
   u32 i = it.index_ + 1;
+  u32 at = 0;
   if (call.ok()) {
     for (; i < end; ++i) {
       ValueRecord rec;
-      if (readValueRecord(call.hive(), offsets_[i], rec)) break;
+      at = Access::entryOf(*this, i);
+      // Key::values started the loads of the first records; this keeps
+      // them ahead on a long list.
+      if (i + PREFETCHED < end) call.hive().prefetchRecord(Access::entryOf(*this, i + PREFETCHED));
+      if (readValueRecord(call.hive(), at, rec)) {
+        // The data is what a walk asks for next.
+        if (!rec.resident) call.hive().prefetchRecord(rec.dataCell());
+        break;
+      }
       ++skipped_;
     }
   } else {
     i = end;
   }
   it.index_ = i;
-  it.current_ = i < end ? Access::makeValue(core_, offsets_[i], key_) : Value();
+  if (i < end)
+    Access::setValue(it.current_, core_, at, key_);
+  else
+    it.current_ = Value();
 }
 
 }  // namespace hivekit

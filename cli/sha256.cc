@@ -3,6 +3,12 @@
 #include <algorithm>
 #include <cstring>
 
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#include <cpuid.h>
+#include <immintrin.h>
+#define HK_SHA_NI 1
+#endif
+
 namespace hivekit::cli {
 namespace {
 
@@ -19,6 +25,59 @@ constexpr uint32_t K[64] = {
 inline uint32_t rotr(uint32_t x, int n) {
   return (x >> n) | (x << (32 - n));
 }
+
+#ifdef HK_SHA_NI
+// Processors with the SHA extensions run the rounds in hardware, about
+// five times faster than the code below: a listing of a large hive hashes
+// megabytes of value data.
+bool haveShaNi() {
+  unsigned a, b, c, d;
+  if (!__get_cpuid(1, &a, &b, &c, &d) || !(c & bit_SSSE3) || !(c & bit_SSE4_1)) return false;
+  if (!__get_cpuid_count(7, 0, &a, &b, &c, &d)) return false;
+  return (b & (1u << 29)) != 0;  // SHA
+}
+
+const bool SHA_NI = haveShaNi();
+
+// `count` blocks from `p` into the state h[0..7]. The instructions keep
+// the state as the two halves ABEF and CDGH, and take the message four
+// words at a time with the round constants added.
+[[gnu::target("sha,ssse3,sse4.1")]] void blocksShaNi(uint32_t h[8], const uint8_t* p, size_t count) {
+  const __m128i BYTE_SWAP = _mm_set_epi64x(0x0c0d0e0f08090a0bll, 0x0405060700010203ll);
+  __m128i dcba = _mm_loadu_si128(reinterpret_cast<const __m128i*>(h));
+  __m128i hgfe = _mm_loadu_si128(reinterpret_cast<const __m128i*>(h + 4));
+  const __m128i cdab = _mm_shuffle_epi32(dcba, 0xB1);
+  const __m128i efgh = _mm_shuffle_epi32(hgfe, 0x1B);
+  __m128i abef = _mm_alignr_epi8(cdab, efgh, 8);
+  __m128i cdgh = _mm_blend_epi16(efgh, cdab, 0xF0);
+  for (; count; --count, p += 64) {
+    const __m128i abefStart = abef, cdghStart = cdgh;
+    __m128i w[4];
+    for (int i = 0; i < 4; ++i)
+      w[i] = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * i)), BYTE_SWAP);
+    for (int r = 0; r < 16; ++r) {
+      __m128i m = _mm_add_epi32(w[r & 3], _mm_loadu_si128(reinterpret_cast<const __m128i*>(K + 4 * r)));
+      cdgh = _mm_sha256rnds2_epu32(cdgh, abef, m);
+      m = _mm_shuffle_epi32(m, 0x0E);
+      abef = _mm_sha256rnds2_epu32(abef, cdgh, m);
+      if (r < 12) {
+        // Words 4r+16.. from those 16, 7, 15 and 2 places back.
+        __m128i next = _mm_sha256msg1_epu32(w[r & 3], w[(r + 1) & 3]);
+        next = _mm_add_epi32(next, _mm_alignr_epi8(w[(r + 3) & 3], w[(r + 2) & 3], 4));
+        w[r & 3] = _mm_sha256msg2_epu32(next, w[(r + 3) & 3]);
+      }
+    }
+    abef = _mm_add_epi32(abef, abefStart);
+    cdgh = _mm_add_epi32(cdgh, cdghStart);
+  }
+  const __m128i feba = _mm_shuffle_epi32(abef, 0x1B);
+  const __m128i dchg = _mm_shuffle_epi32(cdgh, 0xB1);
+  dcba = _mm_blend_epi16(feba, dchg, 0xF0);
+  hgfe = _mm_alignr_epi8(dchg, feba, 8);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(h), dcba);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(h + 4), hgfe);
+}
+#endif
 
 }  // namespace
 
@@ -87,6 +146,16 @@ void Sha256::block(const uint8_t* p) {
   _h[7] += h;
 }
 
+void Sha256::blocks(const uint8_t* p, size_t count) {
+#ifdef HK_SHA_NI
+  if (SHA_NI) {
+    if (count) blocksShaNi(_h, p, count);
+    return;
+  }
+#endif
+  for (; count; --count, p += 64) block(p);
+}
+
 void Sha256::update(const void* data, size_t length) {
   const uint8_t* p = static_cast<const uint8_t*>(data);
   _total += length;
@@ -97,10 +166,12 @@ void Sha256::update(const void* data, size_t length) {
     p += take;
     length -= take;
     if (_buffered < sizeof(_buffer)) return;
-    block(_buffer);
+    blocks(_buffer, 1);
     _buffered = 0;
   }
-  for (; length >= 64; p += 64, length -= 64) block(p);
+  blocks(p, length / 64);
+  p += length - length % 64;
+  length %= 64;
   if (length) {
     std::memcpy(_buffer, p, length);
     _buffered = length;
@@ -127,10 +198,12 @@ void Sha256::appendHexDigest(std::string& out) {
   static constexpr char digits[] = "0123456789abcdef";
   uint8_t d[32];
   digest(d);
-  for (uint8_t b : d) {
-    out.push_back(digits[b >> 4]);
-    out.push_back(digits[b & 15]);
+  char hex[64];
+  for (int i = 0; i < 32; ++i) {
+    hex[2 * i] = digits[d[i] >> 4];
+    hex[2 * i + 1] = digits[d[i] & 15];
   }
+  out.append(hex, sizeof hex);
 }
 
 }  // namespace hivekit::cli

@@ -31,6 +31,9 @@ class Sha256 {
 
  private:
   void block(const uint8_t* p);
+  // `count` blocks in a row, with the processor's SHA instructions when it
+  // has them.
+  void blocks(const uint8_t* p, size_t count);
 
   uint32_t _h[8];
   uint8_t _buffer[64];

@@ -1,5 +1,6 @@
 #include "text.h"
 
+#include <array>
 #include <cstdio>
 
 namespace hivekit::cli {
@@ -39,18 +40,23 @@ void appendHexBytes(std::string& out, const std::byte* data, size_t length) {
   }
 }
 
+// Listings write several numbers per line: each is built in place and
+// appended at once.
 void appendHexFixed(std::string& out, uint64_t v, int width) {
-  for (int i = width - 1; i >= 0; --i) out.push_back(HEX[(v >> (4 * i)) & 15]);
+  char buf[16];
+  width = width > 16 ? 16 : width;
+  for (int i = 0; i < width; ++i) buf[i] = HEX[(v >> (4 * (width - 1 - i))) & 15];
+  out.append(buf, static_cast<size_t>(width));
 }
 
 void appendDecimal(std::string& out, uint64_t v) {
   char buf[24];
-  int n = 0;
+  char* p = buf + sizeof buf;
   do {
-    buf[n++] = static_cast<char>('0' + v % 10);
+    *--p = static_cast<char>('0' + v % 10);
     v /= 10;
   } while (v);
-  while (n) out.push_back(buf[--n]);
+  out.append(p, static_cast<size_t>(buf + sizeof buf - p));
 }
 
 std::string hexDump(const std::byte* data, size_t length) {
@@ -77,8 +83,25 @@ std::string hexDump(const std::byte* data, size_t length) {
   return out;
 }
 
+namespace {
+// Needs no escape in any form: printable ASCII other than \ and %.
+constexpr std::array<bool, 256> PLAIN = [] {
+  std::array<bool, 256> t{};
+  for (int c = 0x20; c < 0x7F; ++c) t[c] = c != '\\' && c != '%';
+  return t;
+}();
+bool plain(unsigned char c) {
+  return PLAIN[c];
+}
+}  // namespace
+
 void appendEscaped(std::string& out, std::string_view s, Escape form) {
-  for (size_t i = 0; i < s.size(); ++i) {
+  // Most names are plain: the run up to the first character that may need
+  // an escape goes in at once.
+  size_t run = 0;
+  while (run < s.size() && plain(static_cast<unsigned char>(s[run]))) ++run;
+  out.append(s.data(), run);
+  for (size_t i = run; i < s.size(); ++i) {
     const unsigned char c = static_cast<unsigned char>(s[i]);
     // An unpaired surrogate: ED A0..BF xx, the unit D800..DFFF.
     if (c == 0xED && i + 2 < s.size() && (static_cast<unsigned char>(s[i + 1]) & 0xE0) == 0xA0) {

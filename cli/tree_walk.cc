@@ -37,6 +37,22 @@ std::string TreeWalk::pathOf(const std::vector<std::string>& names) const {
   return path.empty() ? "\\" : path;
 }
 
+const size_t* TreeWalk::SubkeyCounts::find(uint32_t offset) {
+  const uint32_t bit = offset / 8;
+  if (bit / 64 >= _entered.size() || !((_entered[bit / 64] >> (bit % 64)) & 1)) return nullptr;
+  for (; _indexed < _counts.size(); ++_indexed) _index.emplace(_counts[_indexed].first, _indexed);
+  auto it = _index.find(offset);
+  return it != _index.end() ? &_counts[it->second].second : nullptr;
+}
+
+void TreeWalk::SubkeyCounts::set(uint32_t offset, size_t count) {
+  // Record offsets lie in the hive's data, which bounds the bits.
+  const uint32_t bit = offset / 8;
+  if (bit / 64 >= _entered.size()) _entered.resize(std::max<size_t>(bit / 64 + 1, 2 * _entered.size()));
+  _entered[bit / 64] |= uint64_t{1} << (bit % 64);
+  _counts.emplace_back(offset, count);
+}
+
 void TreeWalk::report(const std::string& message) {
   _out.flush();
   warn(message);
@@ -58,14 +74,16 @@ bool TreeWalk::chargeData(uint64_t bytes) {
 bool TreeWalk::run(const Key& start, const std::string& startPath, const Visitor& visit) {
   _path = startPath;
   _stack.clear();
+  _pending.clear();
   if (!enter(start, 0, nullptr, visit)) return false;
   while (!_stack.empty()) {
     Frame& top = _stack.back();
-    if (top.next == top.subkeys.size()) {
+    if (top.next == top.end) {
+      _pending.resize(top.first);
       _stack.pop_back();
       continue;
     }
-    const Key child = top.subkeys[top.next++];
+    const Key child = _pending[top.next++];
     const size_t parentLength = top.pathLength;
     _path.resize(parentLength);
     if (parentLength > 1) _path += '\\';
@@ -79,8 +97,10 @@ bool TreeWalk::run(const Key& start, const std::string& startPath, const Visitor
       report("subkey " + _path + " leads back to a key above it (cycle); not descending");
       continue;
     }
-    auto known = _subkeyCounts.find(offset);
-    if (!enter(child, _stack.size(), known != _subkeyCounts.end() ? &known->second : nullptr, visit)) return false;
+    // The count is copied: entering the key may grow the table.
+    const size_t* known = _subkeyCounts.find(offset);
+    const size_t listed = known ? *known : 0;
+    if (!enter(child, _stack.size(), known ? &listed : nullptr, visit)) return false;
     _out.maybeFlush();
   }
   return _out.flush() && _ok;
@@ -95,14 +115,16 @@ bool TreeWalk::enter(const Key& key, size_t depth, const size_t* listedBefore, c
   Frame frame;
   frame.offset = key.offset();
   frame.pathLength = _path.size();
+  frame.first = frame.end = frame.next = _pending.size();
   uint64_t badKeys = 0, badValues = 0;
   if (!listedBefore) {
     Subkeys subkeys = key.subkeys();
-    for (const Key& k : subkeys) frame.subkeys.push_back(k);
+    for (const Key& k : subkeys) _pending.push_back(k);
+    frame.end = _pending.size();
     // A list that cannot be read at all leaves every subkey the key's
     // record counts unread.
     badKeys = subkeys.status().ok() ? subkeys.skipped() : key.subkey_count();
-    _subkeyCounts[frame.offset] = frame.subkeys.size();
+    _subkeyCounts.set(frame.offset, frame.end - frame.first);
   }
   _values.clear();
   if (_readValues) {
@@ -111,7 +133,7 @@ bool TreeWalk::enter(const Key& key, size_t depth, const size_t* listedBefore, c
     badValues = values.status().ok() ? values.skipped() : key.value_count();
     if (!_budget.charge(_values.size())) return overBudget();
   }
-  const Visit v{key, _path, depth, listedBefore ? *listedBefore : frame.subkeys.size(), listedBefore != nullptr,
+  const Visit v{key, _path, depth, listedBefore ? *listedBefore : frame.end - frame.first, listedBefore != nullptr,
                 _values};
   if (!visit(v)) return false;
   if (badKeys || badValues)

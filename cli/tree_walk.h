@@ -73,8 +73,11 @@ class TreeWalk {
   std::string pathOf(const std::vector<std::string>& names) const;
 
  private:
+  // A key on the current path; its subkeys are [first, end) of _pending
+  // (one vector for the whole walk, not one per key).
   struct Frame {
-    std::vector<Key> subkeys;
+    size_t first = 0;
+    size_t end = 0;
     size_t next = 0;
     size_t pathLength = 0;
     uint32_t offset = 0;
@@ -89,8 +92,26 @@ class TreeWalk {
   WalkBudget _budget;
   std::string _path;
   std::vector<Frame> _stack;
+  std::vector<Key> _pending;
   std::vector<Value> _values;
-  std::unordered_map<uint32_t, size_t> _subkeyCounts;
+  // Subkeys listed for each key entered so far, by record offset. Looked
+  // up once per key, and nearly always absent: a bit per possible record
+  // start answers that, and the counts, kept in the order keys were
+  // entered, are indexed only once a key turns up again (a damaged hive).
+  class SubkeyCounts {
+   public:
+    // Null when the key was not entered before.
+    const size_t* find(uint32_t offset);
+    // Once per key, when it is entered.
+    void set(uint32_t offset, size_t count);
+
+   private:
+    std::vector<uint64_t> _entered;  // bit offset / 8
+    std::vector<std::pair<uint32_t, size_t>> _counts;
+    size_t _indexed = 0;                          // entries of _counts in _index
+    std::unordered_map<uint32_t, size_t> _index;  // offset -> entry of _counts
+  };
+  SubkeyCounts _subkeyCounts;
   bool _ok = true;
 };
 

@@ -330,7 +330,12 @@ void RegistryHiveObj::buildRecordStarts(u32 hbinIdx) {
   starts.zeroAt = hbinSize;
   starts.dirtyFrom = starts.dirtyTo = 0;
   u64 pos = hive_hbin::SIZE;
+  // Each step waits for the size field the last one found: loads started
+  // ahead of the walk overlap its cache misses.
+  constexpr u32 AHEAD = 512;
+  for (u32 at = 64; at < AHEAD && at < hbinSize; at += 64) __builtin_prefetch(hbin + at);
   while (pos + 4 <= hbinSize) {
+    if (pos + AHEAD < hbinSize) __builtin_prefetch(hbin + pos + AHEAD);
     const s32 size = LS32(hbin + pos);
     if (pos % ALIGN == 0) {
       setBit(bits.words, pos / ALIGN);

@@ -124,6 +124,12 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
     if (const hive_record* record = residentRecord(offset)) return record;
     return loadRecordChecked(offset);
   }
+  // Asks the processor to start loading the record at `offset` (nothing
+  // is checked or read): a reader that knows which records it will ask
+  // for next lets their cache misses overlap.
+  void prefetchRecord(u32 offset) const {
+    if (_bins && offset / hive_hbin::PAGE < _pageHbin.size()) __builtin_prefetch(_bins + offset);
+  }
   // Also reports the hbin index; checks the record is free (expectUnused)
   // or used.
   const hive_record* cacheLoadRecord(u32 offset, u32* hbinIndex, bool expectUnused);

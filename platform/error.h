@@ -26,6 +26,20 @@ void note(std::string_view text);
 // The message kept since the last clear(); empty when none.
 const std::string& firstNote();
 // Code 0 and no message: call before an operation whose failure you report.
-void clear();
+// Inline: every call of the public API clears the error first.
+void clearNote();
+namespace detail {
+// In the static TLS block (initial-exec), reached without a call into the
+// dynamic linker. Five bytes fit the room every dynamic linker keeps for
+// libraries loaded later (dlopen).
+[[gnu::tls_model("initial-exec")]] extern thread_local u32 tlsError;
+[[gnu::tls_model("initial-exec")]] extern thread_local bool tlsHasNote;
+}  // namespace detail
+inline void clear() {
+  detail::tlsError = 0;
+  // The message is nearly never there; its string needs an initialisation
+  // check on each thread-local access, which the flag spares.
+  if (detail::tlsHasNote) clearNote();
+}
 
 }  // namespace Platform::Error

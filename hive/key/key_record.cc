@@ -314,21 +314,50 @@ bool loadSubkeyList(RegistryHiveObj& hive, const KeyRecord& key, SubkeyList& out
   return false;
 }
 
-bool loadValueList(RegistryHiveObj& hive, const KeyRecord& key, std::vector<u32>& out) {
-  out.clear();
-  if (key.numValues == 0) return true;
+bool viewSubkeyList(RegistryHiveObj& hive, const KeyRecord& key, SubkeyListView& out) {
+  out = SubkeyListView{};
+  if (key.keyList == 0) return key.numKeys == 0;
+  const hive_record* rec = hive.cacheLoadRecord(key.keyList);
+  if (!rec) return false;
+  // loadFlatList's judgement: the record's count is the key's, and its
+  // entries lie inside it.
+  const u16 signature = rec->signature();
+  if (signature != L::SIGNATURE_LF && signature != L::SIGNATURE_LH && signature != L::SIGNATURE_LI)
+    return false;
+  const u32 width = signature == L::SIGNATURE_LI ? 4 : 8;
+  const u32 count = rec->u16At(L::OFS_COUNT);
+  if (!rec->used() || count != key.numKeys || u64{count} * width + L::OFS_ITEMS > rec->length()) return false;
+  out.items = rec->bytes() + L::OFS_ITEMS;
+  out.stride = width;
+  out.count = count;
+  return true;
+}
+
+const hive_record* valueListRecord(RegistryHiveObj& hive, const KeyRecord& key, bool& failed) {
+  failed = false;
+  if (key.numValues == 0) return nullptr;
+  failed = true;
   const hive_record* rec = key.valueList ? hive.cacheLoadRecord(key.valueList) : nullptr;
   if (!rec) {
     HK_LOG(hiveLog, 4) << "Failed to get value list record, key:" << key.offset << ", list: " << key.valueList;
     Error::set(Errors::VALUE_LIST_TOO_SMALL);
-    return false;
+    return nullptr;
   }
   // The record bounds the count, and so what is allocated for it.
   if (static_cast<u64>(key.numValues) * 4 + 4 > rec->length()) {
     HK_LOG(hiveLog, 4) << "Value list record is too small, key:" << key.offset;
     Error::set(Errors::VALUE_LIST_TOO_SMALL);
-    return false;
+    return nullptr;
   }
+  failed = false;
+  return rec;
+}
+
+bool loadValueList(RegistryHiveObj& hive, const KeyRecord& key, std::vector<u32>& out) {
+  out.clear();
+  bool failed = false;
+  const hive_record* rec = valueListRecord(hive, key, failed);
+  if (!rec) return !failed;
   out.resize(key.numValues);
   for (u32 i = 0; i < key.numValues; ++i) out[i] = rec->u32At(4 + 4 * i);
   return true;

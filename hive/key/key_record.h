@@ -96,6 +96,22 @@ bool readKeyClass(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& o
 // logged when a record of the list is damaged or the entries found differ
 // from the key's count; `out` is then empty.
 bool loadSubkeyList(RegistryHiveObj& hive, const KeyRecord& key, SubkeyList& out);
+// A subkey list held in one lf, lh or li record, read in place: entry i's
+// nk offset is the little-endian u32 at items + i * stride.
+struct SubkeyListView {
+  const u8* items = nullptr;
+  u32 stride = 0;
+  u32 count = 0;
+};
+// The key's subkey list in place when it is one lf, lh or li record that
+// loadSubkeyList accepts (or the key has none). False, with nothing
+// logged, for any other list: loadSubkeyList then reads and judges it.
+bool viewSubkeyList(RegistryHiveObj& hive, const KeyRecord& key, SubkeyListView& out);
+// The key's value list record when it holds the key's count of entries
+// (from offset 4 on); null when the key has no values, and null with the
+// reason logged (VALUE_LIST_TOO_SMALL set) and `failed` true when it is
+// missing or too small.
+const hive_record* valueListRecord(RegistryHiveObj& hive, const KeyRecord& key, bool& failed);
 // The vk offsets of the key's value list, in list order. False with the
 // reason logged (VALUE_LIST_TOO_SMALL set) when the list record is missing
 // or too small for the key's count.

@@ -158,11 +158,11 @@ class HIVEKIT_EXPORT Subkeys {
   iterator end() noexcept {
     iterator it;
     it.owner_ = this;
-    it.index_ = static_cast<std::uint32_t>(offsets_.size());
+    it.index_ = count_;
     return it;
   }
   // Entries in the list (readable or not).
-  std::uint32_t size() const noexcept { return static_cast<std::uint32_t>(offsets_.size()); }
+  std::uint32_t size() const noexcept { return count_; }
   std::uint32_t skipped() const noexcept { return skipped_; }
   const Status& status() const noexcept { return status_; }
 
@@ -170,6 +170,12 @@ class HIVEKIT_EXPORT Subkeys {
   friend class detail::Access;
   void advance(iterator& it);
   detail::CoreRef core_;
+  // The entries: where the hive's records cannot change (a read-only hive)
+  // and the list is one record, read in place, `stride_` bytes apart;
+  // else a copy of their offsets.
+  const unsigned char* items_ = nullptr;
+  std::uint32_t stride_ = 0;
+  std::uint32_t count_ = 0;
   std::vector<std::uint32_t> offsets_;
   std::uint32_t skipped_ = 0;
   Status status_;

@@ -8,6 +8,7 @@
 // converts back to exactly the same UTF-16 when it is passed in again.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -85,14 +86,19 @@ enum class Codepage { ascii, latin1, windows1250, windows1252 };
 // Value data: bytes that stay valid as long as this object lives, whatever
 // happens to the hive or the handles afterwards. A Bytes either holds its
 // own copy or, where the hive's bytes are contiguous and cannot change (a
-// hive opened read-only), points into the hive and keeps it alive.
+// hive opened read-only), points into the hive and keeps it alive. Data of
+// up to SMALL bytes (a DWORD, a QWORD, a short name) is copied into the
+// object itself, which costs less than keeping the hive.
 class HIVEKIT_EXPORT Bytes {
  public:
+  static constexpr std::size_t SMALL = 16;
+
   Bytes() = default;
   explicit Bytes(std::vector<std::byte> bytes) : owned_(std::move(bytes)), view_(owned_) {}
-  Bytes(const Bytes& o) : owned_(o.owned_), view_(o.owns() ? std::span<const std::byte>(owned_) : o.view_), keep_(o.keep_) {}
-  Bytes(Bytes&& o) noexcept
-      : owned_(std::move(o.owned_)), view_(o.view_), keep_(std::move(o.keep_)) {
+  Bytes(const Bytes& o) : owned_(o.owned_), keep_(o.keep_) { view_ = o.viewFor(*this); }
+  Bytes(Bytes&& o) noexcept : owned_(std::move(o.owned_)), keep_(std::move(o.keep_)) {
+    // A moved vector keeps its buffer, so a view into it stays right.
+    view_ = o.viewFor(*this);
     o.view_ = {};
   }
   Bytes& operator=(Bytes o) noexcept {
@@ -100,10 +106,13 @@ class HIVEKIT_EXPORT Bytes {
     return *this;
   }
   void swap(Bytes& o) noexcept {
-    // A moved vector keeps its buffer, so views into it stay right.
+    const bool mine = inSmall(), theirs = o.inSmall();
     std::swap(owned_, o.owned_);
     std::swap(view_, o.view_);
     std::swap(keep_, o.keep_);
+    std::swap(small_, o.small_);
+    if (mine) o.view_ = std::span<const std::byte>(o.small_.data(), o.view_.size());
+    if (theirs) view_ = std::span<const std::byte>(small_.data(), view_.size());
   }
 
   std::span<const std::byte> span() const noexcept { return view_; }
@@ -118,11 +127,23 @@ class HIVEKIT_EXPORT Bytes {
 
  private:
   friend class detail::Access;
-  bool owns() const noexcept { return !keep_; }
+  bool inSmall() const noexcept { return !view_.empty() && view_.data() == small_.data(); }
+  // This object's view as `to` holds it, once `to` has its copy of (or has
+  // taken over) owned_ and keep_: into the hive, `to`'s own small copy, or
+  // its owned bytes.
+  std::span<const std::byte> viewFor(Bytes& to) const noexcept {
+    if (to.keep_) return view_;
+    if (inSmall()) {
+      to.small_ = small_;
+      return std::span<const std::byte>(to.small_.data(), view_.size());
+    }
+    return to.owned_;
+  }
 
   std::vector<std::byte> owned_;
-  std::span<const std::byte> view_;  // into owned_, or into the hive kept by keep_
+  std::span<const std::byte> view_;  // into owned_, small_, or the hive kept by keep_
   detail::CoreRef keep_;
+  std::array<std::byte, SMALL> small_{};
 };
 
 // Views of text as bytes and back, for callers holding char data.

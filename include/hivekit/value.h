@@ -127,11 +127,11 @@ class HIVEKIT_EXPORT Values {
   iterator end() noexcept {
     iterator it;
     it.owner_ = this;
-    it.index_ = static_cast<std::uint32_t>(offsets_.size());
+    it.index_ = count_;
     return it;
   }
   // Entries in the list (readable or not).
-  std::uint32_t size() const noexcept { return static_cast<std::uint32_t>(offsets_.size()); }
+  std::uint32_t size() const noexcept { return count_; }
   std::uint32_t skipped() const noexcept { return skipped_; }
   const Status& status() const noexcept { return status_; }
 
@@ -140,6 +140,10 @@ class HIVEKIT_EXPORT Values {
   void advance(iterator& it);
   detail::CoreRef core_;
   std::uint32_t key_ = 0;
+  std::uint32_t count_ = 0;
+  // The entries: in place in the list record where the hive's records
+  // cannot change (a read-only hive), else a copy of their offsets.
+  const unsigned char* items_ = nullptr;
   std::vector<std::uint32_t> offsets_;
   std::uint32_t skipped_ = 0;
   Status status_;

@@ -125,6 +125,41 @@ TEST(PublicApi, ReadsEveryFormAsStored) {
   EXPECT_EQ(odd->parent()->name(), "Software");
 }
 
+// Data handed out lives on its own: a few bytes are copied into the Bytes,
+// more keep the read-only hive's mapping alive. Copies, moves and swaps
+// keep either right after the hive is closed and gone.
+TEST(PublicApi, ValueDataOutlivesTheHive) {
+  HiveBuilder b(5);
+  const auto app = b.key(b.root(), u"App");
+  const std::vector<test::u8> number = {1, 2, 3, 4};
+  const std::vector<test::u8> text = utf16z(u"longer than the bytes kept in place");
+  b.value(app, u"Le", 4, number);
+  b.value(app, u"Text", 1, text);
+  TempDir dir;
+  const std::string file = dir.write("data", b.build());
+  Bytes small, large;
+  {
+    Result<Hive> hive = Hive::open(file);
+    ASSERT_TRUE(hive.ok()) << hive.status().to_string();
+    Result<Key> key = hive->key("App");
+    small = key->value("Le")->data().value();
+    large = key->value("Text")->data().value();
+    EXPECT_TRUE(hive->close().ok());
+  }
+  Bytes smallCopy = small, largeCopy(large);
+  Bytes moved = std::move(smallCopy);
+  moved.swap(largeCopy);  // moved holds the text, largeCopy the number
+  auto holds = [](const Bytes& got, const std::vector<test::u8>& want) {
+    return std::equal(got.begin(), got.end(), want.begin(), want.end(),
+                      [](std::byte x, test::u8 y) { return std::to_integer<test::u8>(x) == y; });
+  };
+  EXPECT_TRUE(holds(small, number));
+  EXPECT_TRUE(holds(largeCopy, number));
+  EXPECT_NE(largeCopy.data(), small.data());
+  EXPECT_TRUE(holds(large, text));
+  EXPECT_TRUE(holds(moved, text));
+}
+
 // Random changes through the API, checked against the model after each
 // step and, after every flush, against the file's bytes read without the
 // library (no leaked records, lists and counts sound).
