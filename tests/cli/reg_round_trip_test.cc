@@ -2,6 +2,10 @@
 // each shared test hive that an independent reader lists, typed and
 // binary-only, the listing of the new hive equals the original's apart
 // from last write times. Skipped without ../shared/testdata.
+//
+// Left out: hives whose damage no new hive can repeat (a key name holding
+// a line break, which registry text cannot carry; two subkeys of one name;
+// a subkey list out of order, where a new hive's lists are sorted).
 #include "tests/cli/cli_fixture.h"
 
 namespace hivekit::cli_test {
@@ -24,7 +28,11 @@ std::string withoutTimes(const std::string& listing) {
 std::vector<fs::path> sharedHives() {
   std::vector<fs::path> hives;
   if (!fs::is_directory(testdata() / "expected")) return hives;
-  for (const auto& [hive, listing] : listings(false)) hives.push_back(hive);
+  for (const auto& [hive, listing] : listings(false)) {
+    const std::string name = hive.filename().string();
+    if (name != "BogusKeyNamesHive" && name != "DuplicateSubkeysHive" && name != "WrongOrderHive")
+      hives.push_back(hive);
+  }
   return hives;
 }
 
