@@ -59,7 +59,8 @@ void RegTextWriter::value(std::string_view name, ValueType type, std::span<const
 
 void RegTextWriter::deleted_value(std::string_view name) {
   std::u16string line;
-  Libraries::Files::Hive::appendRegValueName(line, toUtf16(name), Libraries::Files::Hive::RegTextStyle::escaped);
+  Libraries::Files::Hive::appendRegValueName(line, toUtf16(name),
+                                             Libraries::Files::Hive::RegTextStyle::escaped);
   line += u"=-\r\n";
   put(line);
 }

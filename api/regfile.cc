@@ -147,9 +147,10 @@ Status importFrom(Hive& hive, const Ref<Interfaces::Stripe>& source, const Impor
   control.maxDataSize = Libraries::Files::Hive::maxValueDataSize(call.hive().versionMinor());
   bool applying = false;
   control.applying = &applying;
-  const bool ok = RegFileUtil::importRegFile(Ref<Interfaces::Config::Hive::RegistryHive>(&call.hive()), source,
-                                             Util::regPathFromWindowsStyle(String::create(options.prefix)),
-                                             reporter.function(), options.trace, control);
+  const bool ok =
+      RegFileUtil::importRegFile(Ref<Interfaces::Config::Hive::RegistryHive>(&call.hive()), source,
+                                 Util::regPathFromWindowsStyle(String::create(options.prefix)),
+                                 reporter.function(), options.trace, control);
   call.core().forgetObjects();
   if (ok) return Status();
   return Status(codeFor(Platform::Error::get(), Code::invalid_argument),

@@ -135,9 +135,10 @@ bool fitsHive(const RegistryHiveObj& hive, size_t size) {
 }
 
 Status dataTooLargeFor(const RegistryHiveObj& hive, size_t size) {
-  return Status(Code::too_large, "value data of " + std::to_string(size) + " bytes is more than a value of this hive " +
-                                     "(version 1." + std::to_string(hive.versionMinor()) + ") can hold, " +
-                                     std::to_string(Libraries::Files::Hive::maxValueDataSize(hive.versionMinor())) + " bytes");
+  return Status(Code::too_large,
+                "value data of " + std::to_string(size) + " bytes is more than a value of this hive " +
+                    "(version 1." + std::to_string(hive.versionMinor()) + ") can hold, " +
+                    std::to_string(Libraries::Files::Hive::maxValueDataSize(hive.versionMinor())) + " bytes");
 }
 
 }  // namespace

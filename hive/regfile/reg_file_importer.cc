@@ -244,7 +244,8 @@ bool RegFileImportHandler::setValue(const RegItem& item) {
     return false;
   }
   if (item.type != Binary && !value->setType(item.type)) {
-    report(item.line, u"Failed to set type of value: " + quoted(item.name) + u" of type: " + hexNumber(item.type));
+    report(item.line,
+           u"Failed to set type of value: " + quoted(item.name) + u" of type: " + hexNumber(item.type));
     return false;
   }
   return true;

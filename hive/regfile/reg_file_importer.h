@@ -45,8 +45,8 @@ class RegFileImportHandler {
   // `prefix` is in slash form. Diagnostics go to `errors` when given, else
   // to the "HiveRegImporter" channel. `trace` reports every created key.
   // Without `apply` the hive is never touched (it may be null).
-  RegFileImportHandler(Ref<RegistryHive> hive, const Ref<String>& prefix, RegFileDiagnostics errors, bool trace,
-                       bool apply);
+  RegFileImportHandler(Ref<RegistryHive> hive, const Ref<String>& prefix, RegFileDiagnostics errors,
+                       bool trace, bool apply);
 
   // False at an error, which has been reported.
   bool take(const RegItem& item);

@@ -118,7 +118,8 @@ bool RegFileReader::next(RegItem& item) {
       continue;
     }
     const u64 line = _lineNo;
-    if (c == u'[' && _versionSeen) return readSection(item) && !(_reader->failed() && fail(line, u"Failed to read the file"));
+    if (c == u'[' && _versionSeen)
+      return readSection(item) && !(_reader->failed() && fail(line, u"Failed to read the file"));
     if ((c == u'"' || c == u'@') && _versionSeen)
       return readEntry(item) && !(_reader->failed() && fail(line, u"Failed to read the file"));
     if (c == u'[') return fail(line, u"Invalid regfile, section before version string");
@@ -188,7 +189,8 @@ bool RegFileReader::readName(RegItem& item) {
     if (c == END) return fail(item.line, u"Invalid value name: \"", item.name);
     if (c == u'"') return true;
     if (c == u'\\' && (peek() == u'\\' || peek() == u'"')) c = get();
-    if (item.name.size() == MAX_VALUE_NAME) return fail(item.line, u"Value name longer than 16383 characters: ", item.name);
+    if (item.name.size() == MAX_VALUE_NAME)
+      return fail(item.line, u"Value name longer than 16383 characters: ", item.name);
     item.name += static_cast<char16_t>(c);
   }
 }
@@ -247,7 +249,8 @@ bool RegFileReader::readDword(RegItem& item) {
     get();
     number = number << 4 | static_cast<u32>(d);
   }
-  if (digits == 0 || digits > 8 || !onlyBlanksLeft()) return fail(item.line, u"Invalid dword value: ", item.name);
+  if (digits == 0 || digits > 8 || !onlyBlanksLeft())
+    return fail(item.line, u"Invalid dword value: ", item.name);
   item.type = 4;
   for (int shift = 0; shift < 32; shift += 8)
     if (!addByte(item, static_cast<u8>(number >> shift))) return false;

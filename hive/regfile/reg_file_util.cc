@@ -38,8 +38,8 @@ std::string utf8(const Ref<String>& s) {
 
 // One pass of an import over the whole text: the items one by one to
 // `handler`. False at the first error, reported through the handler.
-bool runPass(const Ref<Interfaces::Stripe>& source, u64 start, RegFileImportHandler& handler,
-             u64 maxDataSize, bool keepData) {
+bool runPass(const Ref<Interfaces::Stripe>& source, u64 start, RegFileImportHandler& handler, u64 maxDataSize,
+             bool keepData) {
   source->seek(start);
   RegFileReader reader(source, maxDataSize, keepData);
   RegItem item;
@@ -102,7 +102,8 @@ bool RegFileUtil::importRegFile(const Ref<RegistryHive>& hive, const Ref<Interfa
     Platform::Error::set(Errors::NULL_ARGUMENT);
     return fail(errors, "No hive to import into", "No hive to import into");
   }
-  if (!source || source->elementSize() != 1) return fail(errors, "Failed to create reader", "Failed to create reader");
+  if (!source || source->elementSize() != 1)
+    return fail(errors, "Failed to create reader", "Failed to create reader");
   // Two passes over the text: the first checks all of it and holds no
   // value data, so that the hive changes only for a file that is right
   // throughout and memory stays bounded whatever the length of its lines.

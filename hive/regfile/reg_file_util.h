@@ -36,8 +36,8 @@
 #include <functional>
 #include <string>
 
-#include "hive/value/value_limits.h"
 #include "hive/interfaces.h"
+#include "hive/value/value_limits.h"
 #include "platform/log.h"
 
 namespace Libraries::Files::Hive {

@@ -386,7 +386,8 @@ TEST_F(CliTest, ExportHeadingsAndImportRoundTrip) {
   // An error late in the file: the hive stays byte for byte as it was, the
   // message names the line; --dry-run checks and changes nothing.
   before = readFile(copy);
-  const std::string late = "Windows Registry Editor Version 5.00\n\n[ROOT\\Bad]\n\"t\"=dword:1\n\"u\"=dword:xyz\n";
+  const std::string late =
+      "Windows Registry Editor Version 5.00\n\n[ROOT\\Bad]\n\"t\"=dword:1\n\"u\"=dword:xyz\n";
   r = hivekit({"import", copy, "-"}, late);
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.err.find("line 5: Invalid dword value: u"), std::string::npos) << r.err;
@@ -400,7 +401,9 @@ TEST_F(CliTest, ExportHeadingsAndImportRoundTrip) {
   const std::string fresh = path("fresh.reg").string();
   ASSERT_EQ(hivekit({"set", h, "Top", "a\\b", "sz", "c:\\d"}).status, 0);
   ASSERT_EQ(hivekit({"export", h, "Top", "--append", "-o", fresh}).status, 0);
-  EXPECT_EQ(readFile(fresh).rfind("\xFF\xFE" + utf16("Windows Registry Editor Version 5.00\r\n\r\n[ROOT\\Top]"), 0), 0u);
+  EXPECT_EQ(
+      readFile(fresh).rfind("\xFF\xFE" + utf16("Windows Registry Editor Version 5.00\r\n\r\n[ROOT\\Top]"), 0),
+      0u);
   EXPECT_NE(readFile(fresh).find(utf16("\"a\\\\b\"=\"c:\\\\d\"")), std::string::npos);
   EXPECT_NE(hivekit({"export", h, "Top", "--raw"}).out.find(utf16("\"a\\b\"=\"c:\\d\"")), std::string::npos);
   // Data beyond what a value of this 1.3 hive holds is refused before

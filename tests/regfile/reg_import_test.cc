@@ -43,10 +43,12 @@ TEST(RegImport, RefusesMalformedFilesAndChangesNothing) {
       {"[ROOT\\A]\r\n\"v\"=\"abc\r\n\"\r\n", "line 6: Invalid string value, no closing quote: v"},
       {"[ROOT\\A]\r\n\"v\"=sz:abc\r\n", "line 6: Invalid value: v"},
       {"[ROOT\\A]\r\n\"v\"=\r\n", "line 6: Found empty value in regfile, name = v"},
-      {"[ROOT\\A]\r\n\"v\"=hex:01,02,03,04,05,06,07,08,09\r\n", "line 6: Value data larger than the hive allows (8 bytes): v"},
+      {"[ROOT\\A]\r\n\"v\"=hex:01,02,03,04,05,06,07,08,09\r\n",
+       "line 6: Value data larger than the hive allows (8 bytes): v"},
       {"[-ROOT]\r\n", "line 5: Failed to delete key: "},
       {"[ROOT\\A]\r\n" + huge + "\r\n", "line 6: Invalid line: " + huge.substr(0, 200) + "...\n"},
-      {"[ROOT\\" + huge + "]\r\n", "line 5: Key name longer than 255 characters: " + huge.substr(0, 200) + "...\n"},
+      {"[ROOT\\" + huge + "]\r\n",
+       "line 5: Key name longer than 255 characters: " + huge.substr(0, 200) + "...\n"},
       {"[ROOT\\A]\r\nv=1\r\n", "line 6: Invalid line: v=1"},
   };
   for (const Case& c : cases) {
@@ -131,21 +133,22 @@ TEST(RegImport, AppliesEveryDataFormAndDeletion) {
 TEST(RegImport, ReadsRegeditFiles) {
   Ref<Hive::HiveFile> hive = newHive();
   ASSERT_TRUE(hive);
-  const std::string file = HEADER +
-                           "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test]\r\n"
-                           "@=\"default\"\r\n"
-                           "\"Path\"=\"C:\\\\Windows\\\\System32\"\r\n"  // C:\Windows\System32
-                           "\"Quote\"=\"say \\\"hi\\\"\"\r\n"            // say "hi"
-                           "\"\\\\\\\\vm\\\\share\\\"=\"=\"\\\\\"\r\n"   // name \\vm\share"= , text \ (backslash)
-                           "\"Multi\"=hex(7):61,00,00,00,62,00,00,\\\r\n"
-                           "  00,00,00\r\n"
-                           "\"Gone\"=dword:00000001\r\n"
-                           "\"Gone\"=-\r\n"
-                           "  ; a comment\r\n"
-                           "\r\n"
-                           "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test\\Sub\\Deep]\r\n"
-                           "[-HKEY_LOCAL_MACHINE\\SOFTWARE\\Test\\Sub]\r\n"
-                           "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test\\Kept]\r\n";
+  const std::string file =
+      HEADER +
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test]\r\n"
+      "@=\"default\"\r\n"
+      "\"Path\"=\"C:\\\\Windows\\\\System32\"\r\n"  // C:\Windows\System32
+      "\"Quote\"=\"say \\\"hi\\\"\"\r\n"            // say "hi"
+      "\"\\\\\\\\vm\\\\share\\\"=\"=\"\\\\\"\r\n"   // name \\vm\share"= , text \ (backslash)
+      "\"Multi\"=hex(7):61,00,00,00,62,00,00,\\\r\n"
+      "  00,00,00\r\n"
+      "\"Gone\"=dword:00000001\r\n"
+      "\"Gone\"=-\r\n"
+      "  ; a comment\r\n"
+      "\r\n"
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test\\Sub\\Deep]\r\n"
+      "[-HKEY_LOCAL_MACHINE\\SOFTWARE\\Test\\Sub]\r\n"
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test\\Kept]\r\n";
   Diagnostics d;
   ASSERT_TRUE(importText(hive, utf16(file), "hkey_local_machine/software", &d)) << d.all();
   Ref<Key> k = Util::openPath(hive->root(), str("Test"));
@@ -164,7 +167,8 @@ TEST(RegImport, ReadsRegeditFiles) {
   EXPECT_TRUE(k->key(str("Kept")));
 
   std::vector<u8> ansi;
-  for (char c : std::string("REGEDIT4\r\n\r\n[ROOT\\Alt]\r\n\"N\xE4me\"=\"\x80\"\r\n")) ansi.push_back(static_cast<u8>(c));
+  for (char c : std::string("REGEDIT4\r\n\r\n[ROOT\\Alt]\r\n\"N\xE4me\"=\"\x80\"\r\n"))
+    ansi.push_back(static_cast<u8>(c));
   ASSERT_TRUE(importText(hive, ansi, "ROOT", &d)) << d.all();
   Ref<Value> v = Util::openPath(hive->root(), str("Alt"))->value(str("N\xC3\xA4me"));
   ASSERT_TRUE(v);
@@ -209,10 +213,11 @@ TEST(RegImport, RoundTripGivesTheSameText) {
   ASSERT_TRUE(source);
   const std::vector<u8> first = exportKey(source->root(), "ROOT");
   const std::string firstText = text(first);
-  for (const char* line : {"\"\\\\\\\\vmware-host\\\\Shared Folders\\\\\"=\"\\\\\\\\fileserver\"\r\n",
-                           "\"\\\"=\"=\"say \\\\\\\"x\\\\\\\"\"\r\n", "\"crlf\"=hex(1):6f,00,6e,00,65,00,0d,00,0a,00,",
-                           "\"two terminators\"=hex(1):61,00,00,00,00,00\r\n", "\"lone surrogate\"=hex(1):",
-                           "\"pair\"=\"x\xF0\x9F\x98\x80y\"\r\n"})
+  for (const char* line :
+       {"\"\\\\\\\\vmware-host\\\\Shared Folders\\\\\"=\"\\\\\\\\fileserver\"\r\n",
+        "\"\\\"=\"=\"say \\\\\\\"x\\\\\\\"\"\r\n", "\"crlf\"=hex(1):6f,00,6e,00,65,00,0d,00,0a,00,",
+        "\"two terminators\"=hex(1):61,00,00,00,00,00\r\n",
+        "\"lone surrogate\"=hex(1):", "\"pair\"=\"x\xF0\x9F\x98\x80y\"\r\n"})
     EXPECT_NE(firstText.find(line), std::string::npos) << line;
 
   Ref<Hive::HiveFile> target = newHive();
