@@ -58,13 +58,11 @@ void RegTextWriter::value(std::string_view name, ValueType type, std::span<const
 }
 
 void RegTextWriter::deleted_value(std::string_view name) {
-  if (name.empty()) {
-    put(u"@=-\r\n");
-    return;
-  }
-  put(u"\"");
-  put(toUtf16(name));
-  put(u"\"=-\r\n");
+  std::u16string line;
+  Libraries::Files::Hive::appendRegValueName(line, toUtf16(name),
+                                             Libraries::Files::Hive::RegTextStyle::escaped);
+  line += u"=-\r\n";
+  put(line);
 }
 
 void RegTextWriter::finish() {

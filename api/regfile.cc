@@ -77,7 +77,8 @@ Status exportTo(const Key& key, const Ref<Interfaces::Stripe>& target, const Exp
   }
   Ref<EngineKey> exported = isRoot ? Ref<EngineKey>(obj) : Ref<EngineKey>(Platform::makeRef<UnnamedKey>(obj));
   Reporter reporter{options.diagnostics, {}};
-  u32 flags = (append ? RegFileUtil::Append : 0) | (options.binary_only ? RegFileUtil::BinaryOnly : 0);
+  u32 flags = (append ? RegFileUtil::Append : 0) | (options.binary_only ? RegFileUtil::BinaryOnly : 0) |
+              (options.raw ? RegFileUtil::Raw : 0);
   Platform::Error::clear();
   if (!RegFileUtil::exportRegFile(exported, target, Util::regPathFromWindowsStyle(String::create(heading)), flags,
                                   reporter.function())) {
@@ -141,14 +142,20 @@ Status importFrom(Hive& hive, const Ref<Interfaces::Stripe>& source, const Impor
   Reporter reporter{options.diagnostics, {}};
   call.core().forgetObjects();
   Platform::Error::clear();
-  const bool ok = RegFileUtil::importRegFile(Ref<Interfaces::Config::Hive::RegistryHive>(&call.hive()), source,
-                                             Util::regPathFromWindowsStyle(String::create(options.prefix)),
-                                             reporter.function(), options.trace);
+  RegFileUtil::ImportControl control;
+  control.dryRun = options.dry_run;
+  control.maxDataSize = Libraries::Files::Hive::maxValueDataSize(call.hive().versionMinor());
+  bool applying = false;
+  control.applying = &applying;
+  const bool ok =
+      RegFileUtil::importRegFile(Ref<Interfaces::Config::Hive::RegistryHive>(&call.hive()), source,
+                                 Util::regPathFromWindowsStyle(String::create(options.prefix)),
+                                 reporter.function(), options.trace, control);
   call.core().forgetObjects();
   if (ok) return Status();
   return Status(codeFor(Platform::Error::get(), Code::invalid_argument),
                 "import of " + what + " failed" + (reporter.first.empty() ? "" : ": " + reporter.first) +
-                    "; what came before the failure was applied");
+                    (applying ? "; what came before the failure was applied" : "; the hive was not changed"));
 }
 
 }  // namespace

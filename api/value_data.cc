@@ -1,6 +1,7 @@
 #include "api/value_data.h"
 
 #include "hive/errors.h"
+#include "hive/value/value_limits.h"
 #include "hive/value/value_record.h"
 #include "platform/string.h"
 
@@ -127,10 +128,24 @@ Status dataTooLarge(size_t size) {
   return Status(Code::too_large, "value data of " + std::to_string(size) + " bytes is more than a value can hold");
 }
 
+// The format's limit for the hive's version, checked before anything
+// changes (the engine would refuse later, with the value half made).
+bool fitsHive(const RegistryHiveObj& hive, size_t size) {
+  return size <= Libraries::Files::Hive::maxValueDataSize(hive.versionMinor());
+}
+
+Status dataTooLargeFor(const RegistryHiveObj& hive, size_t size) {
+  return Status(Code::too_large,
+                "value data of " + std::to_string(size) + " bytes is more than a value of this hive " +
+                    "(version 1." + std::to_string(hive.versionMinor()) + ") can hold, " +
+                    std::to_string(Libraries::Files::Hive::maxValueDataSize(hive.versionMinor())) + " bytes");
+}
+
 }  // namespace
 
 Status replaceValueData(ValueObj& value, u32 type, std::span<const std::byte> data) {
   if (data.size() > 0x7ffffff0u) return dataTooLarge(data.size());
+  if (!fitsHive(*value.hive(), data.size())) return dataTooLargeFor(*value.hive(), data.size());
   const u32 oldType = value.type();
   std::vector<std::byte> old(value.size());
   if (!old.empty() && value.read(old.data(), 0, static_cast<u32>(old.size())) != old.size())
@@ -149,6 +164,7 @@ Status setValueData(KeyObj& key, std::string_view name, u32 type, std::span<cons
   if (engineName->length() > ValueObj::MAX_VALUE_NAME_LENGTH)
     return Status(Code::too_large, "value name longer than 16383 characters: " + quoted(name));
   if (data.size() > 0x7ffffff0u) return dataTooLarge(data.size());
+  if (!fitsHive(*key.hive(), data.size())) return dataTooLargeFor(*key.hive(), data.size());
   Platform::Error::clear();
   value = key.value(engineName).cast<ValueObj>();
   if (value) return replaceValueData(*value, type, data);

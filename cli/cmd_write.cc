@@ -53,7 +53,7 @@ int runMkkey(Context& ctx) {
   Hive hive;
   if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
   if (Result<Key> key = hive.root().create_key(libraryPath(ctx.operand(1))); !key)
-    return fail("cannot create key " + ctx.operand(1), key.status());
+    return fail("cannot create key " + quoteInput(ctx.operand(1)), key.status());
   return closeHive(hive);
 }
 
@@ -158,7 +158,7 @@ int runSet(Context& ctx) {
   ValueType type;
   Form form;
   if (!parseType(ctx.operand(3), type, form))
-    return usageError(ctx.command, "unknown type '" + ctx.operand(3) + "'");
+    return usageError(ctx.command, "unknown type " + quoteInput(ctx.operand(3)));
   const bool fromStdin = ctx.args.has("--stdin"), fromFile = ctx.args.has("--from-file");
   std::vector<std::string> data(ctx.args.operands.begin() + 4, ctx.args.operands.end());
   std::vector<std::byte> bytes;
@@ -171,7 +171,7 @@ int runSet(Context& ctx) {
     const bool read = fd >= 0 && readAll(fd, content);
     const int error = errno;
     if (fd >= 0) ::close(fd);
-    if (!read) return fail("cannot read '" + file + "': " + std::strerror(error));
+    if (!read) return fail("cannot read " + quoteInput(file) + ": " + std::strerror(error));
     const auto* begin = reinterpret_cast<const std::byte*>(content.data());
     bytes.assign(begin, begin + content.size());
     form = Form::Bytes;
@@ -202,7 +202,7 @@ int runSet(Context& ctx) {
     case Form::Number32:
     case Form::Number64:
       if (!parseUnsigned(data[0], form == Form::Number64 ? ~0ull : 0xffffffffull, number))
-        return usageError(ctx.command, "'" + data[0] + "' is not a number that fits the type");
+        return usageError(ctx.command, quoteInput(data[0]) + " is not a number that fits the type");
       break;
     case Form::Bytes:
       if (!fromFile && !parseHexBytes(data[0], bytes))
@@ -231,7 +231,7 @@ int runSet(Context& ctx) {
     return key.set_value(name, type, bytes);
   };
   const Result<Value> done = set();
-  if (!done) return fail("cannot set value '" + name + "'", done.status());
+  if (!done) return fail("cannot set value " + quoteInput(name), done.status());
   return closeHive(hive);
 }
 
@@ -267,7 +267,7 @@ int runMv(Context& ctx) {
   if (!findKey(hive, ctx.operand(1), key) || !findKey(hive, ctx.operand(2), newParent)) return EXIT_FAILED;
   const std::string newName = ctx.operandCount() > 3 ? ctx.operand(3) : key.name();
   if (const Status status = key.move_to(newParent, newName); !status)
-    return fail("cannot move key " + ctx.operand(1), status);
+    return fail("cannot move key " + quoteInput(ctx.operand(1)), status);
   return closeHive(hive);
 }
 
@@ -278,6 +278,7 @@ int runImport(Context& ctx) {
   ImportOptions options;
   options.prefix = ctx.args.value("--prefix", "ROOT");
   options.trace = ctx.common.verbose;
+  options.dry_run = ctx.args.has("--dry-run");
   options.diagnostics = [](std::string_view line) {
     std::fprintf(stderr, "hivekit: import: %.*s\n", static_cast<int>(line.size()), line.data());
   };
@@ -288,7 +289,8 @@ int runImport(Context& ctx) {
     ProgressThread progress("import", nullptr);
     imported = import_reg(hive, file, options);
   }
-  // What was imported before a failure stays: the hive is written either way.
+  // An error of the file leaves the hive as it was; a failure of the hive
+  // while applying keeps what came before it: the hive is closed either way.
   const int closed = closeHive(hive);
   return imported ? closed : fail(imported);
 }
@@ -381,16 +383,21 @@ const Command MV_COMMAND = {
 
 const Command IMPORT_COMMAND = {
     "import",
-    "import [options] HIVE REGFILE [--prefix PREFIX]",
+    "import [options] HIVE REGFILE [--prefix PREFIX] [--dry-run]",
     "apply a registry text file (.reg) to a hive",
     "Applies REGFILE (\"-\" for standard input): UTF-16LE with a byte order mark as\n"
-    "regedit writes it, or UTF-8; CR LF or LF line ends. [PATH] sections create\n"
-    "keys, [-PATH] deletes a key with everything below it, \"name\"=- deletes a value.\n"
+    "regedit writes it, UTF-8, or 8-bit after a REGEDIT4 line; CR LF or LF line\n"
+    "ends; regedit's escapes (\\\\ and \\\") in names and strings. [PATH] sections\n"
+    "create keys, [-PATH] deletes a key with everything below it, \"name\"=- deletes\n"
+    "a value.\n"
     "  --prefix PREFIX  the path every section must start with, standing for the\n"
     "                   root key; written with backslashes. The default ROOT matches\n"
     "                   what 'hivekit export' writes without --as.\n"
-    "The import stops at the first error; what was applied before it stays.\n",
-    {{"--prefix", true, false}},
+    "  --dry-run        read and check the whole file; change nothing\n"
+    "The whole file is checked before the hive changes: an error in it (a malformed\n"
+    "or unknown line, value data larger than the hive's version allows, ...) is\n"
+    "reported with its line and leaves the hive as it was.\n",
+    {{"--prefix", true, false}, {"--dry-run", false, false}},
     2,
     2,
     true,

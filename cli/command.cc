@@ -27,6 +27,17 @@ bool writeAll(int fd, const char* p, size_t length) {
 
 }  // namespace
 
+std::string quoteInput(std::string_view text) {
+  constexpr size_t LIMIT = 200;
+  // Count characters, not bytes: cut before the 201st lead byte.
+  size_t characters = 0, cut = 0;
+  while (cut < text.size()) {
+    if ((static_cast<unsigned char>(text[cut]) & 0xC0) != 0x80 && characters++ == LIMIT) break;
+    ++cut;
+  }
+  return "'" + std::string(text.substr(0, cut)) + (cut < text.size() ? "...'" : "'");
+}
+
 int fail(const std::string& message) {
   std::fflush(stdout);
   eraseProgress();

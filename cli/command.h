@@ -54,6 +54,10 @@ int fail(const std::string& what, const Status& status);
 int usageError(const Command* command, const std::string& message);
 // A warning on standard error that does not change the exit status.
 void warn(const std::string& message);
+// Text from the command line or a file for a message: in single quotes,
+// cut to 200 characters followed by "..." (a message never repeats
+// megabytes of input).
+std::string quoteInput(std::string_view text);
 
 // Standard output, buffered in large pieces. Text is appended to `text`
 // and written out whenever it passes the threshold.

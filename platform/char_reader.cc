@@ -19,6 +19,12 @@ void appendCodePoint(std::u16string& out, char32_t cp) {
     out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
   }
 }
+// Windows-1252 at 0x80-0x9F (the rest is Latin-1); the five unassigned
+// bytes map to the C1 controls of the same number, as Windows does.
+constexpr char16_t WINDOWS_1252_HIGH[32] = {0x20AC, 0x0081, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021,
+                                            0x02C6, 0x2030, 0x0160, 0x2039, 0x0152, 0x008D, 0x017D, 0x008F,
+                                            0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014,
+                                            0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
 }  // namespace
 
 // The buffer holds a chunk, or the whole text when that is shorter (but
@@ -52,6 +58,21 @@ Ref<CharReader> CharReader::create(Ref<Interfaces::Stripe> source) {
   return r;
 }
 
+Ref<CharReader> CharReader::create(Ref<Interfaces::Stripe> source, Encoding encoding) {
+  if (!source || source->elementSize() != 1) return nullptr;
+  u64 start = source->pos();
+  Ref<CharReader> r = makeRef<CharReader>(std::move(source), start);
+  while (r->_rawEnd < 3 && r->readRaw() > 0) {
+  }
+  const u8* b = r->_raw.data();
+  const size_t n = r->_rawEnd;
+  r->_encoding = encoding;
+  if (encoding == Encoding::Utf16LE && n >= 2 && b[0] == 0xFF && b[1] == 0xFE) r->_rawBegin = 2;
+  if (encoding == Encoding::Utf8 && n >= 3 && b[0] == 0xEF && b[1] == 0xBB && b[2] == 0xBF) r->_rawBegin = 3;
+  r->decode();
+  return r;
+}
+
 u64 CharReader::readRaw() {
   size_t rest = _rawEnd - _rawBegin;
   if (_rawBegin > 0) {
@@ -75,6 +96,10 @@ u64 CharReader::readRaw() {
 void CharReader::decode() {
   if (_encoding == Encoding::Utf8) {
     decodeUtf8();
+    return;
+  }
+  if (_encoding == Encoding::Windows1252) {
+    decodeWindows1252();
     return;
   }
   const u8* b = _raw.data();
@@ -144,6 +169,14 @@ void CharReader::decodeUtf8() {
   _rawBegin = i;
 }
 
+void CharReader::decodeWindows1252() {
+  const u8* b = _raw.data();
+  _units.reserve(_units.size() + (_rawEnd - _rawBegin));
+  for (size_t i = _rawBegin; i < _rawEnd; ++i)
+    _units.push_back(b[i] >= 0x80 && b[i] < 0xA0 ? WINDOWS_1252_HIGH[b[i] - 0x80] : b[i]);
+  _rawBegin = _rawEnd;
+}
+
 bool CharReader::fill() {
   if (_failed || (_eof && _rawBegin == _rawEnd)) return false;
   _units.clear();
@@ -180,6 +213,43 @@ bool CharReader::readLine(std::u16string& line) {
       ++_next;
       return true;
     }
+  }
+}
+
+bool CharReader::readPiece(std::u16string& piece, size_t maxUnits, bool& ended) {
+  piece.clear();
+  ended = false;
+  if (maxUnits == 0) maxUnits = 1;
+  for (;;) {
+    if (_next == _units.size()) {
+      if (fill()) continue;
+      if (_failed || !_inLine) return false;
+      _inLine = false;  // the input ends the line
+      ended = true;
+      return true;
+    }
+    if (_pendingCr) {
+      _pendingCr = false;
+      if (_units[_next] == u'\n') {
+        ++_next;
+        continue;
+      }
+    }
+    const char16_t* p = _units.data() + _next;
+    const size_t n = std::min(_units.size() - _next, maxUnits - piece.size());
+    size_t i = 0;
+    while (i < n && p[i] != u'\r' && p[i] != u'\n') ++i;
+    piece.append(p, i);
+    _next += i;
+    _inLine = true;
+    if (i < n) {
+      _pendingCr = p[i] == u'\r';
+      ++_next;
+      _inLine = false;
+      ended = true;
+      return true;
+    }
+    if (piece.size() == maxUnits) return true;
   }
 }
 

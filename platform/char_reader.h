@@ -4,7 +4,8 @@
 // little-endian and EF BB BF marks UTF-8 (the mark itself is not part of
 // the text); without a mark, a zero second byte after a non-zero first
 // byte means UTF-16 little-endian (ASCII text in that encoding), anything
-// else UTF-8.
+// else UTF-8. A caller that knows better may name the encoding instead
+// (for 8-bit text, Windows-1252, which no mark can announce).
 //
 // The stripe is read in chunks of fixed size and decoded as it goes, so
 // files far larger than memory can be read; only the current line is held
@@ -22,11 +23,14 @@ namespace Platform {
 
 class CharReader : public Object {
  public:
-  enum class Encoding { Utf8 = 1, Utf16LE = 2 };
+  enum class Encoding { Utf8 = 1, Utf16LE = 2, Windows1252 = 3 };
 
   // Null when `source` is null or its elements are not bytes. A read
   // failure while detecting the encoding shows later as failed().
   static Ref<CharReader> create(Ref<Interfaces::Stripe> source);
+  // Reads in `encoding` from the stripe's position; a byte order mark of
+  // that encoding at the start is skipped.
+  static Ref<CharReader> create(Ref<Interfaces::Stripe> source, Encoding encoding);
 
   // Replaces `line` with the next line, without its terminator (CR LF, LF
   // or a lone CR). Returns false at the end of the input or on a read
@@ -35,6 +39,12 @@ class CharReader : public Object {
   // piece; in UTF-16 a lone surrogate is kept and an odd byte at the end
   // becomes U+FFFD.
   bool readLine(std::u16string& line);
+  // Reads the current line in pieces, so that no line is ever held whole:
+  // replaces `piece` with at most `maxUnits` (at least 1) units of it.
+  // `ended` tells whether the line ended after them (its terminator, or the
+  // end of the input, consumed); if not, the next call goes on with the
+  // same line. Returns false when no line is left or on a read failure.
+  bool readPiece(std::u16string& piece, size_t maxUnits, bool& ended);
 
   Encoding encoding() const { return _encoding; }
   // True once a read of the stripe came back empty before its end.
@@ -52,6 +62,7 @@ class CharReader : public Object {
   // sequence for the next chunk unless the input has ended.
   void decode();
   void decodeUtf8();
+  void decodeWindows1252();
   // Refills _units once they are all consumed; false when nothing more can
   // come.
   bool fill();
@@ -67,6 +78,7 @@ class CharReader : public Object {
   bool _eof = false;
   bool _failed = false;
   bool _pendingCr = false;  // the last line ended in CR; an LF right after belongs to it
+  bool _inLine = false;     // readPiece stopped inside a line
 };
 
 }  // namespace Platform

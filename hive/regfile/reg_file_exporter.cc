@@ -21,8 +21,8 @@ constexpr const char* BUDGET_MESSAGE =
 }  // namespace
 
 RegFileExporter::RegFileExporter(Ref<Platform::TextWriter> output, RegFileDiagnostics diagnostics,
-                                 bool /*reserved*/, bool binaryOnly)
-    : _out(std::move(output)), _diagnostics(std::move(diagnostics)), _binaryOnly(binaryOnly) {}
+                                 bool /*reserved*/, bool binaryOnly, RegTextStyle style)
+    : _out(std::move(output)), _diagnostics(std::move(diagnostics)), _binaryOnly(binaryOnly), _style(style) {}
 
 bool RegFileExporter::recursiveExport(const Ref<Key>& key, const Ref<String>& parentPath) {
   _path = parentPath ? parentPath->units() : std::u16string();
@@ -111,7 +111,7 @@ bool RegFileExporter::exportValue(const Ref<Value>& value) {
   const RegValueForm form = writeRegValue(
       name->units(), value->type(), bin->elementCount(),
       [&](u64 offset, u8* out, u64 count) { return bin->readAt(offset, out, count); }, _binaryOnly,
-      [&](std::u16string_view text) { _out->print(text); }, &bytesRead);
+      [&](std::u16string_view text) { _out->print(text); }, &bytesRead, _style);
   _budget.charge(0, bytesRead);
   switch (form) {
     case RegValueForm::stringFallback:

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "hive/regfile/reg_file_util.h"
+#include "hive/regfile/reg_value_text.h"
 #include "hive/util/util.h"
 #include "platform/text_writer.h"
 
@@ -21,7 +22,7 @@ class RegFileExporter {
   // `output` must be non-null. Diagnostics go to `diagnostics` when given,
   // else to the "HiveRegExporter" log channel. `reserved` has no effect.
   RegFileExporter(Ref<Platform::TextWriter> output, RegFileDiagnostics diagnostics, bool reserved,
-                  bool binaryOnly);
+                  bool binaryOnly, RegTextStyle style = RegTextStyle::escaped);
 
   // Writes the block of `key` (its key line reads "[" parentPath name "]")
   // and then, in iterator order, the blocks of its subkeys, depth first.
@@ -52,6 +53,7 @@ class RegFileExporter {
   Ref<Platform::TextWriter> _out;
   RegFileDiagnostics _diagnostics;
   bool _binaryOnly;
+  RegTextStyle _style;
 
   // While a key's block is written: its full path. Each level appends
   // "name" (and "\" while its subkeys are written) and restores it after.

@@ -1,27 +1,25 @@
-// RegFileImportHandler: applies the lines of a registry text file, as the
-// INI parser delivers them, to a hive.
+// RegFileImportHandler: applies the items of a registry text file, as
+// RegFileReader delivers them, to a hive; or, in its checking form, checks
+// them exactly as far as the text alone allows, changing nothing.
 //
-// What each kind of line does:
-//   - the header "Windows Registry Editor Version 5.00" must come before the
-//     first section; other lines outside sections are reported and skipped;
+// An import runs the file twice: a checking handler over the whole file
+// first, so that an error of the text (syntax, prefix, path, names, data
+// beyond the hive's limits) is found before the hive changes, and only then
+// an applying one.
+//
+// What each item does:
 //   - "[PATH]": PATH must begin with the prefix (case ignored, ending at a
 //     name boundary); the rest, without one leading "\", names a key below
 //     the root ("" is the root), which is opened, missing levels created,
-//     and becomes the current key;
-//     a key more than Util::MAX_TREE_DEPTH levels deep (the root is level
-//     1) is refused, since it could be neither exported nor deleted;
+//     and becomes the current key. Empty path parts, names longer than 255
+//     characters and keys more than Util::MAX_TREE_DEPTH levels deep (the
+//     root is level 1) are refused;
 //   - "[-PATH]": deletes that key with everything below it; a missing key
-//     is fine; there is no current key afterwards;
-//   - "name"=data or @=data sets a value of the current key, replacing a
-//     value of that name whatever its type:
-//       "text"        string; when every backslash in the text starts "\\" or
-//                     "\"", those escapes are undone, else it is taken as is
-//       dword:h       1 to 8 hex digits, either case
-//       hex:b,b       binary; hex(t):b,b a value of type t (hex); the byte
-//                     list may be empty and have blanks around the commas
-//       -             deletes the value (fine when absent)
-// Any other form, and any failure of the hive, is reported and stops the
-// import (the callback returns false).
+//     is fine; the root cannot be deleted; there is no current key after;
+//   - a value entry sets a value of the current key, replacing a value of
+//     that name whatever its type; "name"=- deletes it (fine when absent).
+// Every error is reported once, as "line N: " and the message, and stops
+// the import (the call returns false).
 //
 // Speed: the handler keeps the current key open between entries and the key
 // chain of the last section, so a section that shares a leading part of its
@@ -31,11 +29,10 @@
 #include <string>
 #include <string_view>
 #include <unordered_set>
-#include <utility>
 #include <vector>
 
+#include "hive/regfile/reg_file_reader.h"
 #include "hive/regfile/reg_file_util.h"
-#include "platform/ini_parser.h"
 
 namespace Libraries::Files::Hive {
 
@@ -43,52 +40,40 @@ using Interfaces::Config::Hive::Value;
 
 extern const Platform::Log::Channel regImporterLog;  // "HiveRegImporter"
 
-class RegFileImportHandler : public Platform::IniParserInterface {
+class RegFileImportHandler {
  public:
   // `prefix` is in slash form. Diagnostics go to `errors` when given, else
   // to the "HiveRegImporter" channel. `trace` reports every created key.
+  // Without `apply` the hive is never touched (it may be null).
   RegFileImportHandler(Ref<RegistryHive> hive, const Ref<String>& prefix, RegFileDiagnostics errors,
-                       bool trace);
+                       bool trace, bool apply);
 
-  bool section(const std::u16string& text) override;
-  bool entry(const std::u16string& name, bool quoted, const std::u16string& data) override;
-  bool other(const std::u16string& line) override;
-  // Whether quoted strings of the file carry regedit's escapes (see
-  // stringsEscaped); true unless told otherwise.
-  void setEscapedStrings(bool escaped) { _escapedStrings = escaped; }
-  // Reads a whole file and tells whether its strings are escaped.
-  static bool stringsEscaped(Platform::CharReader& reader);
+  // False at an error, which has been reported.
+  bool take(const RegItem& item);
 
-  // The key of the latest creating section; null before the first section
-  // and after a deleting one.
-  const Ref<Key>& current() const { return _current; }
+  // Reports `message` for `line` as every error of the import is reported.
+  void report(u64 line, std::u16string_view message, int level = 3) const;
 
  private:
-  bool openSection(std::u16string_view path, const std::vector<std::u16string_view>& parts);
-  bool deleteSection(std::u16string_view path, const std::vector<std::u16string_view>& parts);
-  bool root();
-  bool setString(const Ref<String>& name, const std::u16string& data);
-  bool setDword(const Ref<String>& name, const std::u16string& data);
-  bool setHex(const Ref<String>& name, const std::u16string& data);
-  bool deleteValue(const Ref<String>& name);
+  bool section(const RegItem& item);
+  bool splitPath(const RegItem& item, std::vector<std::u16string_view>& parts);
+  bool openSection(const RegItem& item, const std::vector<std::u16string_view>& parts);
+  bool deleteSection(const RegItem& item, const std::vector<std::u16string_view>& parts);
+  bool setValue(const RegItem& item);
+  bool deleteValue(const RegItem& item, const Ref<String>& name);
+  bool root(u64 line);
   // False when the current key cannot hold a value of that name: it was
   // created by this section and the name was not set since. Records the
   // name as set (willExist) or as deleted, so the next answer is right.
   bool mayExist(const Ref<String>& name, bool willExist);
-  // Removes a value of that name, then creates it with `type`.
-  Ref<Value> createValue(const Ref<String>& name, u32 type);
-
-  // One diagnostic of one or more lines, each a label and a text: to the
-  // sink line by line; to the log as one message, lines joined by blanks.
-  using Line = std::pair<std::u16string_view, std::u16string_view>;
-  void report(int level, std::initializer_list<Line> lines) const;
 
   Ref<RegistryHive> _hive;
   std::u16string _prefix;
   RegFileDiagnostics _errors;
   bool _trace;
-  bool _versionSeen = false;
-  bool _escapedStrings = true;
+  bool _apply;
+  // A section opened a key (in the checking form, would have).
+  bool _inKey = false;
   Ref<Key> _current;
   // _current was created by its section: its only values are the ones set
   // since, whose upper-cased names _namesSet holds. Spares a value lookup
@@ -99,7 +84,6 @@ class RegFileImportHandler : public Platform::IniParserInterface {
   // the root) and the path names that led to them (one fewer).
   std::vector<Ref<Key>> _chain;
   std::vector<std::u16string> _chainNames;
-  std::vector<Platform::u8> _bytes;
 };
 
 }  // namespace Libraries::Files::Hive

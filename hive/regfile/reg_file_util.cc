@@ -6,11 +6,10 @@
 #include "hive/errors.h"
 #include "hive/regfile/reg_file_exporter.h"
 #include "hive/regfile/reg_file_importer.h"
+#include "hive/regfile/reg_file_reader.h"
 #include "hive/util/util.h"
-#include "platform/char_reader.h"
 #include "platform/error.h"
 #include "platform/file_stripe.h"
-#include "platform/ini_parser.h"
 #include "platform/text_writer.h"
 
 namespace Libraries::Files::Hive {
@@ -32,31 +31,22 @@ bool fail(const RegFileDiagnostics& diagnostics, const std::string& toPrinter, c
   return false;
 }
 
+// A file name for a message, cut as every text quoted from input is.
 std::string utf8(const Ref<String>& s) {
-  return s ? s->toUtf8() : std::string();
+  return s ? Platform::utf16ToUtf8(quotedForMessage(s->units())) : std::string();
 }
 
-// Whether the text from the stripe's position on may hold "\\" or "\"" in
-// UTF-8 or UTF-16LE: a backslash byte whose next non-zero byte is another
-// backslash or a quote (a few other UTF-16 units match too). Strings read
-// the same whether or not the file is taken as escaped unless one of them
-// holds such a pair, so without any the scan for escapes can be skipped.
-// True when the stripe cannot be read.
-bool mayHoldEscapePair(Interfaces::Stripe& source) {
-  std::vector<Platform::u8> buffer(64 * 1024);
-  bool afterBackslash = false;
-  const u64 end = source.elementCount();
-  for (u64 at = source.pos(); at < end;) {
-    const u64 n = source.readAt(at, buffer.data(), std::min<u64>(buffer.size(), end - at));
-    if (n == 0 || n > buffer.size()) return true;
-    for (u64 i = 0; i < n; ++i) {
-      const Platform::u8 b = buffer[i];
-      if (b == 0) continue;
-      if (afterBackslash && (b == '\\' || b == '"')) return true;
-      afterBackslash = b == '\\';
-    }
-    at += n;
-  }
+// One pass of an import over the whole text: the items one by one to
+// `handler`. False at the first error, reported through the handler.
+bool runPass(const Ref<Interfaces::Stripe>& source, u64 start, RegFileImportHandler& handler, u64 maxDataSize,
+             bool keepData) {
+  source->seek(start);
+  RegFileReader reader(source, maxDataSize, keepData);
+  RegItem item;
+  while (reader.next(item))
+    if (!handler.take(item)) return false;
+  if (!reader.failed()) return true;
+  handler.report(reader.errorLine(), reader.error());
   return false;
 }
 
@@ -80,7 +70,8 @@ bool RegFileUtil::exportRegFile(const Ref<Key>& key, const Ref<Interfaces::Strip
   Ref<String> name = key->name();
   if (name && !name->isEmpty() && !parent.empty()) parent += u'\\';
 
-  RegFileExporter exporter(out, diagnostics, reserved, (options & BinaryOnly) != 0);
+  RegFileExporter exporter(out, diagnostics, reserved, (options & BinaryOnly) != 0,
+                           (options & Raw) != 0 ? RegTextStyle::raw : RegTextStyle::escaped);
   bool ok = exporter.recursiveExport(key, String::fromUtf16(std::move(parent)));
   if (!out->flush()) ok = fail(diagnostics, "Failed to write the export", "Failed to write the export");
   if (!append && !out->failed()) {
@@ -105,37 +96,32 @@ bool RegFileUtil::exportRegFile(const Ref<Key>& key, const Ref<String>& fileName
 }
 
 bool RegFileUtil::importRegFile(const Ref<RegistryHive>& hive, const Ref<Interfaces::Stripe>& source,
-                                const Ref<String>& prefix, const RegFileDiagnostics& errors, bool trace) {
+                                const Ref<String>& prefix, const RegFileDiagnostics& errors, bool trace,
+                                const ImportControl& control) {
   if (!hive) {
     Platform::Error::set(Errors::NULL_ARGUMENT);
     return fail(errors, "No hive to import into", "No hive to import into");
   }
-  // Two passes: the first tells whether the file's strings are escaped.
-  Ref<Platform::CharReader> scan = Platform::CharReader::create(source);
-  Ref<Platform::CharReader> reader = Platform::CharReader::create(source);
-  if (!scan || !reader) return fail(errors, "Failed to create reader", "Failed to create reader");
-  RegFileImportHandler handler(hive, prefix, errors, trace);
-  handler.setEscapedStrings(!mayHoldEscapePair(*source) || RegFileImportHandler::stringsEscaped(*scan));
-  u64 line = 0;
-  const int result = Platform::IniParser::parse(*reader, handler, &line);
-  if (result != Platform::IniParser::OK) {
-    const std::string text =
-        "Regfile import failed: " + std::to_string(result) + " (line " + std::to_string(line) + ")";
-    if (errors) {
-      errors(text);
-    } else {
-      HK_LOG(regUtilLog, 3) << text;
-    }
-    return false;
-  }
-  return true;
+  if (!source || source->elementSize() != 1)
+    return fail(errors, "Failed to create reader", "Failed to create reader");
+  // Two passes over the text: the first checks all of it and holds no
+  // value data, so that the hive changes only for a file that is right
+  // throughout and memory stays bounded whatever the length of its lines.
+  const u64 start = source->pos();
+  RegFileImportHandler checker(nullptr, prefix, errors, false, false);
+  if (!runPass(source, start, checker, control.maxDataSize, false)) return false;
+  if (control.dryRun) return true;
+  if (control.applying) *control.applying = true;
+  RegFileImportHandler applier(hive, prefix, errors, trace, true);
+  return runPass(source, start, applier, control.maxDataSize, true);
 }
 
 bool RegFileUtil::importRegFile(const Ref<RegistryHive>& hive, const Ref<String>& path,
-                                const Ref<String>& prefix, const RegFileDiagnostics& errors, bool trace) {
+                                const Ref<String>& prefix, const RegFileDiagnostics& errors, bool trace,
+                                const ImportControl& control) {
   Ref<FileStripe> file = path ? FileStripe::open(path->toUtf8(), FileStripe::Read) : nullptr;
   if (!file) return fail(errors, "Failed to open: " + utf8(path), "Failed to open file: " + utf8(path));
-  return importRegFile(hive, Ref<Interfaces::Stripe>(file), prefix, errors, trace);
+  return importRegFile(hive, Ref<Interfaces::Stripe>(file), prefix, errors, trace, control);
 }
 
 }  // namespace Libraries::Files::Hive

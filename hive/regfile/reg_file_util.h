@@ -10,7 +10,8 @@
 //     is in backslash form; one line per value; one empty line;
 //   - a value line: "@=" (the default value) or "\"" name "\"=", then
 //       "\"" text "\""            a string (type 1) whose data is its text and
-//                                 one zero unit, written unescaped (other
+//                                 one zero unit, and whose text holds no line
+//                                 break and no unpaired surrogate (other
 //                                 strings, empty data included, go as hex(1));
 //       "dword:" 8 hex digits     a dword (type 4);
 //       "hex:" bytes              binary (type 3);
@@ -18,7 +19,13 @@
 //                                 and every type in BinaryOnly exports;
 //     bytes: two lower-case hex digits each, separated by ","; after every
 //     25th byte and its comma, when more follow, the line continues with
-//     "\" CR LF and two blanks.
+//     "\" CR LF and two blanks;
+//   - in names and string text a backslash is written "\\" and a quote
+//     "\"", as regedit writes them (not in Raw exports, see below); key
+//     paths are written as they are.
+//
+// The import reads regedit's grammar (see reg_file_reader.h) and always
+// undoes those escapes.
 //
 // Diagnostics: callers may pass a sink that receives one line of text
 // (UTF-8, no line terminator) per message; without one, messages go to the
@@ -30,6 +37,7 @@
 #include <string>
 
 #include "hive/interfaces.h"
+#include "hive/value/value_limits.h"
 #include "platform/log.h"
 
 namespace Libraries::Files::Hive {
@@ -39,12 +47,26 @@ using Interfaces::Config::Hive::RegistryHive;
 using Platform::Ref;
 using Platform::String;
 using Platform::u32;
+using Platform::u64;
 
 extern const Platform::Log::Channel regUtilLog;  // "HiveRegUtil"
 
 // Receives one diagnostic line (UTF-8, no terminator). An empty function
 // means "use the log".
 using RegFileDiagnostics = std::function<void(const std::string& line)>;
+
+// What an import may do besides applying the file.
+struct RegImportControl {
+  // Check the whole file, change nothing.
+  bool dryRun = false;
+  // The most bytes of data one value of the hive can hold
+  // (maxValueDataSize of its version): more is an error of
+  // the file.
+  u64 maxDataSize = maxValueDataSize(5);
+  // When given, set once the text has passed its check and the hive
+  // starts to change.
+  bool* applying = nullptr;
+};
 
 class RegFileUtil {
  public:
@@ -54,6 +76,13 @@ class RegFileUtil {
   static constexpr ExportOptions Append = 1;
   // Every value in the "hex(<type>):" form, binary values as "hex(3):".
   static constexpr ExportOptions BinaryOnly = 2;
+  // Names and strings as stored, without escapes, and every string whose
+  // data is its text and one zero unit in quotes, line breaks and all (the
+  // form of earlier versions, for tools that expect it; it does not
+  // always read back the same).
+  static constexpr ExportOptions Raw = 4;
+
+  using ImportControl = RegImportControl;
 
   // Writes `key` and everything below it into `target`. `path` (slash form)
   // is the registry path under which `key` appears; it is converted to
@@ -74,19 +103,26 @@ class RegFileUtil {
                             bool reserved = false);
 
   // Applies the registry text in `source` (UTF-16 with or without byte order
-  // mark, or UTF-8; read from the stripe's position) to `hive`. Every
-  // section path must begin with `prefix` (slash form, compared without
-  // regard to case); the rest names the key below the root ("[PREFIX]" is
-  // the root itself). "[-PATH]" deletes a key with everything below it (a
-  // missing key is fine); "name"=- deletes a value. Stops at the first
-  // error, which is reported; what was applied before it stays. `trace`
-  // reports each key the import creates.
+  // mark, UTF-8, or 8-bit for REGEDIT4 files; read from the stripe's
+  // position, which must stay readable: the text is read twice) to `hive`.
+  // Every section path must begin with `prefix` (slash form, compared
+  // without regard to case); the rest names the key below the root
+  // ("[PREFIX]" is the root itself). "[-PATH]" deletes a key with
+  // everything below it (a missing key is fine); "name"=- deletes a value.
+  //
+  // All or nothing as far as the text goes: the whole file is read and
+  // checked first, and an error of the text (reported once, with the first
+  // line of its item) leaves the hive untouched. A failure of the hive
+  // itself while applying (no space, a damaged key) is reported the same
+  // way and stops the import there. `trace` reports each key the import
+  // creates.
   static bool importRegFile(const Ref<RegistryHive>& hive, const Ref<Interfaces::Stripe>& source,
                             const Ref<String>& prefix, const RegFileDiagnostics& errors = {},
-                            bool trace = false);
+                            bool trace = false, const ImportControl& control = {});
   // The same from the file at `path`.
   static bool importRegFile(const Ref<RegistryHive>& hive, const Ref<String>& path, const Ref<String>& prefix,
-                            const RegFileDiagnostics& errors = {}, bool trace = false);
+                            const RegFileDiagnostics& errors = {}, bool trace = false,
+                            const ImportControl& control = {});
 };
 
 }  // namespace Libraries::Files::Hive

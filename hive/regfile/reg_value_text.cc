@@ -54,19 +54,52 @@ bool readString(u64 size, const RegDataReader& read, std::u16string& text, u64& 
   return true;
 }
 
+// Whether quotes can carry `text` so that regedit's reading gives it back:
+// no line break (a line ends there) and no unpaired surrogate (which no
+// conversion of the file would keep).
+bool quotable(std::u16string_view text) {
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char16_t c = text[i];
+    if (c == u'\r' || c == u'\n') return false;
+    if (c >= 0xD800 && c < 0xDC00) {
+      if (i + 1 == text.size() || text[i + 1] < 0xDC00 || text[i + 1] >= 0xE000) return false;
+      ++i;
+    } else if (c >= 0xDC00 && c < 0xE000) {
+      return false;
+    }
+  }
+  return true;
+}
+
+void appendEscaped(std::u16string& line, std::u16string_view text, RegTextStyle style) {
+  if (style == RegTextStyle::raw) {
+    line += text;
+    return;
+  }
+  for (char16_t c : text) {
+    if (c == u'\\' || c == u'"') line += u'\\';
+    line += c;
+  }
+}
+
 }  // namespace
 
+void appendRegValueName(std::u16string& line, std::u16string_view name, RegTextStyle style) {
+  if (name.empty()) {
+    line += u'@';
+    return;
+  }
+  line += u'"';
+  appendEscaped(line, name, style);
+  line += u'"';
+}
+
 RegValueForm writeRegValue(std::u16string_view name, u32 type, u64 size, const RegDataReader& read,
-                           bool binaryOnly, const RegTextSink& out, u64* bytesRead) {
+                           bool binaryOnly, const RegTextSink& out, u64* bytesRead, RegTextStyle style) {
   u64 consumed = 0;
   std::u16string line;
-  if (name.empty()) {
-    line += u"@=";
-  } else {
-    line += u'"';
-    line += name;
-    line += u"\"=";
-  }
+  appendRegValueName(line, name, style);
+  line += u'=';
   RegValueForm form = binaryOnly ? RegValueForm::hex : RegValueForm::typed;
   if (!binaryOnly && type == T::String) {
     std::u16string text;
@@ -74,9 +107,9 @@ RegValueForm writeRegValue(std::u16string_view name, u32 type, u64 size, const R
     // Text in quotes stands for its units and one zero unit: other data
     // (none at all, no terminator, something after it) is written as hex,
     // so that an import gives back exactly the same bytes.
-    if (readable && size == 2 * (u64{text.size()} + 1)) {
+    if (readable && size == 2 * (u64{text.size()} + 1) && (style == RegTextStyle::raw || quotable(text))) {
       line += u'"';
-      line += text;
+      appendEscaped(line, text, style);
       line += u'"';
       out(line);
       if (bytesRead) *bytesRead = consumed;

@@ -32,12 +32,30 @@ enum class RegValueForm {
   unreadable,      // the data could not be read; the line is incomplete
 };
 
+// How names and string data are written.
+enum class RegTextStyle {
+  // As regedit writes them: "\\" for a backslash and "\"" for a quote in a
+  // value name or a string; a string that could not be read back exactly
+  // from quotes (a CR or LF, an unpaired surrogate, an embedded zero unit,
+  // an odd length, a missing or extra terminator) goes as hex(1)/hex(2), so
+  // that every value survives an import.
+  escaped,
+  // As stored, without escapes (as earlier versions wrote): a string whose
+  // data is its text and one zero unit goes in quotes whatever it holds.
+  raw,
+};
+
+// Appends the name part of a value line: "@" for the default value,
+// otherwise the name in quotes, in `style`.
+void appendRegValueName(std::u16string& line, std::u16string_view name, RegTextStyle style);
+
 // Writes the line of the value `name` ("" for the default value) with
 // `type` and `size` bytes of data read through `read`, without the line
 // end. Data is read in pieces, so a value of any size needs no buffer of
 // its size (but for strings, which are read whole up to 16 Mi units).
 // `bytesRead` receives the bytes of data read.
 RegValueForm writeRegValue(std::u16string_view name, u32 type, u64 size, const RegDataReader& read,
-                           bool binaryOnly, const RegTextSink& out, u64* bytesRead = nullptr);
+                           bool binaryOnly, const RegTextSink& out, u64* bytesRead = nullptr,
+                           RegTextStyle style = RegTextStyle::escaped);
 
 }  // namespace Libraries::Files::Hive

@@ -5,7 +5,12 @@
 //
 // Files written: UTF-16LE with a byte order mark, CR LF line ends, the
 // header "Windows Registry Editor Version 5.00", then a "[PATH]" line per
-// key (depth first, a key before its subkeys) and a line per value.
+// key (depth first, a key before its subkeys) and a line per value, in
+// regedit's grammar: in value names and strings "\\" stands for a
+// backslash and "\"" for a quote, and a string that quotes cannot carry
+// exactly (a line break, an unpaired surrogate, data that is not its text
+// and one terminator) is written as hex(1):. So export and import give
+// back every key and value (last write times aside).
 #pragma once
 
 #include <cstddef>
@@ -37,6 +42,10 @@ struct ExportOptions {
   bool append = false;
   // Every value as hex(TYPE): bytes, strings and dwords included.
   bool binary_only = false;
+  // Names and strings as stored, without escapes, and strings with line
+  // breaks in quotes: the form of earlier versions, for tools that expect
+  // it. Such a file does not always import back the same.
+  bool raw = false;
   Diagnostics diagnostics = {};
 };
 
@@ -55,14 +64,22 @@ struct ImportOptions {
   std::string prefix = "ROOT";
   // Report every key the import creates through `diagnostics`.
   bool trace = false;
+  // Read and check the whole file; change nothing.
+  bool dry_run = false;
   Diagnostics diagnostics = {};
 };
 
 // Applies the registry text file at `path` ("-" for standard input):
-// UTF-16LE with a byte order mark, or UTF-8; CR LF or LF line ends.
-// "[PATH]" creates keys, "[-PATH]" deletes a key with everything below it,
-// "name"=- deletes a value. Fails with invalid_argument (naming the line)
-// for text it cannot apply, with the changes before it applied.
+// UTF-16LE with a byte order mark, UTF-8, or 8-bit (Windows-1252) after a
+// REGEDIT4 line; CR LF or LF line ends; regedit's escapes in names and
+// strings. "[PATH]" creates keys, "[-PATH]" deletes a key with everything
+// below it, "name"=- deletes a value.
+// The whole file is checked before the hive changes: text it cannot apply
+// (a malformed or unknown line, a section outside the prefix, a name too
+// long, value data beyond what a value of this hive's version can hold)
+// fails with invalid_argument, naming the first line of the entry, and the
+// hive stays as it was. A failure of the hive itself while applying (no
+// space left, a damaged key) stops the import there.
 HIVEKIT_EXPORT Status import_reg(Hive& hive, std::string_view path, const ImportOptions& options = {});
 // The same from the file's bytes in memory.
 HIVEKIT_EXPORT Status import_reg_text(Hive& hive, std::string_view text, const ImportOptions& options = {});
@@ -81,9 +98,10 @@ HIVEKIT_EXPORT Status import_reg_text(Hive& hive, std::string_view text, const I
 //   out.write(w.text().data(), w.text().size());
 //
 // Paths and names are UTF-8 (WTF-8 for unpaired surrogates, as the library
-// gives them), written as they are: the registry text grammar has no
-// escapes for a "]" in a key name, a "\" inside one, or a '"' in a value
-// name. Sections are separated by an empty line, as export_reg separates
+// gives them). Value names are escaped as export_reg escapes them; paths
+// are written as they are (the grammar has no escapes in paths, nor
+// needs them: a key name holds no "\", and a path runs to the line's last
+// "]"). Sections are separated by an empty line, as export_reg separates
 // keys.
 class HIVEKIT_EXPORT RegTextWriter {
  public:

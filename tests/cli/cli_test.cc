@@ -383,10 +383,38 @@ TEST_F(CliTest, ExportHeadingsAndImportRoundTrip) {
   r = hivekit({"import", copy, "-"}, "Windows Registry Editor Version 5.00\n\n[ROOT\\New]\n\"t\"=\"x\"\n");
   EXPECT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(hivekit({"get", copy, "New", "t"}).out, "x\n");
-  r = hivekit({"import", copy, "-"},
-              "Windows Registry Editor Version 5.00\n\n[ROOT\\Bad]\n\"t\"=dword:xyz\n");
+  // An error late in the file: the hive stays byte for byte as it was, the
+  // message names the line; --dry-run checks and changes nothing.
+  before = readFile(copy);
+  const std::string late =
+      "Windows Registry Editor Version 5.00\n\n[ROOT\\Bad]\n\"t\"=dword:1\n\"u\"=dword:xyz\n";
+  r = hivekit({"import", copy, "-"}, late);
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.err.find("hivekit: import"), std::string::npos) << r.err;
+  EXPECT_NE(r.err.find("line 5: Invalid dword value: u"), std::string::npos) << r.err;
+  EXPECT_EQ(readFile(copy), before);
+  EXPECT_EQ(hivekit({"import", "--dry-run", copy, "-"}, late).status, 1);
+  EXPECT_EQ(hivekit({"import", "--dry-run", copy, again}).status, 0);
+  EXPECT_EQ(readFile(copy), before);
+
+  // --append to a new file starts it like any export; --raw writes names
+  // as stored.
+  const std::string fresh = path("fresh.reg").string();
+  ASSERT_EQ(hivekit({"set", h, "Top", "a\\b", "sz", "c:\\d"}).status, 0);
+  ASSERT_EQ(hivekit({"export", h, "Top", "--append", "-o", fresh}).status, 0);
+  EXPECT_EQ(
+      readFile(fresh).rfind("\xFF\xFE" + utf16("Windows Registry Editor Version 5.00\r\n\r\n[ROOT\\Top]"), 0),
+      0u);
+  EXPECT_NE(readFile(fresh).find(utf16("\"a\\\\b\"=\"c:\\\\d\"")), std::string::npos);
+  EXPECT_NE(hivekit({"export", h, "Top", "--raw"}).out.find(utf16("\"a\\b\"=\"c:\\d\"")), std::string::npos);
+  // Data beyond what a value of this 1.3 hive holds is refused before
+  // anything changes.
+  const std::string big = path("big.bin").string();
+  writeFile(big, std::string(1048573, 'x'));
+  before = readFile(h);
+  r = hivekit({"set", h, "Top", "a\\b", "binary", "--from-file", big});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.err.find("1048572"), std::string::npos) << r.err;
+  EXPECT_EQ(readFile(h), before);
 }
 
 // ---------------------------------------------------------------- logs

@@ -53,7 +53,7 @@ TEST(RegExport, WritesEveryValueFormExactly) {
             "\r\n"
             "[ROOT\\Key]\r\n"
             "@=\"default\"\r\n"
-            "\"quote\"=\"say \"hi\" C:\\dir\"\r\n"
+            "\"quote\"=\"say \\\"hi\\\" C:\\\\dir\"\r\n"
             "\"zero\"=dword:00000000\r\n"
             "\"dw\"=dword:1234abcd\r\n"
             "\"b25\"=hex:00,01,02,03,04,05,06,07,08,09,0a,0b,0c,0d,0e,0f,10,11,12,13,14,15,16,17,18\r\n"
@@ -70,6 +70,11 @@ TEST(RegExport, WritesEveryValueFormExactly) {
   EXPECT_EQ(d.lines,
             (std::vector<std::string>{"Invalid string value: ROOT\\Key/one", "Using binary fallback",
                                       "Invalid dword value: ROOT\\Key/short", "Using binary fallback"}));
+
+  // The raw form writes names and strings as stored, as earlier versions did.
+  Ref<MemoryStripe> raw = MemoryStripe::create();
+  ASSERT_TRUE(RegFileUtil::exportRegFile(hive->root(), raw, str("ROOT"), RegFileUtil::Raw));
+  EXPECT_NE(text(raw->bytes()).find("\r\n\"quote\"=\"say \"hi\" C:\\dir\"\r\n"), std::string::npos);
 }
 
 TEST(RegExport, BinaryOnlyPathAndAppend) {

@@ -20,36 +20,59 @@ std::vector<u8> bytesOf(const Ref<Value>& v) {
   return out;
 }
 
-TEST(RegImport, RefusesMalformedFiles) {
+// Every error names the first line of its entry, once, and leaves the
+// hive exactly as it was: the whole file is checked before anything
+// changes, so the bad line may come last.
+TEST(RegImport, RefusesMalformedFilesAndChangesNothing) {
   struct Case {
-    std::string file;
+    std::string tail;  // from line 5, after a valid first part
     std::string message;
   };
+  const std::string huge(100000, 'x');
   const std::vector<Case> cases = {
-      {"[ROOT\\A]\r\n", "Invalid regfile, section before version string"},
-      {HEADER + "[OTHER\\A]\r\n", "Prefix mismatch while importing reg file"},
-      {HEADER + "[ROOTX\\A]\r\n", "Prefix mismatch while importing reg file"},
-      {HEADER + "[ROOT\\A\\\\B]\r\n", "Invalid path: ROOT\\A\\\\B"},
-      {HEADER + "\"v\"=dword:1\r\n[ROOT\\A]\r\n", "Invalid regfile, first value before first key"},
-      {HEADER + "[ROOT\\A]\r\n\"v\"=hex:0g\r\n", "Invalid hex value: v"},
-      {HEADER + "[ROOT\\A]\r\n\"v\"=hex:01,,02\r\n", "Invalid hex value: v"},
-      {HEADER + "[ROOT\\A]\r\n\"v\"=hex(123456789):01\r\n", "Invalid hex value: v"},
-      {HEADER + "[ROOT\\A]\r\n\"v\"=dword:123456789\r\n", "Invalid dword value: v"},
-      {HEADER + "[ROOT\\A]\r\n\"v\"=\"abc\" x\r\n", "Invalid string value: v"},
-      {HEADER + "[ROOT\\A]\r\n\"v\"=sz:abc\r\n", "Invalid value: v"},
-      {HEADER + "[ROOT\\A]\r\n\"v\"=\r\n", "Found empty value in regfile, name = v"},
-      {HEADER + "[-ROOT]\r\n", "Failed to delete key: "},
+      {"[OTHER\\A]\r\n", "line 5: Prefix mismatch while importing reg file"},
+      {"[ROOTX\\A]\r\n", "line 5: Prefix mismatch while importing reg file"},
+      {"[ROOT\\A\\\\B]\r\n", "line 5: Invalid path: ROOT\\A\\\\B"},
+      {"[-ROOT\\A]\r\n\"v\"=dword:1\r\n", "line 6: Invalid regfile, first value before first key"},
+      {"[ROOT\\A]\r\n\"v\"=hex:01,\\\r\n  0g\r\n", "line 6: Invalid hex value: v"},
+      {"[ROOT\\A]\r\n\"v\"=hex:01,,02\r\n", "line 6: Invalid hex value: v"},
+      {"[ROOT\\A]\r\n\"v\"=hex:01,\r\n", "line 6: Invalid hex value: v"},
+      {"[ROOT\\A]\r\n\"v\"=hex(123456789):01\r\n", "line 6: Invalid hex value: v"},
+      {"[ROOT\\A]\r\n\"v\"=dword:123456789\r\n", "line 6: Invalid dword value: v"},
+      {"[ROOT\\A]\r\n\"v\"=\"abc\" x\r\n", "line 6: Invalid string value: v"},
+      {"[ROOT\\A]\r\n\"v\"=\"abc\r\n\"\r\n", "line 6: Invalid string value, no closing quote: v"},
+      {"[ROOT\\A]\r\n\"v\"=sz:abc\r\n", "line 6: Invalid value: v"},
+      {"[ROOT\\A]\r\n\"v\"=\r\n", "line 6: Found empty value in regfile, name = v"},
+      {"[ROOT\\A]\r\n\"v\"=hex:01,02,03,04,05,06,07,08,09\r\n",
+       "line 6: Value data larger than the hive allows (8 bytes): v"},
+      {"[-ROOT]\r\n", "line 5: Failed to delete key: "},
+      {"[ROOT\\A]\r\n" + huge + "\r\n", "line 6: Invalid line: " + huge.substr(0, 200) + "...\n"},
+      {"[ROOT\\" + huge + "]\r\n",
+       "line 5: Key name longer than 255 characters: " + huge.substr(0, 200) + "...\n"},
+      {"[ROOT\\A]\r\nv=1\r\n", "line 6: Invalid line: v=1"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.file);
-    Ref<Hive::HiveFile> hive = newHive();
+    SCOPED_TRACE(c.tail.substr(0, 80));
+    Ref<MemoryStripe> image = MemoryStripe::create();
+    Ref<Hive::HiveFile> hive = Hive::HiveFile::create(image, 5, Hive::latin1, {});
     ASSERT_TRUE(hive);
+    ASSERT_TRUE(hive->flush());
+    const std::vector<u8> before = image->bytes();
+    const std::string file = HEADER + "[ROOT\\Early]\r\n\"x\"=\"y\"\r\n" + c.tail;
     Diagnostics d;
-    EXPECT_FALSE(importText(hive, utf16(c.file), "ROOT", &d));
+    RegFileUtil::ImportControl control;
+    control.maxDataSize = 8;
+    EXPECT_FALSE(RegFileUtil::importRegFile(hive, MemoryStripe::create(utf16(file)), str("ROOT"), d.sink(),
+                                            false, control));
+    ASSERT_EQ(d.lines.size(), 1u) << d.all();
     EXPECT_TRUE(d.contains(c.message)) << d.all();
-    ASSERT_FALSE(d.lines.empty());
-    EXPECT_EQ(d.lines.back().rfind("Regfile import failed: ", 0), 0u) << d.all();
+    EXPECT_FALSE(hive->root()->key(str("Early")));
+    ASSERT_TRUE(hive->flush());
+    EXPECT_EQ(image->bytes(), before);
   }
+  Diagnostics d;
+  EXPECT_FALSE(importText(newHive(), utf16("[ROOT\\A]\r\n"), "ROOT", &d));
+  EXPECT_EQ(d.all(), "line 1: Invalid regfile, section before version string\n");
 }
 
 TEST(RegImport, AppliesEveryDataFormAndDeletion) {
@@ -104,15 +127,28 @@ TEST(RegImport, AppliesEveryDataFormAndDeletion) {
   EXPECT_TRUE(d.lines.empty()) << d.all();
 }
 
-TEST(RegImport, ReadsRegeditStyleEscapesInUtf16) {
+// A file as regedit writes it (UTF-16, escapes, continued hex lists,
+// deleting sections and entries, the default value) imports as regedit
+// would import it; so does a REGEDIT4 file in 8-bit text.
+TEST(RegImport, ReadsRegeditFiles) {
   Ref<Hive::HiveFile> hive = newHive();
   ASSERT_TRUE(hive);
-  const std::string file = HEADER +
-                           "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test]\r\n"
-                           "\"Path\"=\"C:\\\\Windows\\\\System32\"\r\n"  // "C:\\Windows\\System32"
-                           "\"Quote\"=\"say \\\"hi\\\"\"\r\n"            // "say \"hi\""
-                           "\"na\\\"me\"=\"v\"\r\n"                      // an escaped quote in a name
-                           "\"\xC3\x9C\x6E\xC3\xAF\"=\"\xE2\x82\xAC\"\r\n";
+  const std::string file =
+      HEADER +
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test]\r\n"
+      "@=\"default\"\r\n"
+      "\"Path\"=\"C:\\\\Windows\\\\System32\"\r\n"  // C:\Windows\System32
+      "\"Quote\"=\"say \\\"hi\\\"\"\r\n"            // say "hi"
+      "\"\\\\\\\\vm\\\\share\\\"=\"=\"\\\\\"\r\n"   // name \\vm\share"= , text \ (backslash)
+      "\"Multi\"=hex(7):61,00,00,00,62,00,00,\\\r\n"
+      "  00,00,00\r\n"
+      "\"Gone\"=dword:00000001\r\n"
+      "\"Gone\"=-\r\n"
+      "  ; a comment\r\n"
+      "\r\n"
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test\\Sub\\Deep]\r\n"
+      "[-HKEY_LOCAL_MACHINE\\SOFTWARE\\Test\\Sub]\r\n"
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Test\\Kept]\r\n";
   Diagnostics d;
   ASSERT_TRUE(importText(hive, utf16(file), "hkey_local_machine/software", &d)) << d.all();
   Ref<Key> k = Util::openPath(hive->root(), str("Test"));
@@ -121,20 +157,23 @@ TEST(RegImport, ReadsRegeditStyleEscapesInUtf16) {
     Ref<Value> v = k->value(str(name));
     return v ? v->string(1000)->toUtf8() : std::string("<none>");
   };
+  EXPECT_EQ(textOf(""), "default");
   EXPECT_EQ(textOf("Path"), "C:\\Windows\\System32");
   EXPECT_EQ(textOf("Quote"), "say \"hi\"");
+  EXPECT_EQ(textOf("\\\\vm\\share\"="), "\\");
+  EXPECT_EQ(bytesOf(k->value(str("Multi"))), (std::vector<u8>{'a', 0, 0, 0, 'b', 0, 0, 0, 0, 0}));
+  EXPECT_FALSE(k->value(str("Gone")));
+  EXPECT_FALSE(k->key(str("Sub")));
+  EXPECT_TRUE(k->key(str("Kept")));
 
-  // One string whose backslashes are not all escapes marks the file as
-  // written raw (as our export writes it): no string of it is unescaped.
-  const std::string raw = HEADER +
-                          "[ROOT]\r\n"
-                          "\"unc\"=\"\\\\server\\\\share\"\r\n"  // "\\server\\share": escapes only
-                          "\"dir\"=\"C:\\Windows\\\"\r\n";       // "C:\Windows\": raw
-  ASSERT_TRUE(importText(hive, utf16(raw), "ROOT", &d)) << d.all();
-  EXPECT_EQ(hive->root()->value(str("unc"))->string(100)->toUtf8(), "\\\\server\\\\share");
-  EXPECT_EQ(hive->root()->value(str("dir"))->string(100)->toUtf8(), "C:\\Windows\\");
-  EXPECT_EQ(textOf("na\"me"), "v");
-  EXPECT_EQ(textOf("\xC3\x9C\x6E\xC3\xAF"), "\xE2\x82\xAC");
+  std::vector<u8> ansi;
+  for (char c : std::string("REGEDIT4\r\n\r\n[ROOT\\Alt]\r\n\"N\xE4me\"=\"\x80\"\r\n"))
+    ansi.push_back(static_cast<u8>(c));
+  ASSERT_TRUE(importText(hive, ansi, "ROOT", &d)) << d.all();
+  Ref<Value> v = Util::openPath(hive->root(), str("Alt"))->value(str("N\xC3\xA4me"));
+  ASSERT_TRUE(v);
+  EXPECT_EQ(v->string(10)->toUtf8(), "\xE2\x82\xAC");  // the euro sign of Windows-1252
+  EXPECT_TRUE(d.lines.empty()) << d.all();
 }
 
 TEST(RegImport, RoundTripGivesTheSameText) {
@@ -156,9 +195,30 @@ TEST(RegImport, RoundTripGivesTheSameText) {
   b.value(deep, u"blob", 3, blob);
   b.value(deep, u"nothing", 3, {});
   b.value(deep, u"none", 0, {0xAA});
+  // Strings that quotes cannot carry as they are, and names that need
+  // escapes: all must come back byte for byte.
+  const u32 esc = b.key(root, u"escapes");
+  b.value(esc, u"\\\\vmware-host\\Shared Folders\\", 1, sz(u"\\\\fileserver"));
+  b.value(esc, u"\"=", 1, sz(u"say \\\"x\\\""));
+  b.value(esc, u"crlf", 1, sz(u"one\r\ntwo"));
+  b.value(esc, u"lf", 1, sz(u"one\n"));
+  b.value(esc, u"nul inside", 1, sz(std::u16string_view(u"a\0b", 3)));
+  b.value(esc, u"odd", 1, {'a', 0, 'b'});
+  b.value(esc, u"no terminator", 1, {'a', 0});
+  b.value(esc, u"two terminators", 1, {'a', 0, 0, 0, 0, 0});
+  b.value(esc, u"lone surrogate", 1, sz(u"x\xD800y"));
+  b.value(esc, u"pair", 1, sz(u"x\xD83D\xDE00y"));
+  b.value(esc, u"lone\xDC00name", 4, {1, 2, 3, 4});
   Ref<Hive::HiveFile> source = openImage(b.build());
   ASSERT_TRUE(source);
   const std::vector<u8> first = exportKey(source->root(), "ROOT");
+  const std::string firstText = text(first);
+  for (const char* line :
+       {"\"\\\\\\\\vmware-host\\\\Shared Folders\\\\\"=\"\\\\\\\\fileserver\"\r\n",
+        "\"\\\"=\"=\"say \\\\\\\"x\\\\\\\"\"\r\n", "\"crlf\"=hex(1):6f,00,6e,00,65,00,0d,00,0a,00,",
+        "\"two terminators\"=hex(1):61,00,00,00,00,00\r\n",
+        "\"lone surrogate\"=hex(1):", "\"pair\"=\"x\xF0\x9F\x98\x80y\"\r\n"})
+    EXPECT_NE(firstText.find(line), std::string::npos) << line;
 
   Ref<Hive::HiveFile> target = newHive();
   ASSERT_TRUE(target);
