@@ -51,7 +51,7 @@ struct Disk {
 };
 
 HiveFile::LogFiles logFiles(Ref<Interfaces::Stripe> log1) {
-  return {nullptr, std::move(log1), nullptr, nullptr, S("h.LOG1"), nullptr};
+  return {nullptr, std::move(log1), nullptr, nullptr, S("h.LOG1"), nullptr, {}};
 }
 
 // The bytes opened read-only, a dirty hive accepted.

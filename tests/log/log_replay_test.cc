@@ -66,7 +66,7 @@ class LogReplay : public ::testing::Test {
     stripe1 = log1.empty() ? nullptr : MemoryStripe::create(log1);
     stripe2 = log2.empty() ? nullptr : MemoryStripe::create(log2);
     HiveFile::LogFiles logs{
-        nullptr, stripe1, stripe2, nullptr, String::create("t.LOG1"), String::create("t.LOG2")};
+        nullptr, stripe1, stripe2, nullptr, String::create("t.LOG1"), String::create("t.LOG2"), {}};
     return HiveFile::open(file, logs, mode, latin1, nullptr).cast<RegistryHiveObj>();
   }
   // Opens again, read-only, what the last open left in the stripes.
