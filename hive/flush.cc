@@ -58,7 +58,8 @@ bool RegistryHiveObj::flush() {
 }
 
 bool RegistryHiveObj::internalFlush() {
-  if (_mode & (modeReadOnly | modeUnsafe)) return true;
+  // A hive whose open failed has nothing of its own to write.
+  if ((_mode & (modeReadOnly | modeUnsafe)) || !_valid) return true;
   std::vector<u32> dirty;
   for (u32 i = 0; i < _dirty.size(); ++i)
     if (_dirty[i]) dirty.push_back(i);
@@ -123,7 +124,11 @@ bool RegistryHiveObj::checkpoint(const std::vector<u32>& dirtyHbins) {
   _checkpoint.open = true;
   _checkpoint.sequence = sequence;
   // 3. The hbins in place.
-  if (!writeHbins(dirtyHbins) || !_file->sync()) return false;
+  if (!writeHbins(dirtyHbins)) return false;
+  if (!_file->sync()) {
+    HK_LOG(hiveLog, 4) << "Failed to sync the hive's hbins; error: " << Log::hex(Error::get());
+    return false;
+  }
   // 4. Clean, with the new length and time.
   if (!writeBaseBlock(_header, sequence, sequence)) {
     HK_LOG(hiveLog, 4) << "Failed to mark the hive clean after writing it; error: " << Log::hex(Error::get());

@@ -218,7 +218,9 @@ TEST_F(LogReplay, WritesContinueTheLogAndLeaveTheFileAlone) {
   EXPECT_EQ(L32(e + hive_log_entry::OFS_SEQ), 3u);
   EXPECT_EQ(L32(e + hive_log_entry::OFS_FLAGS), 0x5u);
   EXPECT_EQ(L32(e + hive_log_entry::OFS_LENGTH), 2 * PAGE);
-  EXPECT_EQ(L32(e + hive_log_entry::SIZE), PAGE) << "the hbin of v2";
+  EXPECT_EQ(L32(e + hive_log_entry::OFS_COUNT), 1u);
+  EXPECT_EQ(L32(e + hive_log_entry::SIZE), 0u);
+  EXPECT_EQ(L32(e + hive_log_entry::SIZE + 4), 2 * PAGE) << "v2's hbin and its key's, whose time changed";
   EXPECT_TRUE(hivekit::test::entryHashesValid(after, before.size()));
   hive = nullptr;
 
