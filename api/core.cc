@@ -23,13 +23,8 @@ void CoreBase::destroy() const noexcept {
   delete static_cast<const HiveCore*>(this);
 }
 
-HiveCore::HiveCore(Ref<RegistryHiveObj> hive, std::string path, std::array<std::string, 3> logPaths,
-                   bool writable, std::vector<Ref<Platform::FileStripe>> files)
-    : _hive(std::move(hive)),
-      _path(std::move(path)),
-      _logPaths(std::move(logPaths)),
-      _writable(writable),
-      _files(std::move(files)) {}
+HiveCore::HiveCore(Ref<RegistryHiveObj> hive, std::string path, bool writable, std::shared_ptr<OpenFiles> files)
+    : _hive(std::move(hive)), _path(std::move(path)), _writable(writable), _files(std::move(files)) {}
 
 HiveCore::~HiveCore() {
   // The engine objects kept here hold the hive: let them go first, under
@@ -48,7 +43,7 @@ Status HiveCore::close() {
     if (!_hive->flush()) result = engineStatus("cannot write the changes to '" + _path + "'", Code::io_error);
   }
   _closed.store(true, std::memory_order_release);
-  for (const Ref<Platform::FileStripe>& f : _files) f->close();
+  for (const Ref<Platform::FileStripe>& f : _files->files) f->close();
   return result;
 }
 

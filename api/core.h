@@ -9,6 +9,7 @@
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -34,12 +35,18 @@ using Platform::u32;
 using Platform::u64;
 using Platform::u8;
 
+// The files of an open hive: the hive file and its logs, with the logs'
+// paths ("" for none). Shared with the engine's callbacks, through which a
+// log made at the first flush joins them.
+struct OpenFiles {
+  std::vector<Ref<Platform::FileStripe>> files;
+  std::array<std::string, 3> logPaths;
+};
+
 class HiveCore final : public CoreBase {
  public:
-  // `files` are the hive file and the logs the hive was opened with: close()
-  // closes them (dropping their locks) even while handles live on.
-  HiveCore(Ref<RegistryHiveObj> hive, std::string path, std::array<std::string, 3> logPaths, bool writable,
-           std::vector<Ref<Platform::FileStripe>> files);
+  // close() closes `files` (dropping their locks) even while handles live on.
+  HiveCore(Ref<RegistryHiveObj> hive, std::string path, bool writable, std::shared_ptr<OpenFiles> files);
   ~HiveCore();
 
   RegistryHiveObj& hive() const { return *_hive; }
@@ -47,7 +54,7 @@ class HiveCore final : public CoreBase {
   bool writable() const { return _writable; }
   const std::string& path() const { return _path; }
   // The log files in use (.LOG, .LOG1, .LOG2); "" for none.
-  const std::array<std::string, 3>& logPaths() const { return _logPaths; }
+  const std::array<std::string, 3>& logPaths() const { return _files->logPaths; }
 
   // Flushes (when writable), marks the hive closed and closes its files,
   // which releases their locks. The engine objects stay, unusable, until
@@ -72,10 +79,9 @@ class HiveCore final : public CoreBase {
  private:
   Ref<RegistryHiveObj> _hive;
   std::string _path;
-  std::array<std::string, 3> _logPaths;
   bool _writable;
   std::atomic<bool> _closed{false};
-  std::vector<Ref<Platform::FileStripe>> _files;
+  std::shared_ptr<OpenFiles> _files;
   // Key objects of recent lookups and changes, so that a run of changes to
   // one key does not walk down from the root each time. Bounded: emptied
   // when full.
@@ -219,6 +225,20 @@ class Call {
   RegistryHiveObj& hive() const { return _core->hive(); }
   // ok() and the hive may be changed; read_only otherwise.
   bool writable();
+  // Runs `change` (returning a Status or a Result) as one change of the
+  // hive: when it fails, whatever it did is taken back (records, hbins,
+  // base block; see RegistryHiveObj::beginChange) and the engine objects
+  // that saw it are forgotten, so the hive is exactly as before. Only for
+  // a call that is writable().
+  template <class F>
+  auto atomically(F&& change) {
+    _core->hive().beginChange();
+    auto result = change();  // its engine objects are gone once it returns
+    const bool kept = static_cast<bool>(result);
+    _core->hive().endChange(kept);
+    if (!kept) _core->forgetObjects();
+    return result;
+  }
 
  private:
   // The checks and the monitor of every other call.

@@ -7,6 +7,8 @@
 
 #include <cctype>
 #include <cerrno>
+#include <functional>
+#include <memory>
 
 #include "api/core.h"
 #include "hive/errors.h"
@@ -140,6 +142,23 @@ void syncDirectoryOf(const std::string& path) {
   }
 }
 
+// Makes HIVE.LOG1 for the first flush of a hive that has none: created,
+// locked as the hive is, and its directory entry synced before the hive
+// comes to depend on it.
+std::function<Ref<Interfaces::Stripe>()> makeLog1(const std::string& hivePath, std::weak_ptr<OpenFiles> weakFiles) {
+  return [hivePath, weakFiles]() -> Ref<Interfaces::Stripe> {
+    std::shared_ptr<OpenFiles> files = weakFiles.lock();
+    if (!files) return nullptr;
+    const std::string path = hivePath + ".LOG1";
+    Ref<FileStripe> log = FileStripe::open(path, FileStripe::Read | FileStripe::Write | FileStripe::Create);
+    if (!log || !log->lock(FileStripe::Lock::Exclusive, false)) return nullptr;
+    syncDirectoryOf(path);
+    files->files.push_back(log);
+    files->logPaths[1] = path;
+    return log;
+  };
+}
+
 F::HiveCodepage engineCodepage(Codepage cp) {
   switch (cp) {
     case Codepage::ascii:
@@ -180,7 +199,8 @@ Result<Hive> Hive::open(std::string_view pathView, const OpenOptions& options) {
   HiveFile::LogFiles logs;
   Ref<Interfaces::Stripe>* slots[3] = {&logs.primary, &logs.log1, &logs.log2};
   Ref<Platform::String>* names[3] = {&logs.primaryName, &logs.log1Name, &logs.log2Name};
-  std::vector<Ref<FileStripe>> opened;
+  auto files = std::make_shared<OpenFiles>();
+  std::vector<Ref<FileStripe>>& opened = files->files;
   for (int i = 0; i < 3; ++i) {
     if (logPaths[i].empty()) continue;
     Ref<FileStripe> log = FileStripe::open(logPaths[i], flags);
@@ -199,11 +219,18 @@ Result<Hive> Hive::open(std::string_view pathView, const OpenOptions& options) {
     *names[i] = Platform::String::create(logPaths[i]);
     opened.push_back(log);
   }
-  // Logs reach the disk before the hive that depends on them.
-  HiveFile::SyncCallback sync = [file, opened]() {
+  // A flush writes its pages to HIVE.LOG1 before the hive (see flush.cc):
+  // a writer whose hive has none beside it makes one when first needed.
+  if (options.writable && options.logs == Logs::beside && logPaths[1].empty())
+    logs.createLog1 = makeLog1(path, files);
+  // Logs reach the disk before the hive that depends on them. Weak: the
+  // files own the hive's callbacks through the core, not the reverse.
+  std::weak_ptr<OpenFiles> weakFiles = files;
+  HiveFile::SyncCallback sync = [file, weakFiles]() {
     bool ok = true;
-    for (const Ref<FileStripe>& l : opened)
-      if (l->writable() && !l->sync()) ok = false;
+    if (std::shared_ptr<OpenFiles> f = weakFiles.lock())
+      for (const Ref<FileStripe>& l : f->files)
+        if (l != file && l->writable() && !l->sync()) ok = false;
     return file->sync() && ok;
   };
 
@@ -219,8 +246,11 @@ Result<Hive> Hive::open(std::string_view pathView, const OpenOptions& options) {
   if (!opened_hive) return openStatus(path, logPaths);
   Ref<RegistryHiveObj> hive = opened_hive.cast<RegistryHiveObj>();
   if (!hive) return Status(Code::internal, "cannot open hive " + quoted(path) + ": unexpected hive object");
+  if (options.fixed_time) hive->setFixedTime(options.fixed_time);
   opened.push_back(file);
-  auto* core = new HiveCore(std::move(hive), path, logPaths, options.writable, std::move(opened));
+  for (int i = 0; i < 3; ++i)
+    if (files->logPaths[i].empty()) files->logPaths[i] = logPaths[i];
+  auto* core = new HiveCore(std::move(hive), path, options.writable, std::move(files));
   return Hive(CoreRef::adopt(core));
 }
 
@@ -260,7 +290,8 @@ Result<Hive> Hive::create(std::string_view pathView, const CreateOptions& option
     const size_t slash = path.rfind('/');
     created = HiveFile::create(stripe, options.minor_version, engineCodepage(options.codepage),
                                [stripe]() { return stripe->sync(); },
-                               Platform::utf8ToUtf16(slash == std::string::npos ? path : path.substr(slash + 1)));
+                               Platform::utf8ToUtf16(slash == std::string::npos ? path : path.substr(slash + 1)),
+                               options.fixed_time);
     made = created && ::rename(temp.c_str(), path.c_str()) == 0;
     if (!made && created) Platform::Error::set(Platform::Error::IO_ERROR | static_cast<u32>(errno));
   }
@@ -272,7 +303,9 @@ Result<Hive> Hive::create(std::string_view pathView, const CreateOptions& option
   syncDirectoryOf(path);
   Ref<RegistryHiveObj> hive = created.cast<RegistryHiveObj>();
   if (!hive) return Status(Code::internal, what + ": unexpected hive object");
-  auto* core = new HiveCore(std::move(hive), path, {}, true, {file});
+  auto files = std::make_shared<OpenFiles>();
+  files->files.push_back(file);
+  auto* core = new HiveCore(std::move(hive), path, true, std::move(files));
   return Hive(CoreRef::adopt(core));
 }
 

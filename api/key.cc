@@ -137,10 +137,6 @@ void prefetchEntries(const RegistryHiveObj& hive, const u8* items, u32 stride, u
 
 // Deletes the keys this call created, deepest first (a failed create_key
 // leaves the hive as it was).
-void undoCreated(std::vector<std::pair<Ref<KeyObj>, Ref<KeyObj>>>& created) {
-  for (auto it = created.rbegin(); it != created.rend(); ++it) it->first->deleteKey(it->second);
-}
-
 }  // namespace
 
 std::string Key::name() const {
@@ -355,66 +351,63 @@ Result<SecurityDescriptor> Key::security_descriptor() const {
 Result<Key> Key::create_key(std::string_view path) {
   Call call(core_);
   if (!call.writable()) return call.status();
-  std::vector<std::string_view> parts;
-  if (!splitPath(path, parts)) return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
-  Status why;
-  Ref<KeyObj> key = call.core().keyObject(offset_, why);
-  if (!key) return why;
-  std::vector<std::pair<Ref<KeyObj>, Ref<KeyObj>>> created;  // (parent, new key)
-  for (std::string_view part : parts) {
-    if (toUtf16(part).size() > KeyObj::MAX_KEY_NAME_LENGTH) {
-      undoCreated(created);
-      return Status(Code::too_large, "key name longer than 255 characters: " + quoted(part));
-    }
-    Ref<String> name = engineName(part);
-    Platform::Error::clear();
-    Ref<KeyObj> next = key->key(name).cast<KeyObj>();
-    if (!next) {
-      if (Platform::Error::get() != Errors::KEY_NOT_FOUND && Platform::Error::get() != 0) {
-        Status s = engineStatus("cannot look up " + quoted(part), Code::corrupt);
-        undoCreated(created);
-        return s;
+  return call.atomically([&]() -> Result<Key> {
+    std::vector<std::string_view> parts;
+    if (!splitPath(path, parts)) return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
+    Status why;
+    Ref<KeyObj> key = call.core().keyObject(offset_, why);
+    if (!key) return why;
+    for (std::string_view part : parts) {
+      if (toUtf16(part).size() > KeyObj::MAX_KEY_NAME_LENGTH) {
+        return Status(Code::too_large, "key name longer than 255 characters: " + quoted(part));
       }
+      Ref<String> name = engineName(part);
       Platform::Error::clear();
-      next = key->createKey(name).cast<KeyObj>();
+      Ref<KeyObj> next = key->key(name).cast<KeyObj>();
       if (!next) {
-        Status s = engineStatus("cannot create key " + quoted(part), Code::internal);
-        undoCreated(created);
-        return s;
+        if (Platform::Error::get() != Errors::KEY_NOT_FOUND && Platform::Error::get() != 0) {
+          return engineStatus("cannot look up " + quoted(part), Code::corrupt);
+        }
+        Platform::Error::clear();
+        next = key->createKey(name).cast<KeyObj>();
+        if (!next) {
+          return engineStatus("cannot create key " + quoted(part), Code::internal);
+        }
       }
-      created.emplace_back(key, next);
+      key = next;
     }
-    key = next;
-  }
-  return Access::makeKey(core_, key->offset());
+    return Access::makeKey(core_, key->offset());
+  });
 }
 
 Status Key::delete_key(std::string_view path, bool recursive) {
   Call call(core_);
   if (!call.writable()) return call.status();
-  std::vector<std::string_view> parts;
-  if (!splitPath(path, parts)) return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
-  if (parts.empty()) return Status(Code::invalid_argument, "no key named to delete");
-  Status why;
-  Ref<KeyObj> parent = call.core().keyObject(offset_, why);
-  if (!parent) return why;
-  for (size_t i = 0; i + 1 < parts.size(); ++i) {
-    Ref<KeyObj> next = parent->key(engineName(parts[i])).cast<KeyObj>();
-    if (!next) return Status(Code::key_not_found, "key not found: " + quoted(path));
-    parent = next;
-  }
-  Platform::Error::clear();
-  Ref<KeyObj> victim = parent->key(engineName(parts.back())).cast<KeyObj>();
-  if (!victim) return Status(Code::key_not_found, "key not found: " + quoted(path));
-  Platform::Error::clear();
-  const bool deleted = recursive ? Util::recursiveKeyDelete(parent, victim) : parent->deleteKey(victim);
-  call.core().forgetObjects();
-  if (!deleted) {
-    if (Platform::Error::get() == Errors::KEY_NOT_EMPTY)
-      return Status(Code::not_empty, "key " + quoted(path) + " has subkeys or values (delete it recursively)");
-    return engineStatus("cannot delete key " + quoted(path), Code::internal);
-  }
-  return Status();
+  return call.atomically([&]() -> Status {
+    std::vector<std::string_view> parts;
+    if (!splitPath(path, parts)) return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
+    if (parts.empty()) return Status(Code::invalid_argument, "no key named to delete");
+    Status why;
+    Ref<KeyObj> parent = call.core().keyObject(offset_, why);
+    if (!parent) return why;
+    for (size_t i = 0; i + 1 < parts.size(); ++i) {
+      Ref<KeyObj> next = parent->key(engineName(parts[i])).cast<KeyObj>();
+      if (!next) return Status(Code::key_not_found, "key not found: " + quoted(path));
+      parent = next;
+    }
+    Platform::Error::clear();
+    Ref<KeyObj> victim = parent->key(engineName(parts.back())).cast<KeyObj>();
+    if (!victim) return Status(Code::key_not_found, "key not found: " + quoted(path));
+    Platform::Error::clear();
+    const bool deleted = recursive ? Util::recursiveKeyDelete(parent, victim) : parent->deleteKey(victim);
+    call.core().forgetObjects();
+    if (!deleted) {
+      if (Platform::Error::get() == Errors::KEY_NOT_EMPTY)
+        return Status(Code::not_empty, "key " + quoted(path) + " has subkeys or values (delete it recursively)");
+      return engineStatus("cannot delete key " + quoted(path), Code::internal);
+    }
+    return Status();
+  });
 }
 
 Status Key::rename(std::string_view new_name) {
@@ -437,40 +430,44 @@ Status Key::move_to(const Key& new_parent) {
 Status Key::move_to(const Key& new_parent, std::string_view new_name) {
   Call call(core_);
   if (!call.writable()) return call.status();
-  if (!(new_parent.core_ == core_)) return Status(Code::invalid_argument, "the new parent is of another hive");
-  if (offset_ == call.hive().rootOffset()) return Status(Code::invalid_argument, "the root key cannot be moved");
-  if (new_name.empty()) return Status(Code::invalid_argument, "empty key name");
-  if (toUtf16(new_name).size() > KeyObj::MAX_KEY_NAME_LENGTH)
-    return Status(Code::too_large, "key name longer than 255 characters: " + quoted(new_name));
-  Status why;
-  Ref<KeyObj> key = call.core().keyObject(offset_, why);
-  if (!key) return why;
-  Ref<KeyObj> target = call.core().keyObject(new_parent.offset_, why);
-  if (!target) return why;
-  Platform::Error::clear();
-  if (!target->move(Ref<Interfaces::Config::Hive::Key>(key), engineName(new_name))) {
-    if (Platform::Error::get() == Errors::MOVE_NESTED)
-      return Status(Code::invalid_argument, "a key cannot be moved below itself");
-    if (Platform::Error::get() == Errors::MOVE_NAME_EXISTS || Platform::Error::get() == Errors::KEY_EXISTS)
-      return Status(Code::already_exists, "a key named " + quoted(new_name) + " exists there already");
-    return engineStatus("cannot move key to " + quoted(new_name), Code::internal);
-  }
-  // A new name may have moved the record; this handle follows it.
-  offset_ = key->offset();
-  call.core().forgetObjects();
-  return Status();
+  return call.atomically([&]() -> Status {
+    if (!(new_parent.core_ == core_)) return Status(Code::invalid_argument, "the new parent is of another hive");
+    if (offset_ == call.hive().rootOffset()) return Status(Code::invalid_argument, "the root key cannot be moved");
+    if (new_name.empty()) return Status(Code::invalid_argument, "empty key name");
+    if (toUtf16(new_name).size() > KeyObj::MAX_KEY_NAME_LENGTH)
+      return Status(Code::too_large, "key name longer than 255 characters: " + quoted(new_name));
+    Status why;
+    Ref<KeyObj> key = call.core().keyObject(offset_, why);
+    if (!key) return why;
+    Ref<KeyObj> target = call.core().keyObject(new_parent.offset_, why);
+    if (!target) return why;
+    Platform::Error::clear();
+    if (!target->move(Ref<Interfaces::Config::Hive::Key>(key), engineName(new_name))) {
+      if (Platform::Error::get() == Errors::MOVE_NESTED)
+        return Status(Code::invalid_argument, "a key cannot be moved below itself");
+      if (Platform::Error::get() == Errors::MOVE_NAME_EXISTS || Platform::Error::get() == Errors::KEY_EXISTS)
+        return Status(Code::already_exists, "a key named " + quoted(new_name) + " exists there already");
+      return engineStatus("cannot move key to " + quoted(new_name), Code::internal);
+    }
+    // A new name may have moved the record; this handle follows it.
+    offset_ = key->offset();
+    call.core().forgetObjects();
+    return Status();
+  });
 }
 
 Result<Value> Key::set_value(std::string_view name, ValueType type, std::span<const std::byte> data) {
   Call call(core_);
   if (!call.writable()) return call.status();
-  Status why;
-  Ref<KeyObj> key = call.core().keyObject(offset_, why);
-  if (!key) return why;
-  Ref<ValueObj> value;
-  Status s = setValueData(*key, name, static_cast<u32>(type), data, value);
-  if (!s) return s;
-  return Access::makeValue(core_, value->offset(), offset_);
+  return call.atomically([&]() -> Result<Value> {
+    Status why;
+    Ref<KeyObj> key = call.core().keyObject(offset_, why);
+    if (!key) return why;
+    Ref<ValueObj> value;
+    Status s = setValueData(*key, name, static_cast<u32>(type), data, value);
+    if (!s) return s;
+    return Access::makeValue(core_, value->offset(), offset_);
+  });
 }
 
 Result<Value> Key::set_string(std::string_view name, std::string_view text, ValueType type) {
@@ -492,27 +489,31 @@ Result<Value> Key::set_qword(std::string_view name, std::uint64_t number) {
 Status Key::delete_value(std::string_view name) {
   Call call(core_);
   if (!call.writable()) return call.status();
-  Status why;
-  Ref<KeyObj> key = call.core().keyObject(offset_, why);
-  if (!key) return why;
-  Ref<Interfaces::Config::Hive::Value> v = key->value(engineName(name));
-  if (!v) return Status(Code::value_not_found, "value not found: " + quoted(name));
-  Platform::Error::clear();
-  if (!key->deleteValue(v)) return engineStatus("cannot delete value " + quoted(name), Code::internal);
-  return Status();
+  return call.atomically([&]() -> Status {
+    Status why;
+    Ref<KeyObj> key = call.core().keyObject(offset_, why);
+    if (!key) return why;
+    Ref<Interfaces::Config::Hive::Value> v = key->value(engineName(name));
+    if (!v) return Status(Code::value_not_found, "value not found: " + quoted(name));
+    Platform::Error::clear();
+    if (!key->deleteValue(v)) return engineStatus("cannot delete value " + quoted(name), Code::internal);
+    return Status();
+  });
 }
 
 Status Key::set_security_descriptor(std::span<const std::byte> descriptor) {
   Call call(core_);
   if (!call.writable()) return call.status();
-  Status why;
-  Ref<KeyObj> key = call.core().keyObject(offset_, why);
-  if (!key) return why;
-  Platform::Error::clear();
-  if (!key->setSecurityDescriptor(reinterpret_cast<const u8*>(descriptor.data()),
-                                  static_cast<u32>(descriptor.size())))
-    return engineStatus("cannot set the key's security descriptor", Code::internal);
-  return Status();
+  return call.atomically([&]() -> Status {
+    Status why;
+    Ref<KeyObj> key = call.core().keyObject(offset_, why);
+    if (!key) return why;
+    Platform::Error::clear();
+    if (!key->setSecurityDescriptor(reinterpret_cast<const u8*>(descriptor.data()),
+                                    static_cast<u32>(descriptor.size())))
+      return engineStatus("cannot set the key's security descriptor", Code::internal);
+    return Status();
+  });
 }
 
 Subkeys::iterator Subkeys::begin() {

@@ -165,10 +165,12 @@ Result<std::string> Value::link() const {
 Status Value::set(ValueType type, std::span<const std::byte> data) {
   Call call(core_);
   if (!call.writable()) return call.status();
-  Status why;
-  Ref<ValueObj> v = call.core().valueObject(key_, offset_, why);
-  if (!v) return why;
-  return replaceValueData(*v, static_cast<u32>(type), data);
+  return call.atomically([&]() -> Status {
+    Status why;
+    Ref<ValueObj> v = call.core().valueObject(key_, offset_, why);
+    if (!v) return why;
+    return replaceValueData(*v, static_cast<u32>(type), data);
+  });
 }
 
 Status Value::set_string(std::string_view text, ValueType type) {
@@ -199,36 +201,40 @@ Status Value::move_to(const Key& key) {
 Status Value::move_to(const Key& key, std::string_view new_name) {
   Call call(core_);
   if (!call.writable()) return call.status();
-  if (!(Access::ref(key) == core_)) return Status(Code::invalid_argument, "the key is of another hive");
-  Status why;
-  Ref<ValueObj> v = call.core().valueObject(key_, offset_, why);
-  if (!v) return why;
-  Ref<KeyObj> target = call.core().keyObject(key.offset(), why);
-  if (!target) return why;
-  Platform::Error::clear();
-  if (!target->move(Ref<Interfaces::Config::Hive::Value>(v), Platform::String::fromUtf16(toUtf16(new_name)))) {
-    if (Platform::Error::get() == Errors::MOVE_VALUE_EXISTS || Platform::Error::get() == Errors::VALUE_EXISTS)
-      return Status(Code::already_exists, "a value named " + quoted(new_name) + " exists already");
-    return engineStatus("cannot move the value to " + quoted(new_name), Code::internal);
-  }
-  offset_ = v->offset();
-  key_ = key.offset();
-  return Status();
+  return call.atomically([&]() -> Status {
+    if (!(Access::ref(key) == core_)) return Status(Code::invalid_argument, "the key is of another hive");
+    Status why;
+    Ref<ValueObj> v = call.core().valueObject(key_, offset_, why);
+    if (!v) return why;
+    Ref<KeyObj> target = call.core().keyObject(key.offset(), why);
+    if (!target) return why;
+    Platform::Error::clear();
+    if (!target->move(Ref<Interfaces::Config::Hive::Value>(v), Platform::String::fromUtf16(toUtf16(new_name)))) {
+      if (Platform::Error::get() == Errors::MOVE_VALUE_EXISTS || Platform::Error::get() == Errors::VALUE_EXISTS)
+        return Status(Code::already_exists, "a value named " + quoted(new_name) + " exists already");
+      return engineStatus("cannot move the value to " + quoted(new_name), Code::internal);
+    }
+    offset_ = v->offset();
+    key_ = key.offset();
+    return Status();
+  });
 }
 
 Status Value::remove() {
   Call call(core_);
   if (!call.writable()) return call.status();
-  Status why;
-  Ref<ValueObj> v = call.core().valueObject(key_, offset_, why);
-  if (!v) return why;
-  Ref<KeyObj> key = call.core().keyObject(key_, why);
-  if (!key) return why;
-  Platform::Error::clear();
-  if (!key->deleteValue(Ref<Interfaces::Config::Hive::Value>(v)))
-    return engineStatus("cannot delete the value", Code::internal);
-  *this = Value();
-  return Status();
+  return call.atomically([&]() -> Status {
+    Status why;
+    Ref<ValueObj> v = call.core().valueObject(key_, offset_, why);
+    if (!v) return why;
+    Ref<KeyObj> key = call.core().keyObject(key_, why);
+    if (!key) return why;
+    Platform::Error::clear();
+    if (!key->deleteValue(Ref<Interfaces::Config::Hive::Value>(v)))
+      return engineStatus("cannot delete the value", Code::internal);
+    *this = Value();
+    return Status();
+  });
 }
 
 Key Value::key() const {

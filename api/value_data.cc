@@ -143,19 +143,15 @@ Status dataTooLargeFor(const RegistryHiveObj& hive, size_t size) {
 
 }  // namespace
 
+// Callers run these inside Call::atomically: a failure part way is taken
+// back whole, whatever the type and data had become.
 Status replaceValueData(ValueObj& value, u32 type, std::span<const std::byte> data) {
   if (data.size() > 0x7ffffff0u) return dataTooLarge(data.size());
   if (!fitsHive(*value.hive(), data.size())) return dataTooLargeFor(*value.hive(), data.size());
-  const u32 oldType = value.type();
-  std::vector<std::byte> old(value.size());
-  if (!old.empty() && value.read(old.data(), 0, static_cast<u32>(old.size())) != old.size())
-    return engineStatus("cannot read the value's data before changing it", Code::corrupt);
   Platform::Error::clear();
   if (writeBytes(value, type, data)) return Status();
-  Status s = Platform::Error::get() == Errors::INVALID_ARGUMENT ? dataTooLarge(data.size())
-                                                                 : engineStatus("cannot set the value", Code::io_error);
-  writeBytes(value, oldType, old);
-  return s;
+  return Platform::Error::get() == Errors::INVALID_ARGUMENT ? dataTooLarge(data.size())
+                                                             : engineStatus("cannot set the value", Code::io_error);
 }
 
 Status setValueData(KeyObj& key, std::string_view name, u32 type, std::span<const std::byte> data,
@@ -175,11 +171,8 @@ Status setValueData(KeyObj& key, std::string_view name, u32 type, std::span<cons
   if (!value) return engineStatus("cannot create value " + quoted(name), Code::internal);
   Platform::Error::clear();
   if (writeBytes(*value, type, data)) return Status();
-  Status s = Platform::Error::get() == Errors::INVALID_ARGUMENT ? dataTooLarge(data.size())
-                                                                 : engineStatus("cannot set value " + quoted(name), Code::io_error);
-  key.deleteValue(value);
-  value = nullptr;
-  return s;
+  return Platform::Error::get() == Errors::INVALID_ARGUMENT ? dataTooLarge(data.size())
+                                                             : engineStatus("cannot set value " + quoted(name), Code::io_error);
 }
 
 }  // namespace hivekit::detail

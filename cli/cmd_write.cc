@@ -35,6 +35,7 @@ int runNew(Context& ctx) {
   options.minor_version = minorText == "3" ? 3 : 5;
   options.codepage = ctx.common.codepage;
   options.overwrite = ctx.args.has("--force");
+  options.fixed_time = ctx.common.time;
   Result<Hive> hive = Hive::create(path, options);
   if (!hive) {
     if (hive.status().code() == Code::already_exists)

@@ -31,6 +31,9 @@ const char COMMON_HELP[] =
     "                 HIVE.LOG, HIVE.LOG1 and HIVE.LOG2 (any case of the extension);\n"
     "                 repeatable, the slot follows FILE's extension\n"
     "  --verbose      show the library's log on standard error\n"
+    "  --wait         when another process has the hive open for writing (or, for\n"
+    "                 a writing command, at all), wait for it instead of failing\n"
+    "                 with \"in use by another process\"\n"
     "  -h, --help     show this help\n";
 
 const char READ_HELP[] =
@@ -41,8 +44,14 @@ const char READ_HELP[] =
     "                 copy (for damaged hives)\n";
 
 const char WRITE_HELP[] =
-    "Writing commands open the hive read-write and flush the changes at the end;\n"
-    "changes made before a failure may stay.\n";
+    "Writing commands open the hive read-write and flush the changes at the end:\n"
+    "the changed pages go to HIVE.LOG1 first (made when missing; with --no-logs the\n"
+    "hive is written in place), so that a crash leaves the hive as before the\n"
+    "command or after it. A change that fails leaves the hive as it was.\n"
+    "  --time T       stamp changed keys and the hive with the UTC time T\n"
+    "                 (2024-03-01T12:00:00Z) instead of the clock; without it the\n"
+    "                 SOURCE_DATE_EPOCH environment variable (seconds since 1970)\n"
+    "                 fixes the time when set\n";
 
 void printGeneralHelp(FILE* out) {
   std::fputs(
@@ -96,7 +105,7 @@ int run(int argc, char** argv) {
   optionList.insert(optionList.end(), command->options.begin(), command->options.end());
   std::string error;
   if (!parseArgs(std::vector<std::string>(argv + 2, argv + argc), optionList, ctx.args, error) ||
-      !readCommonOptions(ctx.args, ctx.common, error)) {
+      !readCommonOptions(ctx.args, command->writes, ctx.common, error)) {
     return usageError(command, error);
   }
   if (ctx.common.help) {

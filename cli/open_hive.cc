@@ -11,6 +11,8 @@ bool openHive(const Context& ctx, const std::string& path, Hive& out) {
   options.accept_dirty = c.dirty;
   options.in_memory = c.unsafe;
   options.codepage = c.codepage;
+  options.wait = c.wait;
+  options.fixed_time = c.time;
   if (!c.logs.empty()) {
     options.logs = Logs::named;
     options.log_files = c.logs;

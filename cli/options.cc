@@ -2,13 +2,17 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
 
 namespace hivekit::cli {
 
 const std::vector<OptionSpec> COMMON_OPTIONS = {
     {"--dirty", false, false},   {"--unsafe", false, false},  {"--codepage", true, false},
     {"--verbose", false, false}, {"--no-logs", false, false}, {"--log", true, true},
-    {"--help", false, false},    {"-h", false, false},
+    {"--help", false, false},    {"-h", false, false},        {"--wait", false, false},
+    {"--time", true, false},
 };
 
 std::string ParsedArgs::value(const std::string& name, const std::string& fallback) const {
@@ -91,7 +95,34 @@ bool parseCodepage(const std::string& text, Codepage& out) {
   return true;
 }
 
-bool readCommonOptions(const ParsedArgs& parsed, CommonOptions& out, std::string& error) {
+namespace {
+
+// --time, else SOURCE_DATE_EPOCH; 0 when neither is given.
+bool readFixedTime(const ParsedArgs& parsed, FileTime& time, std::string& error) {
+  if (parsed.has("--time")) {
+    if (!parse_iso8601(parsed.value("--time"), time) || time == 0) {
+      error = "--time takes a UTC time: 2024-03-01, 2024-03-01T12:00:00, 2024-03-01T12:00:00.5Z";
+      return false;
+    }
+    return true;
+  }
+  const char* epoch = std::getenv("SOURCE_DATE_EPOCH");
+  if (!epoch || !*epoch) return true;
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long seconds = std::strtoull(epoch, &end, 10);
+  constexpr unsigned long long MAX_SECONDS = 100000000000ull;  // year 5138: beyond any date worth stamping
+  if (!std::isdigit(static_cast<unsigned char>(*epoch)) || *end != '\0' || errno != 0 || seconds > MAX_SECONDS) {
+    error = "SOURCE_DATE_EPOCH is not a number of seconds since 1970: '" + std::string(epoch).substr(0, 200) + "'";
+    return false;
+  }
+  time = to_filetime(std::chrono::system_clock::time_point(std::chrono::seconds(seconds)));
+  return true;
+}
+
+}  // namespace
+
+bool readCommonOptions(const ParsedArgs& parsed, bool writes, CommonOptions& out, std::string& error) {
   out.dirty = parsed.has("--dirty");
   out.unsafe = parsed.has("--unsafe");
   out.verbose = parsed.has("--verbose");
@@ -102,6 +133,12 @@ bool readCommonOptions(const ParsedArgs& parsed, CommonOptions& out, std::string
     error = "unknown codepage '" + parsed.value("--codepage") + "' (ascii, latin1, windows1250, windows1252)";
     return false;
   }
+  out.wait = parsed.has("--wait");
+  if (!writes && parsed.has("--time")) {
+    error = "--time is for writing commands only";
+    return false;
+  }
+  if (writes && !readFixedTime(parsed, out.time, error)) return false;
   if (out.noLogs && !out.logs.empty()) {
     error = "--no-logs and --log exclude each other";
     return false;

@@ -46,11 +46,16 @@ struct CommonOptions {
   bool help = false;
   Codepage codepage = Codepage::latin1;
   std::vector<std::string> logs;  // --log, in order
+  bool wait = false;              // --wait: for a lock another process holds
+  FileTime time = 0;              // --time, else SOURCE_DATE_EPOCH; 0: the clock
 };
 
 // Reads the shared options out of parsed arguments; false with a message
-// for an unknown codepage or contradicting choices.
-bool readCommonOptions(const ParsedArgs& parsed, CommonOptions& out, std::string& error);
+// for an unknown codepage, a time that does not read or contradicting
+// choices. The time changes are stamped with comes from --time, else from
+// the SOURCE_DATE_EPOCH environment variable (seconds since 1970, as
+// reproducible builds set it), for a writing command (`writes`) only.
+bool readCommonOptions(const ParsedArgs& parsed, bool writes, CommonOptions& out, std::string& error);
 
 // --since and --until (UTC times in ISO 8601 form) when given; false with a
 // message for a time that does not read.

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstring>
 #include <initializer_list>
+#include <memory>
 #include <vector>
 
 #include "hive/registry_hive.h"
@@ -19,14 +20,6 @@ Ref<Interfaces::Stripe> openLog(const Ref<String>& name, u32 flags) {
     HK_LOG(hiveLog, 3) << "Failed to open hive log file " << name->toUtf8()
                        << "; error: " << Log::hex(Error::get());
   return log;
-}
-
-// FILETIME of now: 100 ns units since 1601-01-01 UTC.
-u64 filetimeNow() {
-  using namespace std::chrono;
-  const u64 unix100ns =
-      static_cast<u64>(duration_cast<nanoseconds>(system_clock::now().time_since_epoch()).count()) / 100;
-  return unix100ns + 116444736000000000ull;
 }
 
 void appendSid(std::vector<u8>& out, u8 authority, std::initializer_list<u32> subAuthorities) {
@@ -87,10 +80,9 @@ std::vector<u8> defaultDescriptor() {
 
 // Base block and one hbin with the root key, its security record and one
 // free record.
-std::vector<u8> emptyHiveImage(u32 minorVersion, const std::u16string& fileName) {
+std::vector<u8> emptyHiveImage(u32 minorVersion, const std::u16string& fileName, u64 now) {
   constexpr u32 HBIN = 4096;
   std::vector<u8> image(hive_header::SIZE + HBIN, 0);
-  const u64 now = filetimeNow();
 
   u8* h = image.data();
   std::memcpy(h, "regf", 4);
@@ -181,6 +173,21 @@ Ref<HiveFile> HiveFile::open(Ref<String> path, u32 mode, HiveCodepage codepage) 
     logs.log1 = openLog(names.log1, flags);
     logs.log2 = openLog(names.log2, flags);
   }
+  // A flush writes its pages to .LOG1 first; one is made beside the hive
+  // when it has none. Its sync below covers it from then on.
+  auto made = std::make_shared<Ref<Interfaces::Stripe>>();
+  if (!logs.log1 && names.log1) {
+    const std::string log1 = names.log1->toUtf8();
+    logs.createLog1 = [log1, made]() -> Ref<Interfaces::Stripe> {
+      Ref<FileStripe> log = FileStripe::open(log1, FileStripe::Read | FileStripe::Write | FileStripe::Create);
+      if (!log) {
+        HK_LOG(hiveLog, 3) << "Failed to create hive log file " << log1 << "; error: " << Log::hex(Error::get());
+        return nullptr;
+      }
+      *made = log;
+      return log;
+    };
+  }
   // Each log, then the hive file, is asked to reach storage. All must
   // succeed: in a log mode the changes live in a log, so a log that did
   // not reach storage is a flush that did not either.
@@ -188,9 +195,10 @@ Ref<HiveFile> HiveFile::open(Ref<String> path, u32 mode, HiveCodepage codepage) 
   for (const auto& log : {logs.primary, logs.log1, logs.log2})
     if (log) logStripes.push_back(log);
   Ref<Interfaces::Stripe> hiveFile = file;
-  SyncCallback sync = [logStripes, hiveFile]() {
+  SyncCallback sync = [logStripes, hiveFile, made]() {
     bool synced = true;
     for (const auto& log : logStripes) synced = log->sync() && synced;
+    if (*made) synced = (*made)->sync() && synced;
     return hiveFile->sync() && synced;
   };
   return HiveFile::open(hiveFile, logs, mode, codepage, std::move(sync));
@@ -258,7 +266,7 @@ bool writeImage(Interfaces::Stripe& stripe, const std::vector<u8>& image) {
 }  // namespace
 
 Ref<HiveFile> HiveFile::create(Ref<Interfaces::Stripe> stripe, u32 minorVersion, HiveCodepage codepage,
-                               SyncCallback sync, const std::u16string& fileName) {
+                               SyncCallback sync, const std::u16string& fileName, u64 fixedTime) {
   if (!stripe) {
     HK_LOG(hiveLog, 4) << "No stripe given for the new hive";
     Error::set(Errors::NULL_ARGUMENT);
@@ -275,13 +283,16 @@ Ref<HiveFile> HiveFile::create(Ref<Interfaces::Stripe> stripe, u32 minorVersion,
     Error::set(Errors::INVALID_ARGUMENT);
     return nullptr;
   }
-  if (!writeImage(*stripe, emptyHiveImage(minorVersion, fileName))) return nullptr;
+  const u64 now = fixedTime ? fixedTime : RegistryHiveObj::clockNow();
+  if (!writeImage(*stripe, emptyHiveImage(minorVersion, fileName, now))) return nullptr;
   if (sync && !sync()) {
     HK_LOG(hiveLog, 4) << "Failed to sync the new hive";
     Error::set(Errors::INVALID_FILE);
     return nullptr;
   }
-  return open(stripe, LogFiles(), 0, codepage, std::move(sync));
+  Ref<HiveFile> hive = open(stripe, LogFiles(), 0, codepage, std::move(sync));
+  if (hive) hive.cast<RegistryHiveObj>()->setFixedTime(fixedTime);
+  return hive;
 }
 
 Ref<HiveFile> HiveFile::create(Ref<String> path, u32 minorVersion, HiveCodepage codepage) {
@@ -299,7 +310,7 @@ Ref<HiveFile> HiveFile::create(Ref<String> path, u32 minorVersion, HiveCodepage 
     Error::set(Errors::INVALID_FILE);
     return nullptr;
   }
-  if (!writeImage(*file, emptyHiveImage(minorVersion, path->units()))) return nullptr;
+  if (!writeImage(*file, emptyHiveImage(minorVersion, path->units(), RegistryHiveObj::clockNow()))) return nullptr;
   Ref<Interfaces::Stripe> stripe = file;
   SyncCallback sync = [stripe]() { return stripe->sync(); };
   if (!sync()) {

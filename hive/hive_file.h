@@ -42,6 +42,11 @@ class HiveFile : public Interfaces::Config::Hive::RegistryHive {
     Ref<Interfaces::Stripe> log1;     // .LOG1
     Ref<Interfaces::Stripe> log2;     // .LOG2
     Ref<String> primaryName, log1Name, log2Name;  // for messages
+    // Makes an empty .LOG1 when a flush needs a log and the hive has none
+    // to write (log1 null). May be empty, or return null: the flush then
+    // writes the hive in place, and a crash in the middle of it leaves a
+    // dirty hive that only opens as stored (see flush.cc).
+    std::function<Ref<Interfaces::Stripe>()> createLog1;
   };
   struct LogFileNames {
     Ref<String> primary;
@@ -53,7 +58,9 @@ class HiveFile : public Interfaces::Config::Hive::RegistryHive {
   virtual Ref<SecurityDescriptorIterator> securityDescriptorIterator() = 0;
   // Writes pending changes (then calls the sync callback). True on a
   // read-only hive. A true result means the bytes reached storage when
-  // the sync callback syncs (the path overload's does).
+  // the sync callback syncs (the path overload's does). A crash or a
+  // failure at any point leaves storage that opens, with the logs, as the
+  // last completed flush or as this one (see flush.cc).
   virtual bool flush() = 0;
   virtual u32 mode() = 0;
   // The base block's sequence numbers differ.
@@ -71,8 +78,10 @@ class HiveFile : public Interfaces::Config::Hive::RegistryHive {
   // writable. minorVersion is 3 or 5 (lf or lh subkey lists, db records).
   // `fileName` goes into the base block's file name field (its last 31
   // characters).
+  // `fixedTime` (a FILETIME, 0 for the clock) stamps the base block and
+  // the root key.
   static Ref<HiveFile> create(Ref<Interfaces::Stripe> stripe, u32 minorVersion, HiveCodepage codepage,
-                              SyncCallback sync, const std::u16string& fileName = u"");
+                              SyncCallback sync, const std::u16string& fileName = u"", u64 fixedTime = 0);
   // Creates (or truncates) the file at path; its sync reaches the disk.
   static Ref<HiveFile> create(Ref<String> path, u32 minorVersion, HiveCodepage codepage);
 

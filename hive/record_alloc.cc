@@ -370,6 +370,7 @@ bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data
                        << " length: " << length;
     return false;
   }
+  if (_changeDepth && !_replaying) noteUndo(hbin_idx, offsetInHbin, length);
   noteHbinWrite(hbin_idx, offsetInHbin, length);
   std::memcpy(_binsMem->map() + entry.offset + offsetInHbin, data, length);
   if ((_mode & modeWriteThrough) == 0) {

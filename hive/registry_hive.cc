@@ -27,6 +27,7 @@ RegistryHiveObj::RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& l
   _logs[0].name = logs.primaryName;
   _logs[1].name = logs.log1Name;
   _logs[2].name = logs.log2Name;
+  if (!readonly()) _createLog1 = logs.createLog1;
   _valid = construct(logs);
 }
 

@@ -112,6 +112,15 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   bool writeRecoveredCopy(Ref<Interfaces::Stripe> target);
   u32 hbinCount() const { return static_cast<u32>(_hbins.size()); }
 
+  // --- Time --------------------------------------------------------------
+  // What changes stamp as their time (keys' last write times, the base
+  // block at a flush): the clock, as a FILETIME (100 ns units since
+  // 1601-01-01 UTC), or the time fixed here (0 returns to the clock), for
+  // images that must come out the same on every run.
+  u64 now() const;
+  void setFixedTime(u64 filetime) { _fixedTime = filetime; }
+  static u64 clockNow();
+
   // The root key object (the same object while a caller holds it).
   Ref<KeyObj> rootObj();
 
@@ -149,6 +158,19 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   bool updateFreeSpace(u32 hbinIndex);
   bool writeHBIN(u32 hbinIndex, u32 offsetInHbin, const void* data, u32 length);
 
+  // --- Changes taken back whole --------------------------------------------
+  // Between beginChange() and endChange() the record store notes the old
+  // bytes of everything it changes; endChange(false) puts back the hbins'
+  // bytes, the hbins appended, the dirty marks, the base block and the
+  // file's length as they were at beginChange() (in write-through mode the
+  // file's bytes too), so that a change that fails half way leaves the hive
+  // exactly as before. Key and value objects made or changed meanwhile
+  // still hold what the change left: callers drop them. Calls nest; only
+  // the outermost pair counts. Callers hold mon().
+  void beginChange();
+  void endChange(bool keep);
+  bool inChange() const { return _changeDepth > 0; }
+
   // --- Names -------------------------------------------------------------
   // The stored form of a name: codepage bytes when every character has one
   // (ascii = true), else UTF-16LE. `length` is the stored byte count; `out`
@@ -177,6 +199,9 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   u32 hbinFromOffset(u32 offset);
   const hive_record* unsafeGetRecord(u32 offset);
   bool internalFlush();
+  // The log a flush writes its pages to first (.LOG1, made through
+  // LogFiles::createLog1 when missing, else .LOG2); null when there is none.
+  LogFileInfo* flushLog();
   struct HbinEntry {
     u32 offset;
     u32 size;
@@ -268,6 +293,22 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // Writes the dirty hbins (indices into _hbins) as one entry of the
   // current log; clears their dirty marks on success.
   bool flushToLog(const std::vector<u32>& dirtyHbins);
+  // One entry holding `pages`, as its bytes: header, references, pages,
+  // zeros to a multiple of 512.
+  std::vector<u8> buildLogEntry(const std::vector<LogPage>& pages, u32 sequence, u32 flags) const;
+  // The flush of a hive without a log in use (flush.cc): pages to the
+  // flush log, the base block marked dirty, the hbins, the base block
+  // marked clean. False at the first step that fails; the hbins stay dirty.
+  bool checkpoint(const std::vector<u32>& dirtyHbins);
+  bool writeCheckpointEntry(LogFileInfo& log, const std::vector<u32>& dirtyHbins, u32 sequence);
+  // The dirty hbins as runs of adjacent hbins, each one page reference
+  // and one write.
+  std::vector<LogPage> dirtyRuns(const std::vector<u32>& dirtyHbins) const;
+  bool writeHbins(const std::vector<u32>& dirtyHbins);
+  // The base block as the file holds it with new sequence numbers.
+  bool writeBaseBlock(u8* block, u32 primary, u32 secondary);
+  // Writes of the previous hive write failed write-through mode's way.
+  bool flushWriteThrough(const std::vector<u32>& dirtyHbins);
 
   bool construct(const LogFiles& logs);
   bool checkRootRecord();
@@ -328,6 +369,19 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   u64 _fileSize = 0;  // last known size of _stripe; re-read when an offset lies beyond it
   // The base block as the file holds it; flush writes _header when they differ.
   u8 _diskHeader[hive_header::SIZE] = {};
+  std::function<Ref<Interfaces::Stripe>()> _createLog1;
+  u64 _fixedTime = 0;
+  // A checkpoint that began (its first entry is in the flush log, synced)
+  // and has not marked the base block clean: the file may be dirty, and
+  // the log's chain is what recovers it, so the next flush appends to that
+  // chain instead of starting the log afresh.
+  struct OpenCheckpoint {
+    bool open = false;
+    u32 log = NO_LOG;  // index into _logs
+    u32 base = 0;      // the secondary sequence number while it is open
+    u32 sequence = 0;  // of its last entry
+    u64 next = 0;      // where the next entry goes
+  } _checkpoint;
 
   // The hive bins area, record offset 0 on: _binsView's pages, or
   // _binsMem's buffer (whose size may run ahead of the hive's). Null in
@@ -350,6 +404,21 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // The freeSize of every hbin, for the first-fit search of allocateRecord.
   FirstFitIndex _freeIndex;
   Ref<ReadOnlyCache> _unsafeCache;
+
+  // The journal of the change in progress (change_journal.cc).
+  struct Undo {
+    u32 hbin;
+    u32 offsetInHbin;
+    u8 wasDirty;
+    std::vector<u8> bytes;
+  };
+  void noteUndo(u32 hbinIdx, u32 offsetInHbin, u32 length);
+  u32 _changeDepth = 0;
+  bool _replaying = false;
+  std::vector<Undo> _undo;
+  u32 _changeHbins = 0;
+  u64 _changeFileSize = 0;
+  u8 _changeHeader[hive_header::SIZE] = {};
 };
 
 inline const hive_record* RegistryHiveObj::residentRecord(u32 offset) const {

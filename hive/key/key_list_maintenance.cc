@@ -21,6 +21,16 @@ bool KeyObj::syncKeyRecord() {
   return false;
 }
 
+void KeyObj::stamp() {
+  _lastWriteTime = _hive->now();
+  W64(_header + N::OFS_LAST_WRITE, _lastWriteTime);
+}
+
+bool KeyObj::touch() {
+  stamp();
+  return _hive->writeRecord(_offset, _header + N::OFS_LAST_WRITE, N::OFS_LAST_WRITE, 8);
+}
+
 bool KeyObj::ensureFreeListPlace(u32 position) {
   if (!initSubkeys()) return false;
   if (_tree.empty()) {
@@ -340,6 +350,7 @@ bool KeyObj::insertKey(u32 position, u32 nkOffset, u32 hash) {
     }
   }
   setHeader32(N::OFS_NUM_KEYS, _numOfKeys);
+  stamp();
   return syncKeyRecord();
 }
 
@@ -398,6 +409,7 @@ bool KeyObj::unlinkKey(u32 position) {
   keysRemovedAt(position);
   --_numOfKeys;
   setHeader32(N::OFS_NUM_KEYS, _numOfKeys);
+  stamp();
   return syncKeyRecord() && ok;
 }
 

@@ -144,6 +144,10 @@ class KeyObj : public Key {
   // write them: when the record need not move they are left alone.
   u32 writeKeyListRecord(u32 record, u32 first, u32 count, u32 unchanged = 0);
   bool syncKeyRecord();
+  // The last write time becomes the hive's now: in the header copy only
+  // (stamp, for callers that write the header next) or on disk too.
+  void stamp();
+  bool touch();
   bool insertKey(u32 position, u32 nkOffset, u32 hash);
   bool unlinkKey(u32 position);
 

@@ -106,6 +106,7 @@ Ref<Key> KeyObj::createKey(Ref<String> name) {
   W32(r + N::OFS_VALUE_LIST, INVALID_RECORD);
   W32(r + N::OFS_SK, sdOffset());
   W32(r + N::OFS_CLASS, INVALID_RECORD);
+  W64(r + N::OFS_LAST_WRITE, _hive->now());
   W16(r + N::OFS_NAME_LENGTH, static_cast<u16>(nameLength));
   std::copy(stored.begin(), stored.begin() + static_cast<size_t>(nameLength), r + N::OFS_NAME);
 
@@ -226,6 +227,8 @@ u32 KeyObj::setName(const Ref<String>& name, KeyListType type, u32 newParent, u3
   W32(r + N::OFS_PARENT, newParent);
   W16(r + N::OFS_NAME_LENGTH, static_cast<u16>(nameLength));
   std::copy(stored.begin(), stored.begin() + static_cast<size_t>(nameLength), r + N::OFS_NAME);
+  const u64 now = _hive->now();
+  W64(r + N::OFS_LAST_WRITE, now);
 
   const u32 oldOffset = _offset;
   const u32 newOffset = _hive->resizeRecord(oldOffset, recordSize, false);
@@ -234,6 +237,7 @@ u32 KeyObj::setName(const Ref<String>& name, KeyListType type, u32 newParent, u3
   std::copy(r, r + N::HEADER_SIZE, _header);
   _name = name;
   _offset = newOffset;
+  _lastWriteTime = now;
 
   if (newOffset != oldOffset && initSubkeys()) {
     u8 parent[4];

@@ -201,6 +201,7 @@ bool KeyObj::linkValue(const Ref<ValueObj>& value) {
     const u32 nameBytes = static_cast<u32>(name->length()) * 2;
     if (nameBytes > L32(_header + N::OFS_MAX_VALUE_NAME)) setHeader32(N::OFS_MAX_VALUE_NAME, nameBytes);
   }
+  stamp();
   if (!syncKeyRecord()) return false;
   valuesInsertedAt(_numOfValues - 1);
   return true;
@@ -263,6 +264,7 @@ bool KeyObj::unlinkValueAt(u32 index) {
   }
   setHeader32(N::OFS_NUM_VALUES, _numOfValues);
   setHeader32(N::OFS_VALUE_LIST, _valueListCell ? _valueListCell : INVALID_RECORD);
+  stamp();
   ok = syncKeyRecord() && ok;
   valuesRemovedAt(index);
   return ok;

@@ -38,6 +38,86 @@ bool RegistryHiveObj::startLog(LogFileInfo& log, u32 sequence) {
   return true;
 }
 
+std::vector<u8> RegistryHiveObj::buildLogEntry(const std::vector<LogPage>& pages, u32 sequence,
+                                              u32 flags) const {
+  u64 dataSize = 0;
+  for (const LogPage& p : pages) dataSize += p.length;
+  const u64 used = hive_log_entry::SIZE + 8ull * pages.size() + dataSize;
+  const u64 entrySize = (used + 511) & ~511ull;
+  if (entrySize > 0xFFFFFFFFull) return {};
+  std::vector<u8> entry(entrySize, 0);
+  u8* h = entry.data();
+  std::memcpy(h, "HvLE", 4);
+  W32(h + hive_log_entry::OFS_SIZE, static_cast<u32>(entrySize));
+  W32(h + hive_log_entry::OFS_FLAGS, flags);
+  W32(h + hive_log_entry::OFS_SEQ, sequence);
+  W32(h + hive_log_entry::OFS_LENGTH, hiveLength());
+  W32(h + hive_log_entry::OFS_COUNT, static_cast<u32>(pages.size()));
+  u8* refs = h + hive_log_entry::SIZE;
+  u8* data = refs + 8 * pages.size();
+  for (size_t i = 0; i < pages.size(); ++i) {
+    W32(refs + 8 * i, pages[i].offset);
+    W32(refs + 8 * i + 4, pages[i].length);
+    std::memcpy(data, pages[i].data, pages[i].length);
+    data += pages[i].length;
+  }
+  W64(h + hive_log_entry::OFS_HASH1, marvin32(refs, entrySize - hive_log_entry::SIZE));
+  W64(h + hive_log_entry::OFS_HASH2, marvin32(h, 32));
+  return entry;
+}
+
+// The first entry of a checkpoint starts the log afresh: header, entry and
+// a zero block that ends the scan before anything an earlier, longer entry
+// left behind, in one write (the file is clean, so nothing reads the log
+// until the base block says otherwise). A later entry of the same
+// checkpoint (one before it failed) extends the chain the dirty file
+// depends on: its body and the zero block behind it are synced before its
+// header is written.
+bool RegistryHiveObj::writeCheckpointEntry(LogFileInfo& log, const std::vector<u32>& dirtyHbins, u32 sequence) {
+  std::vector<u8> entry = buildLogEntry(dirtyRuns(dirtyHbins), sequence, 0);
+  if (entry.empty()) return false;
+  const std::string name = nameOf(log);
+  const u64 size = entry.size();
+  const bool first = !_checkpoint.open;
+  const u64 position = first ? hive_header::BASE_SIZE : _checkpoint.next;
+  bool ok;
+  if (first) {
+    u8 header[hive_header::BASE_SIZE];
+    std::memcpy(header, _header, sizeof header);
+    W32(header + hive_header::OFS_PRIMARY_SEQ, sequence);
+    W32(header + hive_header::OFS_SECONDARY_SEQ, sequence);
+    W32(header + hive_header::OFS_TYPE, 6);
+    W32(header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(header));
+    entry.insert(entry.begin(), header, header + sizeof header);
+    entry.resize(entry.size() + 512, 0);
+    ok = log.stripe->writeAt(0, entry.data(), entry.size()) == entry.size() && log.stripe->sync();
+    if (ok) {
+      std::memcpy(log.header, header, sizeof header);
+      log.entries.clear();
+      log.state.clear();
+    }
+  } else {
+    const u64 body = size - hive_log_entry::SIZE;
+    entry.resize(size + 512, 0);
+    ok = log.stripe->writeAt(position + hive_log_entry::SIZE, entry.data() + hive_log_entry::SIZE, body + 512) ==
+             body + 512 &&
+         log.stripe->sync() &&
+         log.stripe->writeAt(position, entry.data(), hive_log_entry::SIZE) == hive_log_entry::SIZE &&
+         log.stripe->sync();
+  }
+  if (!ok) {
+    HK_LOG(hiveLog, 4) << "Failed to write log entry " << sequence << " to " << name
+                       << "; error: " << Log::hex(Error::get());
+    return false;
+  }
+  LogEntryInfo info;
+  info.position = position;
+  std::memcpy(info.header, entry.data() + (first ? hive_header::BASE_SIZE : 0), hive_log_entry::SIZE);
+  log.entries.push_back(info);
+  _checkpoint.next = position + size;
+  return true;
+}
+
 bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
   HK_ASSERT_AS(hiveLog, "_mapped", static_cast<bool>(_mapped), false);
   LogFileInfo* log = currentLogFile();
@@ -83,29 +163,10 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
     return false;
   }
 
-  u64 dataSize = 0;
-  for (const LogPage& p : pages) dataSize += p.length;
-  const u64 used = hive_log_entry::SIZE + 8ull * pages.size() + dataSize;
-  const u64 entrySize = (used + 511) & ~511ull;
-  if (entrySize > 0xFFFFFFFFull) return false;
-  std::vector<u8> entry(entrySize, 0);
-  u8* h = entry.data();
-  std::memcpy(h, "HvLE", 4);
-  W32(h + hive_log_entry::OFS_SIZE, static_cast<u32>(entrySize));
-  W32(h + hive_log_entry::OFS_FLAGS, flags);
-  W32(h + hive_log_entry::OFS_SEQ, sequence);
-  W32(h + hive_log_entry::OFS_LENGTH, hiveLength());
-  W32(h + hive_log_entry::OFS_COUNT, static_cast<u32>(pages.size()));
-  u8* refs = h + hive_log_entry::SIZE;
-  u8* data = refs + 8 * pages.size();
-  for (size_t i = 0; i < pages.size(); ++i) {
-    W32(refs + 8 * i, pages[i].offset);
-    W32(refs + 8 * i + 4, pages[i].length);
-    std::memcpy(data, pages[i].data, pages[i].length);
-    data += pages[i].length;
-  }
-  W64(h + hive_log_entry::OFS_HASH1, marvin32(refs, entrySize - hive_log_entry::SIZE));
-  W64(h + hive_log_entry::OFS_HASH2, marvin32(h, 32));
+  std::vector<u8> entry = buildLogEntry(pages, sequence, flags);
+  if (entry.empty()) return false;
+  const u64 entrySize = entry.size();
+  const u8* h = entry.data();
 
   // The entry's header goes last, after its references and pages: until
   // then nothing at the position reads as an entry, so a write that fails

@@ -248,6 +248,7 @@ u32 ValueObj::write(const void* buffer, u32 offset, u32 size) {
     return count;
   }
   if (!initExtents()) return 0;
+  if (_parent) _parent->touch();
   return walkExtents(offset, count, [&](u32 extent, const hive_record*, u32 position, u32 done, u32 n) {
     if (_hive->writeRecord(extent, in + done, 4 + position, n)) return true;
     HK_LOG(hiveLog, 4) << "Failed to write data record: " << Log::hex(extent);
@@ -255,7 +256,10 @@ u32 ValueObj::write(const void* buffer, u32 offset, u32 size) {
   });
 }
 
+// Every change of the value's type, size or resident data passes here:
+// its key's last write time follows.
 bool ValueObj::writeRecordData() {
+  if (_parent) _parent->touch();
   return _hive->writeRecord(_offset, _recordData + 4, 4, VK::OFS_NAME - 4);
 }
 
@@ -561,6 +565,7 @@ bool ValueObj::setName(const Ref<String>& name) {
   }
   std::memcpy(_recordData, record.data(), VK::HEADER_SIZE);
   _name = name;
+  if (_parent) _parent->touch();
   return true;
 }
 

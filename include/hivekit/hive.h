@@ -61,6 +61,11 @@ struct OpenOptions {
   // Another open holding a conflicting lock (see Hive::open) makes this one
   // wait for it instead of failing with Code::in_use.
   bool wait = false;
+  // Writable opens: the time changes are stamped with (the last write time
+  // of the keys they touch, the base block's timestamp at each flush),
+  // instead of the clock; 0 is the clock. For images that must come out
+  // byte for byte the same on every run.
+  FileTime fixed_time = 0;
 };
 
 struct CreateOptions {
@@ -70,6 +75,9 @@ struct CreateOptions {
   Codepage codepage = Codepage::latin1;
   // Replace an existing file instead of failing with Code::already_exists.
   bool overwrite = false;
+  // As OpenOptions::fixed_time, for the new hive's base block and root key
+  // and the changes made through the returned Hive.
+  FileTime fixed_time = 0;
 };
 
 // One transaction log of the hive as the open found it.
@@ -169,6 +177,19 @@ class HIVEKIT_EXPORT Hive {
 
   // Writes every change since the last flush. When it returns ok the bytes
   // are on disk (synced). Ok at once for a read-only hive.
+  //
+  // A flush is a checkpoint a crash cannot tear: the changed pages go to
+  // HIVE.LOG1 first (made beside the hive when it has none and the logs
+  // are found beside it), then the hive is marked dirty, written, and
+  // marked clean. Killed or failing at any moment, it leaves files that
+  // open, with their logs, as this flush or the one before; a hive left
+  // dirty that way opens with its log in use (see HiveInfo) until
+  // `recover` writes a clean copy. Opened with Logs::none (or named logs
+  // without .LOG1/.LOG2), the hive is written in place: a crash then
+  // leaves a dirty hive that opens only with accept_dirty.
+  //
+  // Every other change is all or nothing: a call that fails leaves the
+  // hive, in memory and on disk, exactly as it was.
   Status flush();
   // Flushes a writable hive and releases the file and its logs. Handles of
   // this hive fail with Code::closed afterwards. The flush's result is

@@ -51,7 +51,7 @@ struct Disk {
 };
 
 HiveFile::LogFiles logFiles(Ref<Interfaces::Stripe> log1) {
-  return {nullptr, std::move(log1), nullptr, nullptr, S("h.LOG1"), nullptr};
+  return {nullptr, std::move(log1), nullptr, nullptr, S("h.LOG1"), nullptr, {}};
 }
 
 // The bytes opened read-only, a dirty hive accepted.
@@ -269,14 +269,15 @@ Start makeStart(bool logged, bool padded, bool big) {
     if (!std::equal(from, from + 4096, clean.begin() + 4096 + page))
       pages.push_back({page, {from, from + 4096}});
   }
-  test::LogBuilder log(clean, 1);
-  log.entry(1, length, pages);
+  const u32 sequence = L32(&clean[H::hive_header::OFS_SECONDARY_SEQ]);
+  test::LogBuilder log(clean, sequence);
+  log.entry(sequence, length, pages);
   s.disk.log1 = log.bytes;
   // Windows keeps its logs at a size it grows in steps: the entries end in
   // zeros, which new entries overwrite.
   if (padded) s.disk.log1.resize(64 * 1024);
   s.disk.hive = clean;
-  Platform::W32(&s.disk.hive[H::hive_header::OFS_PRIMARY_SEQ], 2);
+  Platform::W32(&s.disk.hive[H::hive_header::OFS_PRIMARY_SEQ], sequence + 1);
   Platform::W32(&s.disk.hive[H::hive_header::OFS_CHECKSUM], H::calculateHeaderChecksum(s.disk.hive.data()));
   return s;
 }

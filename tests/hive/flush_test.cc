@@ -7,6 +7,7 @@
 
 #include "hive/registry_hive.h"
 #include "platform/memory_stripe.h"
+#include "tests/log/log_builder.h"
 #include "tests/support/hive_builder.h"
 
 namespace Libraries::Files::Hive {
@@ -45,16 +46,63 @@ class Flush : public ::testing::Test {
   bool syncResult = true;
 };
 
-TEST_F(Flush, WritesChangedHbinsButNotTheBaseBlock) {
-  Ref<RegistryHiveObj> hive = open(0);
+// The pages go to the log first, then the hive, whose base block ends clean
+// one sequence number on, stamped with the flush's time; the log alone
+// recovers that state while the base block says dirty.
+TEST_F(Flush, WritesTheLogThenTheHiveAndMarksItClean) {
+  using H = hive_header;
+  Ref<MemoryStripe> log1 = MemoryStripe::create();
+  bool made = false;
+  HiveFile::LogFiles logs;
+  logs.createLog1 = [&] {
+    made = true;
+    return Ref<Interfaces::Stripe>(log1);
+  };
+  stripe = MemoryStripe::create(image);
+  Ref<RegistryHiveObj> hive = HiveFile::open(stripe, logs, 0, latin1, {}).cast<RegistryHiveObj>();
+  ASSERT_TRUE(hive);
+  hive->setFixedTime(133537680000000000);
   ASSERT_TRUE(change(*hive, 0x5a));
   EXPECT_EQ(stored(), 0) << "changes wait in memory";
+  EXPECT_FALSE(made) << "the log is made by the first flush that writes";
+  EXPECT_TRUE(hive->flush());
+  EXPECT_EQ(stored(), 0x5a);
+  const u8* base = stripe->bytes().data();
+  const u32 sequence = L32(image.data() + H::OFS_PRIMARY_SEQ) + 1;
+  EXPECT_EQ(L32(base + H::OFS_PRIMARY_SEQ), sequence);
+  EXPECT_EQ(L32(base + H::OFS_SECONDARY_SEQ), sequence);
+  EXPECT_EQ(L64(base + H::OFS_TIMESTAMP), 133537680000000000u);
+  EXPECT_FALSE(hive->dirty());
+  ASSERT_TRUE(made);
+  const std::vector<u8>& log = log1->bytes();
+  ASSERT_GT(log.size(), 1024u);
+  EXPECT_EQ(L32(log.data() + H::OFS_TYPE), 6u);
+  EXPECT_EQ(L32(log.data() + H::OFS_PRIMARY_SEQ), sequence);
+  EXPECT_TRUE(hivekit::test::entryHashesValid(log, 512));
+  hive = nullptr;
+
+  // The file as a crash after the dirty mark leaves it: the hbins as they
+  // were, the base block dirty. The log gives the flushed change back.
+  std::vector<u8> torn = image;
+  Platform::W32(torn.data() + H::OFS_PRIMARY_SEQ, sequence);
+  Platform::W32(torn.data() + H::OFS_CHECKSUM, calculateHeaderChecksum(torn.data()));
+  HiveFile::LogFiles read;
+  read.log1 = MemoryStripe::create(log);
+  stripe = MemoryStripe::create(torn);
+  hive = HiveFile::open(stripe, read, modeReadOnly, latin1, {}).cast<RegistryHiveObj>();
+  ASSERT_TRUE(hive);
+  EXPECT_EQ(hive->cacheLoadRecord(record)->bytes()[4], 0x5a);
+}
+
+TEST_F(Flush, WithoutALogWritesInPlaceBetweenDirtyAndCleanMarks) {
+  Ref<RegistryHiveObj> hive = open(0);
+  ASSERT_TRUE(change(*hive, 0x5a));
   EXPECT_TRUE(hive->flush());
   EXPECT_EQ(stored(), 0x5a);
   EXPECT_EQ(syncs, 1);
-  EXPECT_TRUE(std::equal(image.begin(), image.begin() + 4096, stripe->bytes().begin()))
-      << "sequence numbers and the rest of the base block stay as they were";
-  EXPECT_FALSE(hive->dirty());
+  const u32 sequence = L32(image.data() + hive_header::OFS_PRIMARY_SEQ) + 1;
+  EXPECT_EQ(L32(stripe->bytes().data() + hive_header::OFS_PRIMARY_SEQ), sequence);
+  EXPECT_EQ(L32(stripe->bytes().data() + hive_header::OFS_SECONDARY_SEQ), sequence);
 }
 
 TEST_F(Flush, WithNothingToWriteOnlyAWritableHiveSyncs) {

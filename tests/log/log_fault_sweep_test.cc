@@ -71,7 +71,7 @@ Opened open(const Files& files, u32 mode, u32 faulted, const FaultStripe::Kind k
     o.stripes.push_back(f.empty() ? nullptr : FaultStripe::wrap(MemoryStripe::create(f)));
   o.stripes[faulted]->arm(kind, n, fault, sticky);
   const HiveFile::LogFiles logs{
-      nullptr, o.stripes[1], o.stripes[2], nullptr, String::create("h.LOG1"), String::create("h.LOG2")};
+      nullptr, o.stripes[1], o.stripes[2], nullptr, String::create("h.LOG1"), String::create("h.LOG2"), {}};
   o.hive = HiveFile::open(o.stripes[0], logs, mode, Hive::latin1, {});
   o.stripes[faulted]->disarm();
   return o;

@@ -66,7 +66,7 @@ class LogReplay : public ::testing::Test {
     stripe1 = log1.empty() ? nullptr : MemoryStripe::create(log1);
     stripe2 = log2.empty() ? nullptr : MemoryStripe::create(log2);
     HiveFile::LogFiles logs{
-        nullptr, stripe1, stripe2, nullptr, String::create("t.LOG1"), String::create("t.LOG2")};
+        nullptr, stripe1, stripe2, nullptr, String::create("t.LOG1"), String::create("t.LOG2"), {}};
     return HiveFile::open(file, logs, mode, latin1, nullptr).cast<RegistryHiveObj>();
   }
   // Opens again, read-only, what the last open left in the stripes.
@@ -218,7 +218,9 @@ TEST_F(LogReplay, WritesContinueTheLogAndLeaveTheFileAlone) {
   EXPECT_EQ(L32(e + hive_log_entry::OFS_SEQ), 3u);
   EXPECT_EQ(L32(e + hive_log_entry::OFS_FLAGS), 0x5u);
   EXPECT_EQ(L32(e + hive_log_entry::OFS_LENGTH), 2 * PAGE);
-  EXPECT_EQ(L32(e + hive_log_entry::SIZE), PAGE) << "the hbin of v2";
+  EXPECT_EQ(L32(e + hive_log_entry::OFS_COUNT), 1u);
+  EXPECT_EQ(L32(e + hive_log_entry::SIZE), 0u);
+  EXPECT_EQ(L32(e + hive_log_entry::SIZE + 4), 2 * PAGE) << "v2's hbin and its key's, whose time changed";
   EXPECT_TRUE(hivekit::test::entryHashesValid(after, before.size()));
   hive = nullptr;
 
