@@ -251,9 +251,9 @@ void pathSeeds() {
     ++n;
   }
   std::string deep;
-  for (int i = 0; i < 40; ++i) deep += "level" + std::to_string(i % 7) + "/";
+  for (int i = 0; i < 20; ++i) deep += "level" + std::to_string(i % 7) + "/";
   write("path", "deep", prepend(0, std::vector<u8>(deep.begin(), deep.end())));
-  const std::string longName(300, 'n');
+  const std::string longName(150, 'n');
   write("path", "long", prepend(8, std::vector<u8>(longName.begin(), longName.end())));
   write("path", "readonly", prepend(16, {'a', '/', 'z'}));
 }
