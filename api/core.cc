@@ -23,7 +23,8 @@ void CoreBase::destroy() const noexcept {
   delete static_cast<const HiveCore*>(this);
 }
 
-HiveCore::HiveCore(Ref<RegistryHiveObj> hive, std::string path, bool writable, std::shared_ptr<OpenFiles> files)
+HiveCore::HiveCore(Ref<RegistryHiveObj> hive, std::string path, bool writable,
+                   std::shared_ptr<OpenFiles> files)
     : _hive(std::move(hive)), _path(std::move(path)), _writable(writable), _files(std::move(files)) {}
 
 HiveCore::~HiveCore() {

@@ -145,7 +145,8 @@ void syncDirectoryOf(const std::string& path) {
 // Makes HIVE.LOG1 for the first flush of a hive that has none: created,
 // locked as the hive is, and its directory entry synced before the hive
 // comes to depend on it.
-std::function<Ref<Interfaces::Stripe>()> makeLog1(const std::string& hivePath, std::weak_ptr<OpenFiles> weakFiles) {
+std::function<Ref<Interfaces::Stripe>()> makeLog1(const std::string& hivePath,
+                                                  std::weak_ptr<OpenFiles> weakFiles) {
   return [hivePath, weakFiles]() -> Ref<Interfaces::Stripe> {
     std::shared_ptr<OpenFiles> files = weakFiles.lock();
     if (!files) return nullptr;
@@ -288,10 +289,11 @@ Result<Hive> Hive::create(std::string_view pathView, const CreateOptions& option
   if (made) {
     Ref<Interfaces::Stripe> stripe = file;
     const size_t slash = path.rfind('/');
-    created = HiveFile::create(stripe, options.minor_version, engineCodepage(options.codepage),
-                               [stripe]() { return stripe->sync(); },
-                               Platform::utf8ToUtf16(slash == std::string::npos ? path : path.substr(slash + 1)),
-                               options.fixed_time);
+    created = HiveFile::create(
+        stripe, options.minor_version, engineCodepage(options.codepage),
+        [stripe]() { return stripe->sync(); },
+        Platform::utf8ToUtf16(slash == std::string::npos ? path : path.substr(slash + 1)),
+        options.fixed_time);
     made = created && ::rename(temp.c_str(), path.c_str()) == 0;
     if (!made && created) Platform::Error::set(Platform::Error::IO_ERROR | static_cast<u32>(errno));
   }

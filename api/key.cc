@@ -353,7 +353,8 @@ Result<Key> Key::create_key(std::string_view path) {
   if (!call.writable()) return call.status();
   return call.atomically([&]() -> Result<Key> {
     std::vector<std::string_view> parts;
-    if (!splitPath(path, parts)) return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
+    if (!splitPath(path, parts))
+      return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
     Status why;
     Ref<KeyObj> key = call.core().keyObject(offset_, why);
     if (!key) return why;
@@ -385,7 +386,8 @@ Status Key::delete_key(std::string_view path, bool recursive) {
   if (!call.writable()) return call.status();
   return call.atomically([&]() -> Status {
     std::vector<std::string_view> parts;
-    if (!splitPath(path, parts)) return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
+    if (!splitPath(path, parts))
+      return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
     if (parts.empty()) return Status(Code::invalid_argument, "no key named to delete");
     Status why;
     Ref<KeyObj> parent = call.core().keyObject(offset_, why);
@@ -403,7 +405,8 @@ Status Key::delete_key(std::string_view path, bool recursive) {
     call.core().forgetObjects();
     if (!deleted) {
       if (Platform::Error::get() == Errors::KEY_NOT_EMPTY)
-        return Status(Code::not_empty, "key " + quoted(path) + " has subkeys or values (delete it recursively)");
+        return Status(Code::not_empty,
+                      "key " + quoted(path) + " has subkeys or values (delete it recursively)");
       return engineStatus("cannot delete key " + quoted(path), Code::internal);
     }
     return Status();
@@ -431,8 +434,10 @@ Status Key::move_to(const Key& new_parent, std::string_view new_name) {
   Call call(core_);
   if (!call.writable()) return call.status();
   return call.atomically([&]() -> Status {
-    if (!(new_parent.core_ == core_)) return Status(Code::invalid_argument, "the new parent is of another hive");
-    if (offset_ == call.hive().rootOffset()) return Status(Code::invalid_argument, "the root key cannot be moved");
+    if (!(new_parent.core_ == core_))
+      return Status(Code::invalid_argument, "the new parent is of another hive");
+    if (offset_ == call.hive().rootOffset())
+      return Status(Code::invalid_argument, "the root key cannot be moved");
     if (new_name.empty()) return Status(Code::invalid_argument, "empty key name");
     if (toUtf16(new_name).size() > KeyObj::MAX_KEY_NAME_LENGTH)
       return Status(Code::too_large, "key name longer than 255 characters: " + quoted(new_name));

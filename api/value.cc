@@ -209,8 +209,10 @@ Status Value::move_to(const Key& key, std::string_view new_name) {
     Ref<KeyObj> target = call.core().keyObject(key.offset(), why);
     if (!target) return why;
     Platform::Error::clear();
-    if (!target->move(Ref<Interfaces::Config::Hive::Value>(v), Platform::String::fromUtf16(toUtf16(new_name)))) {
-      if (Platform::Error::get() == Errors::MOVE_VALUE_EXISTS || Platform::Error::get() == Errors::VALUE_EXISTS)
+    if (!target->move(Ref<Interfaces::Config::Hive::Value>(v),
+                      Platform::String::fromUtf16(toUtf16(new_name)))) {
+      if (Platform::Error::get() == Errors::MOVE_VALUE_EXISTS ||
+          Platform::Error::get() == Errors::VALUE_EXISTS)
         return Status(Code::already_exists, "a value named " + quoted(new_name) + " exists already");
       return engineStatus("cannot move the value to " + quoted(new_name), Code::internal);
     }

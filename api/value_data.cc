@@ -150,8 +150,9 @@ Status replaceValueData(ValueObj& value, u32 type, std::span<const std::byte> da
   if (!fitsHive(*value.hive(), data.size())) return dataTooLargeFor(*value.hive(), data.size());
   Platform::Error::clear();
   if (writeBytes(value, type, data)) return Status();
-  return Platform::Error::get() == Errors::INVALID_ARGUMENT ? dataTooLarge(data.size())
-                                                             : engineStatus("cannot set the value", Code::io_error);
+  return Platform::Error::get() == Errors::INVALID_ARGUMENT
+             ? dataTooLarge(data.size())
+             : engineStatus("cannot set the value", Code::io_error);
 }
 
 Status setValueData(KeyObj& key, std::string_view name, u32 type, std::span<const std::byte> data,
@@ -171,8 +172,9 @@ Status setValueData(KeyObj& key, std::string_view name, u32 type, std::span<cons
   if (!value) return engineStatus("cannot create value " + quoted(name), Code::internal);
   Platform::Error::clear();
   if (writeBytes(*value, type, data)) return Status();
-  return Platform::Error::get() == Errors::INVALID_ARGUMENT ? dataTooLarge(data.size())
-                                                             : engineStatus("cannot set value " + quoted(name), Code::io_error);
+  return Platform::Error::get() == Errors::INVALID_ARGUMENT
+             ? dataTooLarge(data.size())
+             : engineStatus("cannot set value " + quoted(name), Code::io_error);
 }
 
 }  // namespace hivekit::detail

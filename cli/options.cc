@@ -112,8 +112,10 @@ bool readFixedTime(const ParsedArgs& parsed, FileTime& time, std::string& error)
   errno = 0;
   const unsigned long long seconds = std::strtoull(epoch, &end, 10);
   constexpr unsigned long long MAX_SECONDS = 100000000000ull;  // year 5138: beyond any date worth stamping
-  if (!std::isdigit(static_cast<unsigned char>(*epoch)) || *end != '\0' || errno != 0 || seconds > MAX_SECONDS) {
-    error = "SOURCE_DATE_EPOCH is not a number of seconds since 1970: '" + std::string(epoch).substr(0, 200) + "'";
+  if (!std::isdigit(static_cast<unsigned char>(*epoch)) || *end != '\0' || errno != 0 ||
+      seconds > MAX_SECONDS) {
+    error = "SOURCE_DATE_EPOCH is not a number of seconds since 1970: '" + std::string(epoch).substr(0, 200) +
+            "'";
     return false;
   }
   time = to_filetime(std::chrono::system_clock::time_point(std::chrono::seconds(seconds)));

@@ -6,9 +6,9 @@
 // (a hang inside one library call still does, and is a finding).
 #pragma once
 
-#include <memory>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "api/core.h"
@@ -49,7 +49,8 @@ inline void diffWithItself(const Ref<HiveFile>& hive, const WalkLimits& limits) 
   namespace d = hivekit::detail;
   // A read-only handle over the same engine object, owning no files:
   // closing it flushes and closes nothing.
-  hivekit::Hive api = d::Access::makeHive(d::CoreRef::adopt(new d::HiveCore(obj, "", false, std::make_shared<d::OpenFiles>())));
+  hivekit::Hive api = d::Access::makeHive(
+      d::CoreRef::adopt(new d::HiveCore(obj, "", false, std::make_shared<d::OpenFiles>())));
   u32 reported = 0;
   (void)hivekit::diff(api.root(), api.root(), [&](const hivekit::Difference&) { return ++reported < 100; },
                       {.last_write = true});

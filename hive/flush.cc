@@ -118,7 +118,8 @@ bool RegistryHiveObj::checkpoint(const std::vector<u32>& dirtyHbins) {
   u8 block[hive_header::SIZE];
   std::memcpy(block, _diskHeader, sizeof block);
   if (!writeBaseBlock(block, sequence, _checkpoint.base) || !_file->sync()) {
-    HK_LOG(hiveLog, 4) << "Failed to mark the hive dirty before writing it; error: " << Log::hex(Error::get());
+    HK_LOG(hiveLog, 4) << "Failed to mark the hive dirty before writing it; error: "
+                       << Log::hex(Error::get());
     return false;
   }
   _checkpoint.open = true;

@@ -181,7 +181,8 @@ Ref<HiveFile> HiveFile::open(Ref<String> path, u32 mode, HiveCodepage codepage) 
     logs.createLog1 = [log1, made]() -> Ref<Interfaces::Stripe> {
       Ref<FileStripe> log = FileStripe::open(log1, FileStripe::Read | FileStripe::Write | FileStripe::Create);
       if (!log) {
-        HK_LOG(hiveLog, 3) << "Failed to create hive log file " << log1 << "; error: " << Log::hex(Error::get());
+        HK_LOG(hiveLog, 3) << "Failed to create hive log file " << log1
+                           << "; error: " << Log::hex(Error::get());
         return nullptr;
       }
       *made = log;
@@ -310,7 +311,8 @@ Ref<HiveFile> HiveFile::create(Ref<String> path, u32 minorVersion, HiveCodepage 
     Error::set(Errors::INVALID_FILE);
     return nullptr;
   }
-  if (!writeImage(*file, emptyHiveImage(minorVersion, path->units(), RegistryHiveObj::clockNow()))) return nullptr;
+  if (!writeImage(*file, emptyHiveImage(minorVersion, path->units(), RegistryHiveObj::clockNow())))
+    return nullptr;
   Ref<Interfaces::Stripe> stripe = file;
   SyncCallback sync = [stripe]() { return stripe->sync(); };
   if (!sync()) {

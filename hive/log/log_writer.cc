@@ -39,7 +39,7 @@ bool RegistryHiveObj::startLog(LogFileInfo& log, u32 sequence) {
 }
 
 std::vector<u8> RegistryHiveObj::buildLogEntry(const std::vector<LogPage>& pages, u32 sequence,
-                                              u32 flags) const {
+                                               u32 flags) const {
   u64 dataSize = 0;
   for (const LogPage& p : pages) dataSize += p.length;
   const u64 used = hive_log_entry::SIZE + 8ull * pages.size() + dataSize;
@@ -73,7 +73,8 @@ std::vector<u8> RegistryHiveObj::buildLogEntry(const std::vector<LogPage>& pages
 // checkpoint (one before it failed) extends the chain the dirty file
 // depends on: its body and the zero block behind it are synced before its
 // header is written.
-bool RegistryHiveObj::writeCheckpointEntry(LogFileInfo& log, const std::vector<u32>& dirtyHbins, u32 sequence) {
+bool RegistryHiveObj::writeCheckpointEntry(LogFileInfo& log, const std::vector<u32>& dirtyHbins,
+                                           u32 sequence) {
   std::vector<u8> entry = buildLogEntry(dirtyRuns(dirtyHbins), sequence, 0);
   if (entry.empty()) return false;
   const std::string name = nameOf(log);
@@ -99,8 +100,8 @@ bool RegistryHiveObj::writeCheckpointEntry(LogFileInfo& log, const std::vector<u
   } else {
     const u64 body = size - hive_log_entry::SIZE;
     entry.resize(size + 512, 0);
-    ok = log.stripe->writeAt(position + hive_log_entry::SIZE, entry.data() + hive_log_entry::SIZE, body + 512) ==
-             body + 512 &&
+    ok = log.stripe->writeAt(position + hive_log_entry::SIZE, entry.data() + hive_log_entry::SIZE,
+                             body + 512) == body + 512 &&
          log.stripe->sync() &&
          log.stripe->writeAt(position, entry.data(), hive_log_entry::SIZE) == hive_log_entry::SIZE &&
          log.stripe->sync();

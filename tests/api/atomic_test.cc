@@ -114,7 +114,8 @@ TEST(Atomicity, FailedChangesLeaveTheHiveAsItWas) {
           break;
         }
         case 3:
-          s = key.create_key(std::string(200, 'k') + std::to_string(step) + "\\" + std::string(200, 'n')).status();
+          s = key.create_key(std::string(200, 'k') + std::to_string(step) + "\\" + std::string(200, 'n'))
+                  .status();
           break;
         case 4:
           s = key.delete_value(name);
@@ -126,7 +127,8 @@ TEST(Atomicity, FailedChangesLeaveTheHiveAsItWas) {
           s = key.rename(std::string(150 + pick(100), 'r'));
           break;
         default:
-          if (Result<Value> v = key.value(name)) s = v->set_multi_string(std::vector<std::string>{std::string(pick(30000), 'm')});
+          if (Result<Value> v = key.value(name))
+            s = v->set_multi_string(std::vector<std::string>{std::string(pick(30000), 'm')});
           break;
       }
     }

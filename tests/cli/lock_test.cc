@@ -42,7 +42,8 @@ class TwoProcesses : public CliTest {
   void SetUp() override {
     CliTest::SetUp();
     std::string reg = "Windows Registry Editor Version 5.00\r\n\r\n";
-    for (int i = 0; i < KEYS; ++i) reg += "[ROOT\\Big\\K" + std::to_string(i) + "]\r\n\"v\"=dword:00000001\r\n\r\n";
+    for (int i = 0; i < KEYS; ++i)
+      reg += "[ROOT\\Big\\K" + std::to_string(i) + "]\r\n\"v\"=dword:00000001\r\n\r\n";
     writeFile(path("big.reg"), reg);
     ASSERT_EQ(hivekit({"new", path("h").string()}).status, 0);
     ASSERT_EQ(hivekit({"mkkey", path("h").string(), "Small"}).status, 0);

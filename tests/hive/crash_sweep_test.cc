@@ -9,6 +9,8 @@
 // point of the final flush of an import (its other calls grow the file as
 // the import appends hbins); HIVEKIT_CRASH_SWEEP=full runs every point (up
 // to 400 per workload).
+#include "tests/support/crash_sweep.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -19,7 +21,6 @@
 
 #include "hivekit/hivekit.h"
 #include "tests/log/log_builder.h"
-#include "tests/support/crash_sweep.h"
 #include "tests/support/hive_builder.h"
 #include "tests/support/test_files.h"
 
@@ -79,7 +80,8 @@ void prepare(const std::string& workload, const fs::path& dir) {
     test::LogBuilder log(image, 2);
     log.entry(2, static_cast<test::u32>(image.size() - 4096),
               {test::LoggedPage{0, std::vector<test::u8>(image.begin() + 4096, image.begin() + 8192)}});
-    std::ofstream(dir / "hive", std::ios::binary).write(reinterpret_cast<const char*>(image.data()), image.size());
+    std::ofstream(dir / "hive", std::ios::binary)
+        .write(reinterpret_cast<const char*>(image.data()), image.size());
     std::ofstream(dir / "hive.LOG1", std::ios::binary)
         .write(reinterpret_cast<const char*>(log.bytes.data()), log.bytes.size());
   } else {
@@ -121,7 +123,8 @@ void mixed(Hive& hive, const std::function<void(Hive&)>& flushed) {
   }
 }
 
-void runWorkload(const std::string& workload, const fs::path& dir, const std::function<void(Hive&)>& flushed) {
+void runWorkload(const std::string& workload, const fs::path& dir,
+                 const std::function<void(Hive&)>& flushed) {
   Result<Hive> hive = Hive::open((dir / "hive").string(), {.writable = true, .fixed_time = STAMP});
   if (!hive) {
     std::fprintf(stderr, "open: %s\n", hive.status().to_string().c_str());
@@ -209,8 +212,8 @@ class CrashSweep : public ::testing::Test {
     int older = 0, newer = 0, trial = 0;
     std::vector<fs::path> recovered;
     for (long n : test::sweepPoints(count, limit, tail)) {
-      SCOPED_TRACE(workload + (diskFull ? ", disk full from call " : ", stopped before call ") + std::to_string(n) +
-                   " of " + std::to_string(count));
+      SCOPED_TRACE(workload + (diskFull ? ", disk full from call " : ", stopped before call ") +
+                   std::to_string(n) + " of " + std::to_string(count));
       const fs::path dir = root / ("trial" + std::to_string(trial++));
       fs::copy(start, dir);
       CrashPoint point;
@@ -238,9 +241,10 @@ class CrashSweep : public ::testing::Test {
     }
     const std::string hivex = hivexProblems(recovered);
     EXPECT_TRUE(hivex.empty() || hivex == "skip") << hivex;
-    std::cout << "[ sweep    ] " << workload << (diskFull ? " (disk full)" : "") << ": " << trial << " of " << count
-              << " points; " << older << " opened as the last finished flush, " << newer
-              << " as the flush in progress; hivex " << (hivex.empty() ? "read " + std::to_string(recovered.size()) + " recovered copies" : hivex)
+    std::cout << "[ sweep    ] " << workload << (diskFull ? " (disk full)" : "") << ": " << trial << " of "
+              << count << " points; " << older << " opened as the last finished flush, " << newer
+              << " as the flush in progress; hivex "
+              << (hivex.empty() ? "read " + std::to_string(recovered.size()) + " recovered copies" : hivex)
               << "\n";
   }
 

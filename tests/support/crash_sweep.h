@@ -19,9 +19,9 @@
 namespace hivekit::test {
 
 struct CrashRun {
-  int status = -1;      // exit status; CRASH_STATUS when it stopped at the point
-  int flushes = 0;      // "flushed" lines the child wrote
-  std::string output;   // all it wrote to standard output and error
+  int status = -1;     // exit status; CRASH_STATUS when it stopped at the point
+  int flushes = 0;     // "flushed" lines the child wrote
+  std::string output;  // all it wrote to standard output and error
 };
 constexpr int CRASH_STATUS = 86;
 
