@@ -1020,8 +1020,8 @@ void property(py::handle type, const char* name, const char* doc, G&& get, S&& s
               builtin(py::cpp_function(std::forward<G>(get)), py::cpp_function(std::forward<S>(set)), py::none(), doc));
 }
 
-PyTypeObject* make_type(py::module_& m, PyType_Spec& spec, const char* name) {
-  PyObject* t = PyType_FromSpec(&spec);
+PyTypeObject* make_type(py::module_& m, PyType_Spec& shape, const char* name) {
+  PyObject* t = PyType_FromSpec(&shape);
   if (!t) throw py::error_already_set();
   py::setattr(t, "__module__", py::str("hivekit"));
   m.add_object(name, py::handle(t));  // the module keeps a reference; `t` keeps ours for good
