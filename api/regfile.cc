@@ -145,17 +145,19 @@ Status importFrom(Hive& hive, const Ref<Interfaces::Stripe>& source, const Impor
   RegFileUtil::ImportControl control;
   control.dryRun = options.dry_run;
   control.maxDataSize = Libraries::Files::Hive::maxValueDataSize(call.hive().versionMinor());
-  bool applying = false;
-  control.applying = &applying;
-  const bool ok =
-      RegFileUtil::importRegFile(Ref<Interfaces::Config::Hive::RegistryHive>(&call.hive()), source,
-                                 Util::regPathFromWindowsStyle(String::create(options.prefix)),
-                                 reporter.function(), options.trace, control);
+  // The file is checked whole before anything changes; a failure while
+  // applying it (out of space, an I/O error) is taken back like any other
+  // failed change, so an import is all or nothing.
+  const bool ok = call.atomically([&] {
+    return RegFileUtil::importRegFile(Ref<Interfaces::Config::Hive::RegistryHive>(&call.hive()), source,
+                                      Util::regPathFromWindowsStyle(String::create(options.prefix)),
+                                      reporter.function(), options.trace, control);
+  });
   call.core().forgetObjects();
   if (ok) return Status();
   return Status(codeFor(Platform::Error::get(), Code::invalid_argument),
                 "import of " + what + " failed" + (reporter.first.empty() ? "" : ": " + reporter.first) +
-                    (applying ? "; what came before the failure was applied" : "; the hive was not changed"));
+                    "; the hive was not changed");
 }
 
 }  // namespace

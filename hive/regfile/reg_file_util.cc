@@ -111,7 +111,6 @@ bool RegFileUtil::importRegFile(const Ref<RegistryHive>& hive, const Ref<Interfa
   RegFileImportHandler checker(nullptr, prefix, errors, false, false);
   if (!runPass(source, start, checker, control.maxDataSize, false)) return false;
   if (control.dryRun) return true;
-  if (control.applying) *control.applying = true;
   RegFileImportHandler applier(hive, prefix, errors, trace, true);
   return runPass(source, start, applier, control.maxDataSize, true);
 }
