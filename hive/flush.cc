@@ -63,32 +63,16 @@ bool RegistryHiveObj::internalFlush() {
   std::vector<u32> dirty;
   for (u32 i = 0; i < _dirty.size(); ++i)
     if (_dirty[i]) dirty.push_back(i);
-  if (_logMode != LogMode::None) return dirty.empty() || flushToLog(dirty);
+  if (logMode() != LogMode::None) return dirty.empty() || flushToLog(dirty);
   if (_mode & modeWriteThrough) return flushWriteThrough(dirty);
   if (dirty.empty() && !_checkpoint.open && std::memcmp(_diskHeader, _header, hive_header::SIZE) == 0)
     return true;
   return checkpoint(dirty);
 }
 
-LogFileInfo* RegistryHiveObj::flushLog() {
-  if (_logs[1].stripe) return &_logs[1];
-  if (_createLog1) {
-    // Asked once: a log that cannot be made now is not retried each flush.
-    auto create = std::move(_createLog1);
-    _createLog1 = nullptr;
-    if (Ref<Interfaces::Stripe> made = create()) {
-      _logs[1].stripe = made;
-      if (!_logs[1].name) _logs[1].name = String::create("(.LOG1)");
-      return &_logs[1];
-    }
-    HK_LOG(hiveLog, 3) << "No log file could be made for the flush; writing the hive in place";
-  }
-  return _logs[2].stripe ? &_logs[2] : nullptr;
-}
-
 bool RegistryHiveObj::checkpoint(const std::vector<u32>& dirtyHbins) {
-  LogFileInfo* log = flushLog();
-  const u32 index = log ? static_cast<u32>(log - _logs) : NO_LOG;
+  LogFileInfo* log = _log.flushLog();
+  const u32 index = _log.indexOf(log);
   if (_checkpoint.open && _checkpoint.log != index) _checkpoint.open = false;  // a log made since
   if (!_checkpoint.open) {
     // The first entry of a chain must not join entries another log holds:
@@ -97,8 +81,9 @@ bool RegistryHiveObj::checkpoint(const std::vector<u32>& dirtyHbins) {
     u32 base = std::max(L32(_diskHeader + hive_header::OFS_PRIMARY_SEQ),
                         L32(_diskHeader + hive_header::OFS_SECONDARY_SEQ));
     for (u32 i = 0; i < 3; ++i) {
-      if (i == index || !_logs[i].present()) continue;
-      base = std::max({base, _logs[i].primarySequence() + 1, _logs[i].secondarySequence() + 1});
+      const LogFileInfo& other = logFile(i);
+      if (i == index || !other.present()) continue;
+      base = std::max({base, other.primarySequence() + 1, other.secondarySequence() + 1});
     }
     _checkpoint.base = base;
     _checkpoint.sequence = base;
@@ -110,7 +95,10 @@ bool RegistryHiveObj::checkpoint(const std::vector<u32>& dirtyHbins) {
   // 1. The pages to the log. Until the base block says dirty, nothing
   //    reads the log, so a failure here leaves the file as it was.
   if (log) {
-    if (!writeCheckpointEntry(*log, dirtyHbins, sequence)) return false;
+    const u64 next = _log.writeCheckpointEntry(*log, dirtyRuns(dirtyHbins), sequence,
+                                               _checkpoint.open ? _checkpoint.next : 0);
+    if (next == 0) return false;
+    _checkpoint.next = next;
     _checkpoint.open = true;
     _checkpoint.sequence = sequence;
   }
@@ -195,11 +183,11 @@ bool RegistryHiveObj::flushWriteThrough(const std::vector<u32>& dirtyHbins) {
 // maps them so that later reads of those hbins see the log's copy; the hive
 // file is not touched.
 bool RegistryHiveObj::flushToLog(const std::vector<u32>& dirtyHbins) {
-  if (!currentLogFile()) {
+  if (!_log.currentLogFile()) {
     HK_LOG(hiveLog, 4) << "No log file applicable despite the log mode saying so";
     return false;
   }
-  if (!appendLogEntry(dirtyRuns(dirtyHbins))) return false;
+  if (!_log.appendLogEntry(dirtyRuns(dirtyHbins))) return false;
   for (u32 index : dirtyHbins) _dirty[index] = 0;
   return true;
 }

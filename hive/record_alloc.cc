@@ -383,7 +383,7 @@ bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data
   // operation that made it completes and the hive stays whole, and the
   // flush writes the hbin again (and reports if it cannot). Failing the
   // write here would leave callers half way through a change.
-  HK_ASSERT(hiveLog, _logMode == LogMode::None, false);
+  HK_ASSERT(hiveLog, logMode() == LogMode::None, false);
   const u64 filePosition = u64{HIVE_HEADER_SIZE} + entry.offset + offsetInHbin;
   if (_stripe->seek(filePosition) != filePosition) {
     HK_LOG(hiveLog, 4) << "Failed to seek to data position: " << filePosition;

@@ -2,19 +2,13 @@
 
 #include <cstring>
 
-#include "hive/key/key_obj.h"
 #include "hive/readonly_cache.h"
-#include "hive/security/security_descriptor.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
 namespace Libraries::Files::Hive {
 
 const Platform::Log::Channel hiveLog("Hive");
-
-namespace {
-const char* const LOG_LABELS[3] = {"Primary", "Log1", "Log2"};
-}
 
 RegistryHiveObj::RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& logs, u32 mode,
                                  HiveCodepage codepage, SyncCallback sync)
@@ -24,10 +18,7 @@ RegistryHiveObj::RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& l
       _mon(Mon::create()),
       _codepage(codepage),
       _sync(std::move(sync)) {
-  _logs[0].name = logs.primaryName;
-  _logs[1].name = logs.log1Name;
-  _logs[2].name = logs.log2Name;
-  if (!readonly()) _createLog1 = logs.createLog1;
+  if (!readonly()) _log.setCreateLog1(logs.createLog1);
   _valid = construct(logs);
 }
 
@@ -82,21 +73,8 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
 
   // Logs: one that cannot be read is treated as absent.
   const Ref<Interfaces::Stripe> stripes[3] = {logs.primary, logs.log1, logs.log2};
-  const char* const failures[3] = {"Failed to initialize primary log file",
-                                   "Failed to initialize first log file",
-                                   "Failed to initialize second log file"};
-  bool unreadable = false;
-  for (u32 i = 0; i < 3; ++i) {
-    Ref<String> name = _logs[i].name;
-    if (!initLogFile(stripes[i], name, _header, _logs[i])) {
-      HK_LOG(hiveLog, 4) << failures[i];
-      unreadable = unreadable || _logs[i].unreadable;
-      std::string state = _logs[i].state;
-      _logs[i] = LogFileInfo();
-      _logs[i].name = name;
-      _logs[i].state = state;
-    }
-  }
+  const Ref<String> names[3] = {logs.primaryName, logs.log1Name, logs.log2Name};
+  const bool unreadable = _log.readLogs(stripes, names);
 
   const u32 primarySeq = L32(_header + hive_header::OFS_PRIMARY_SEQ);
   const u32 secondarySeq = L32(_header + hive_header::OFS_SECONDARY_SEQ);
@@ -108,8 +86,8 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
     return false;
   }
   if (primarySeq != secondarySeq) {
-    if (!chooseLogMode()) return false;
-    if (_logMode == LogMode::None) {
+    if (!_log.chooseLogMode()) return false;
+    if (logMode() == LogMode::None) {
       if ((_mode & modeAcceptDirty) == 0) {
         HK_LOG(hiveLog, 4) << "Primary Sequence Number and Secondary Sequence Number are different";
         HK_LOG(hiveLog, 4) << "This would require reading the LOG, LOG1 and/or LOG2 files.";
@@ -139,26 +117,20 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
 
   _rootOffset = L32(_header + hive_header::OFS_ROOT);
 
-  if (_logMode != LogMode::None) {
-    LogFileInfo* current = currentLogFile();
+  if (logMode() != LogMode::None) {
+    LogFileInfo* current = _log.currentLogFile();
     if (!current) {
-      HK_LOG(hiveLog, 4) << "Failed to determine log file for log mode " << static_cast<u32>(_logMode);
-      HK_LOG(hiveLog, 4) << "Seq Nrs: primary = " << primarySeq << ", secondary = " << secondarySeq;
-      for (u32 i = 0; i < 3; ++i)
-        HK_LOG(hiveLog, 4) << LOG_LABELS[i] << ": has file: " << (_logs[i].stripe ? 1 : 0)
-                           << ", new log format: " << _logs[i].newFormat() << ", primary seq "
-                           << _logs[i].primarySequence() << ", secondary seq " << _logs[i].secondarySequence()
-                           << (_logs[i].state.empty() ? "" : ", ") << _logs[i].state;
+      _log.reportNoCurrentLog();
       return false;
     }
     // A writable hive is repaired in place from an old-format log; otherwise
     // the log's pages are laid over the untouched file.
     const bool keepLog = current->newFormat() || readonly();
     if (keepLog) {
-      _mapped = makeRef<MappedStripe>(_file, this);
+      _mapped = _log.mapOver(_file);
       _stripe = _mapped;
     }
-    if (!applyLogMappings()) {
+    if (!_log.applyLogMappings(*_file)) {
       HK_LOG(hiveLog, 4) << "Failed to apply log file mappings";
       return false;
     }
@@ -174,16 +146,16 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
         HK_LOG(hiveLog, 4) << "Failed to write updated header for hive; error: " << Log::hex(Error::get());
         return false;
       }
-      _logMode = LogMode::None;
+      _log.endLogMode();
     }
   }
 
-  if ((_mode & modeWriteThrough) && _logMode != LogMode::None) {
+  if ((_mode & modeWriteThrough) && logMode() != LogMode::None) {
     HK_LOG(hiveLog, 3) << "Write through not supported together with log mode";
     _mode &= ~static_cast<u32>(modeWriteThrough);
   }
 
-  logDump();
+  _log.logDump();
 
   // The record store: every hbin, as the hive reads after the logs.
   if (!(_mode & modeUnsafe) && !loadHiveBins()) return false;
@@ -241,53 +213,6 @@ std::u16string RegistryHiveObj::fileName() const {
 RegistryHiveObj::~RegistryHiveObj() {
   // The last flush's result has nowhere to go; its messages are in the log.
   flush();
-  if (_mapped) _mapped->setHook(nullptr);
-}
-
-Ref<KeyObj> RegistryHiveObj::rootObj() {
-  Mon::Lock lock(_mon);
-  Ref<KeyObj> root = _root.lock();
-  if (root && root->valid()) return root;
-  root = makeRef<KeyObj>(Ref<RegistryHiveObj>(this), _rootOffset, nullptr);
-  if (!root->valid()) {
-    HK_LOG(hiveLog, 4) << "Root key not valid";
-    Error::set(Errors::ROOT_INVALID);
-    return nullptr;
-  }
-  _root = root;
-  return root;
-}
-
-Ref<Key> RegistryHiveObj::root() {
-  return rootObj();
-}
-
-Ref<Key> RegistryHiveObj::path(Ref<String> path) {
-  Ref<KeyObj> root = rootObj();
-  if (!root) return nullptr;
-  if (!path) return root;
-  const std::u16string& units = path->units();
-  size_t begin = 0, end = units.size();
-  while (begin < end && (units[begin] == u' ' || units[begin] == u'\t')) ++begin;
-  while (end > begin && (units[end - 1] == u' ' || units[end - 1] == u'\t')) --end;
-  Ref<Key> key = root;
-  size_t i = begin;
-  while (i < end) {
-    size_t j = i;
-    while (j < end && units[j] != u'\\' && units[j] != u'/') ++j;
-    if (j > i) {
-      key = key->key(String::fromUtf16(units.substr(i, j - i)));
-      if (!key) return nullptr;
-    }
-    i = j + 1;
-  }
-  return key;
-}
-
-Ref<SecurityDescriptorIterator> RegistryHiveObj::securityDescriptorIterator() {
-  Ref<KeyObj> root = rootObj();
-  if (!root) return nullptr;
-  return makeRef<SecurityDescriptorIteratorObj>(Ref<RegistryHiveObj>(this), root->sdOffset());
 }
 
 bool RegistryHiveObj::dirty() {

@@ -13,6 +13,7 @@
 
 #include "hive/key/key_record.h"
 #include "hive/registry_hive.h"
+#include "hive/value/value_owner.h"
 #include "platform/chunked_vector.h"
 
 namespace Libraries::Files::Hive {
@@ -23,7 +24,7 @@ class ValueIteratorObj;
 using Interfaces::Config::Hive::KeyIterator;
 using Interfaces::Config::Hive::ValueIterator;
 
-class KeyObj : public Key {
+class KeyObj : public ValueOwner {
  public:
   static constexpr u64 MAX_FREE_FIND_LOOP_CYCLES = 5;
   static constexpr u32 MAX_KEYS_LF_LIST = 400;
@@ -147,7 +148,7 @@ class KeyObj : public Key {
   // The last write time becomes the hive's now: in the header copy only
   // (stamp, for callers that write the header next) or on disk too.
   void stamp();
-  bool touch();
+  bool touch() override;
   bool insertKey(u32 position, u32 nkOffset, u32 hash);
   bool unlinkKey(u32 position);
 

@@ -2,8 +2,9 @@
 #include <algorithm>
 #include <vector>
 
+#include "hive/format/errors.h"
+#include "hive/log/log_engine.h"
 #include "hive/log/marvin32.h"
-#include "hive/registry_hive.h"
 #include "platform/error.h"
 
 namespace Libraries::Files::Hive {
@@ -74,8 +75,26 @@ bool scanEntries(Interfaces::Stripe& log, const std::string& logName, LogFileInf
 
 }  // namespace
 
-bool RegistryHiveObj::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name, const u8* primary,
-                                  LogFileInfo& info) {
+bool LogEngine::readLogs(const Ref<Interfaces::Stripe> (&stripes)[3], const Ref<String> (&names)[3]) {
+  const char* const failures[3] = {"Failed to initialize primary log file",
+                                   "Failed to initialize first log file",
+                                   "Failed to initialize second log file"};
+  bool unreadable = false;
+  for (u32 i = 0; i < 3; ++i) {
+    if (!initLogFile(stripes[i], names[i], _logs[i])) {
+      HK_LOG(hiveLog, 4) << failures[i];
+      unreadable = unreadable || _logs[i].unreadable;
+      std::string state = _logs[i].state;
+      _logs[i] = LogFileInfo();
+      _logs[i].name = names[i];
+      _logs[i].state = state;
+    }
+  }
+  return unreadable;
+}
+
+bool LogEngine::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name, LogFileInfo& info) {
+  const u8* primary = _header;
   info = LogFileInfo();
   info.stripe = log;
   info.name = name;

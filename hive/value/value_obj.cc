@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstring>
 
-#include "hive/key/key_obj.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -24,7 +23,7 @@ u32 fragmentsFor(u32 size) {
 
 }  // namespace
 
-ValueObj::ValueObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent)
+ValueObj::ValueObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<ValueOwner> parent)
     : _hive(std::move(hive)), _parent(std::move(parent)), _offset(offset) {
   _readOnly = _hive->readonly();
   Mon::Lock lock(_hive->mon());
@@ -59,13 +58,6 @@ const Ref<String>& ValueObj::nameRef() {
   return _name;
 }
 
-Ref<KeyObj> ValueObj::parent() const {
-  return _parent;
-}
-void ValueObj::setParent(Ref<KeyObj> parent) {
-  _parent = std::move(parent);
-}
-
 u32 ValueObj::datasizeFormType(ValueType type) {
   namespace T = Interfaces::Config::Hive::ValueTypes;
   switch (type) {
@@ -79,7 +71,7 @@ u32 ValueObj::datasizeFormType(ValueType type) {
   }
 }
 
-Ref<ValueObj> ValueObj::createValue(Ref<RegistryHiveObj> hive, Ref<KeyObj> parent, Ref<String> name,
+Ref<ValueObj> ValueObj::createValue(Ref<RegistryHiveObj> hive, Ref<ValueOwner> parent, Ref<String> name,
                                     ValueType type) {
   if (!hive || !name) {
     Error::set(Errors::NULL_ARGUMENT);

@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "hive/key/key_record.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -21,7 +20,8 @@ bool badRecord() {
 }
 
 // A db list: the db record at `dataCell`, its fragment list and fragments.
-bool loadDbExtents(RegistryHiveObj& hive, const ValueRecord& value, const hive_record* hr, ValueExtents& out) {
+bool loadDbExtents(RegistryHiveObj& hive, const ValueRecord& value, const hive_record* hr,
+                   ValueExtents& out) {
   const u32 dataCell = value.dataCell();
   if (hr->length() < DB::SIZE) {
     HK_LOG(hiveLog, 4) << "Size too small for db record: " << hr->length();
@@ -214,8 +214,8 @@ ValueDataPlace locateValueData(RegistryHiveObj& hive, const ValueRecord& value, 
   return ValueDataPlace::inPlace;
 }
 
-u32 readValueData(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents, u32 offset,
-                  void* buffer, u32 size) {
+u32 readValueData(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents,
+                  u32 offset, void* buffer, u32 size) {
   if (offset >= value.dataSize) return 0;
   const u32 count = std::min(size, value.dataSize - offset);
   u8* out = static_cast<u8*>(buffer);
