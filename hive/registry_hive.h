@@ -25,6 +25,10 @@
 //    writes the dirty hbins (to the file, or as a log entry in a log mode);
 //    nothing is written behind the caller's back. Write-through mode writes
 //    each change at once as well.
+// Composed with it: the log engine (hive/log/log_engine.h: the logs, their
+// replay, writing through them in a log mode) and the checkpoint
+// (checkpoint.h: the crash-safe flush without a log in use).
+//
 // A record pointer from cacheLoadRecord stays valid until the next
 // allocateRecord or resizeRecord (which may append an hbin and so move the
 // buffer); on a read-only hive, for the life of the hive.
@@ -34,6 +38,7 @@
 #include <string>
 #include <vector>
 
+#include "hive/checkpoint.h"
 #include "hive/first_fit_index.h"
 #include "hive/format/errors.h"
 #include "hive/format/format.h"
@@ -270,16 +275,12 @@ class RegistryHiveObj : public HiveFile {
   // Writes the dirty hbins (indices into _hbins) as one entry of the
   // current log; clears their dirty marks on success.
   bool flushToLog(const std::vector<u32>& dirtyHbins);
-  // The flush of a hive without a log in use (flush.cc): pages to the
-  // flush log, the base block marked dirty, the hbins, the base block
-  // marked clean. False at the first step that fails; the hbins stay dirty.
+  // The flush of a hive without a log in use (checkpoint.h). False at the
+  // first step that fails; the hbins stay dirty.
   bool checkpoint(const std::vector<u32>& dirtyHbins);
   // The dirty hbins as runs of adjacent hbins, each one page reference
   // and one write.
   std::vector<LogPage> dirtyRuns(const std::vector<u32>& dirtyHbins) const;
-  bool writeHbins(const std::vector<u32>& dirtyHbins);
-  // The base block as the file holds it with new sequence numbers.
-  bool writeBaseBlock(u8* block, u32 primary, u32 secondary);
   // Writes of the previous hive write failed write-through mode's way.
   bool flushWriteThrough(const std::vector<u32>& dirtyHbins);
 
@@ -339,17 +340,9 @@ class RegistryHiveObj : public HiveFile {
   // The base block as the file holds it; flush writes _header when they differ.
   u8 _diskHeader[hive_header::SIZE] = {};
   u64 _fixedTime = 0;
-  // A checkpoint that began (its first entry is in the flush log, synced)
-  // and has not marked the base block clean: the file may be dirty, and
-  // the log's chain is what recovers it, so the next flush appends to that
-  // chain instead of starting the log afresh.
-  struct OpenCheckpoint {
-    bool open = false;
-    u32 log = NO_LOG;  // index of the log (as for logFile)
-    u32 base = 0;      // the secondary sequence number while it is open
-    u32 sequence = 0;  // of its last entry
-    u64 next = 0;      // where the next entry goes
-  } _checkpoint;
+  // The flush of a hive without a log in use; works on _header and
+  // _diskHeader.
+  Checkpoint _checkpoint{_header, _diskHeader, _log};
 
   // The hive bins area, record offset 0 on: _binsView's pages, or
   // _binsMem's buffer (whose size may run ahead of the hive's). Null in
