@@ -57,6 +57,12 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   };
   if (firstFit(0)) return record;
 
+  return growForRecord(length);
+}
+
+// Grows the hive by one hbin that holds a record of `length` (and the
+// hbin header), and makes the record there.
+u32 RegistryHiveObj::growForRecord(u32 length) {
   // The table ends before the hive bins data when an hbin header failed
   // its checks at open: the hive cannot grow past such an hbin.
   const u32 hiveBins = hiveLength();
@@ -90,6 +96,19 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   }
   _fileSize = std::max(_fileSize, fileEnd);
 
+  if (!appendEmptyHbin(H, static_cast<u32>(S))) return INVALID_RECORD;
+  const u32 record = H + hive_hbin::SIZE;
+  if (!initRecord(record, length)) {
+    HK_LOG(hiveLog, 4) << "Failed to initialize new record after creating a new HBIN. record=" << record;
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
+  }
+  return record;
+}
+
+// Appends an hbin of `S` bytes at hive bins offset `H` (the end of the
+// last one), holding one free record.
+bool RegistryHiveObj::appendEmptyHbin(u32 H, u32 S) {
   // The hbin that was last before gets its own size at 0x1C first: that
   // changes nothing another reader relies on, so a failure here leaves the
   // hive as it was.
@@ -99,7 +118,7 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   if (!writeHBIN(previous, hive_hbin::OFS_LAST, ownSize, sizeof ownSize)) {
     HK_LOG(hiveLog, 4) << "Failed to write last hbin offset pointer on resize";
     Error::set(Errors::ALLOCATION_FAILED);
-    return INVALID_RECORD;
+    return false;
   }
   // A new hbin whose header cannot be put in place is taken out of the
   // table again; the base block in memory counts it only after that.
@@ -108,17 +127,17 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   // failure in between never leaves a file whose length names bytes that
   // are not an hbin.
   const u32 added = static_cast<u32>(_hbins.size());
-  appendHbin(HbinEntry{H, static_cast<u32>(S), 0, 0});
+  appendHbin(HbinEntry{H, S, 0, 0});
   u8 head[hive_hbin::SIZE + 4] = {};
   std::memcpy(head, "hbin", 4);
   W32(head + hive_hbin::OFS_OFFSET, H);
-  W32(head + hive_hbin::OFS_SIZE, static_cast<u32>(S));
+  W32(head + hive_hbin::OFS_SIZE, S);
   W32(head + hive_hbin::SIZE, static_cast<u32>(S - hive_hbin::SIZE));
   if (!writeHBIN(added, 0, head, sizeof head)) {
     HK_LOG(hiveLog, 4) << "Failed to write new hbin header on resize";
     dropLastHbin();
     Error::set(Errors::ALLOCATION_FAILED);
-    return INVALID_RECORD;
+    return false;
   }
   W32(_header + hive_header::OFS_LENGTH, static_cast<u32>(H + S));
   W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
@@ -126,13 +145,7 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   // the next flush, which compares it with the file's.
   if ((_mode & modeWriteThrough) && !writeHeader())
     HK_LOG(hiveLog, 4) << "Failed to write header on resize; left to the next flush";
-  record = H + hive_hbin::SIZE;
-  if (!initRecord(record, length)) {
-    HK_LOG(hiveLog, 4) << "Failed to initialize new record after creating a new HBIN. record=" << record;
-    Error::set(Errors::ALLOCATION_FAILED);
-    return INVALID_RECORD;
-  }
-  return record;
+  return true;
 }
 
 bool RegistryHiveObj::initRecord(u32 offset, u32 size) {

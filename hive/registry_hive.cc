@@ -24,8 +24,38 @@ RegistryHiveObj::RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& l
 
 // The steps of an open, in order; false ends it with the reason logged.
 bool RegistryHiveObj::construct(const LogFiles& logs) {
-  if (!_stripe) return false;
+  if (!_stripe || !checkModeFlags() || !readBaseBlock()) return false;
 
+  // Logs: one that cannot be read is treated as absent.
+  const Ref<Interfaces::Stripe> stripes[3] = {logs.primary, logs.log1, logs.log2};
+  const Ref<String> names[3] = {logs.primaryName, logs.log1Name, logs.log2Name};
+  const bool unreadable = _log.readLogs(stripes, names);
+  if (!chooseLogMode(unreadable) || !checkHeaderChecksum()) return false;
+  _rootOffset = L32(_header + hive_header::OFS_ROOT);
+  if (logMode() != LogMode::None && !replayLogs()) return false;
+  if ((_mode & modeWriteThrough) && logMode() != LogMode::None) {
+    HK_LOG(hiveLog, 3) << "Write through not supported together with log mode";
+    _mode &= ~static_cast<u32>(modeWriteThrough);
+  }
+
+  _log.logDump();
+
+  // The record store: every hbin, as the hive reads after the logs.
+  if (!(_mode & modeUnsafe) && !loadHiveBins()) return false;
+
+  if (!checkRootRecord()) {
+    HK_LOG(hiveLog, 4) << "Root key not valid";
+    Error::set(Errors::ROOT_INVALID);
+    return false;
+  }
+  // What the file's base block holds from here on (a replay into the file
+  // rewrote it; a replay through the log leaves the file's as it was, and
+  // writes of the header area are not passed to the file then).
+  std::memcpy(_diskHeader, _header, hive_header::SIZE);
+  return true;
+}
+
+bool RegistryHiveObj::checkModeFlags() {
   // Mode flags: unsafe reading and accepting a dirty hive are for read-only
   // use only.
   if ((_mode & (modeUnsafe | modeAcceptDirty)) != 0 && (_mode & modeReadOnly) == 0) {
@@ -41,7 +71,10 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
       return false;
     }
   }
+  return true;
+}
 
+bool RegistryHiveObj::readBaseBlock() {
   // The base block is read straight into the in-memory copy: the log checks
   // below compare against it.
   _stripe->seek(0);
@@ -70,12 +103,10 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
     Error::set(Errors::UNSUPPORTED_VERSION);
     return false;
   }
+  return true;
+}
 
-  // Logs: one that cannot be read is treated as absent.
-  const Ref<Interfaces::Stripe> stripes[3] = {logs.primary, logs.log1, logs.log2};
-  const Ref<String> names[3] = {logs.primaryName, logs.log1Name, logs.log2Name};
-  const bool unreadable = _log.readLogs(stripes, names);
-
+bool RegistryHiveObj::chooseLogMode(bool unreadable) {
   const u32 primarySeq = L32(_header + hive_header::OFS_PRIMARY_SEQ);
   const u32 secondarySeq = L32(_header + hive_header::OFS_SECONDARY_SEQ);
   // A dirty hive whose log could not be read would open as an older state
@@ -103,7 +134,10 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
       HK_LOG(hiveLog, 3) << "This would require reading the LOG, LOG1 and/or LOG2 files.";
     }
   }
+  return true;
+}
 
+bool RegistryHiveObj::checkHeaderChecksum() {
   const u32 stored = L32(_header + hive_header::OFS_CHECKSUM);
   const u32 calculated = calculateHeaderChecksum(_header);
   if (stored != calculated) {
@@ -114,61 +148,39 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
     Error::set(Errors::BAD_CHECKSUM);
     return false;
   }
+  return true;
+}
 
-  _rootOffset = L32(_header + hive_header::OFS_ROOT);
-
-  if (logMode() != LogMode::None) {
-    LogFileInfo* current = _log.currentLogFile();
-    if (!current) {
-      _log.reportNoCurrentLog();
-      return false;
-    }
-    // A writable hive is repaired in place from an old-format log; otherwise
-    // the log's pages are laid over the untouched file.
-    const bool keepLog = current->newFormat() || readonly();
-    if (keepLog) {
-      _mapped = _log.mapOver(_file);
-      _stripe = _mapped;
-    }
-    if (!_log.applyLogMappings(*_file)) {
-      HK_LOG(hiveLog, 4) << "Failed to apply log file mappings";
-      return false;
-    }
-    if (!keepLog) {
-      W32(_header + hive_header::OFS_SECONDARY_SEQ, primarySeq);
-      W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
-      if (_stripe->seek(0) != 0) {
-        HK_LOG(hiveLog, 4) << "Failed to seek to start of hive to update header; error: "
-                           << Log::hex(Error::get());
-        return false;
-      }
-      if (_stripe->write(_header, hive_header::SIZE) != hive_header::SIZE) {
-        HK_LOG(hiveLog, 4) << "Failed to write updated header for hive; error: " << Log::hex(Error::get());
-        return false;
-      }
-      _log.endLogMode();
-    }
-  }
-
-  if ((_mode & modeWriteThrough) && logMode() != LogMode::None) {
-    HK_LOG(hiveLog, 3) << "Write through not supported together with log mode";
-    _mode &= ~static_cast<u32>(modeWriteThrough);
-  }
-
-  _log.logDump();
-
-  // The record store: every hbin, as the hive reads after the logs.
-  if (!(_mode & modeUnsafe) && !loadHiveBins()) return false;
-
-  if (!checkRootRecord()) {
-    HK_LOG(hiveLog, 4) << "Root key not valid";
-    Error::set(Errors::ROOT_INVALID);
+bool RegistryHiveObj::replayLogs() {
+  LogFileInfo* current = _log.currentLogFile();
+  if (!current) {
+    _log.reportNoCurrentLog();
     return false;
   }
-  // What the file's base block holds from here on (a replay into the file
-  // rewrote it; a replay through the log leaves the file's as it was, and
-  // writes of the header area are not passed to the file then).
-  std::memcpy(_diskHeader, _header, hive_header::SIZE);
+  // A writable hive is repaired in place from an old-format log; otherwise
+  // the log's pages are laid over the untouched file.
+  const bool keepLog = current->newFormat() || readonly();
+  if (keepLog) {
+    _mapped = _log.mapOver(_file);
+    _stripe = _mapped;
+  }
+  if (!_log.applyLogMappings(*_file)) {
+    HK_LOG(hiveLog, 4) << "Failed to apply log file mappings";
+    return false;
+  }
+  if (keepLog) return true;
+  W32(_header + hive_header::OFS_SECONDARY_SEQ, L32(_header + hive_header::OFS_PRIMARY_SEQ));
+  W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
+  if (_stripe->seek(0) != 0) {
+    HK_LOG(hiveLog, 4) << "Failed to seek to start of hive to update header; error: "
+                       << Log::hex(Error::get());
+    return false;
+  }
+  if (_stripe->write(_header, hive_header::SIZE) != hive_header::SIZE) {
+    HK_LOG(hiveLog, 4) << "Failed to write updated header for hive; error: " << Log::hex(Error::get());
+    return false;
+  }
+  _log.endLogMode();
   return true;
 }
 

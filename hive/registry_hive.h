@@ -285,6 +285,14 @@ class RegistryHiveObj : public HiveFile {
   bool flushWriteThrough(const std::vector<u32>& dirtyHbins);
 
   bool construct(const LogFiles& logs);
+  // The steps of construct, in order.
+  bool checkModeFlags();
+  bool readBaseBlock();
+  // For a dirty base block: the log mode, or why none applies (a log that
+  // could not be read, `unreadable`, refuses the open).
+  bool chooseLogMode(bool unreadable);
+  bool checkHeaderChecksum();
+  bool replayLogs();
   bool checkRootRecord();
   bool refuseUnsafe(const char* function) const;
   u64 fileSize();
@@ -317,6 +325,9 @@ class RegistryHiveObj : public HiveFile {
   void appendHbin(const HbinEntry& entry);
   // Makes the buffer hold at least `length` bytes of hive bins.
   bool reserveBins(u64 length);
+  // allocateRecord when no hbin has room: a new hbin at the end.
+  u32 growForRecord(u32 length);
+  bool appendEmptyHbin(u32 offset, u32 size);
   // Takes the last hbin out of the table (a growth that failed).
   void dropLastHbin();
   bool writeHeader();

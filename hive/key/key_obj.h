@@ -31,8 +31,6 @@ class KeyObj : public ValueOwner {
   static constexpr u32 MAX_KEYS_LH_LIST = 1200;
   static constexpr u32 MAX_KEYS_LI_LIST = 900;
   static constexpr u32 MAX_KEY_NAME_LENGTH = 255;
-  static constexpr u32 MIN_KEYS_LH_LIST_SEC_LVL = 500;
-  static constexpr u32 MIN_KEYS_LI_LIST_SEC_LVL = 300;
   static constexpr u32 NEW_LH_LF_ALLOCATE_SIZE = 64;
   static constexpr u32 NEW_RI_ALLOCATE_SIZE = 64;
 
@@ -150,6 +148,8 @@ class KeyObj : public ValueOwner {
   void stamp();
   bool touch() override;
   bool insertKey(u32 position, u32 nkOffset, u32 hash);
+  u32 writeNewKeyRecord(const u8* storedName, u32 nameLength, bool compressed);
+  Ref<KeyObj> keyToMove(const Ref<Key>& key);
   bool unlinkKey(u32 position);
 
   // Key operations.

@@ -24,6 +24,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "hive/format/format.h"
@@ -109,12 +110,18 @@ class LogEngine : public MappedStripe::Hook {
 
  private:
   bool initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name, LogFileInfo& info);
+  bool checkLogHeader(const u8* header, const std::string& logName, LogFileInfo& info);
+  bool readDirtyVector(Interfaces::Stripe& log, const std::string& logName, bool complete, LogFileInfo& info);
   bool logUsable(const LogFileInfo& info) const;
   bool applyOldFormatLog(LogFileInfo& log, Interfaces::Stripe& file);
   bool mapLogEntry(LogFileInfo& log, const LogEntryInfo& entry);
   // The chain of new-format entries of both alternate logs, mapped.
   bool applyNewFormatLogs();
   bool startLog(LogFileInfo& log, u32 sequence);
+  // Where the next entry of `log` goes, its sequence number and flags
+  // (starting the log afresh when it must); false when it cannot be
+  // written to without breaking the recovered chain.
+  bool placeNextEntry(LogFileInfo& log, const std::string& name, u32& sequence, u32& flags, u64& position);
   // A copy of the base block's first 512 bytes as a log starts: file type
   // 6, both sequence numbers `sequence`.
   void logHeader(u8* out, u32 sequence) const;

@@ -117,6 +117,34 @@ u64 LogEngine::writeCheckpointEntry(LogFileInfo& log, const std::vector<LogPage>
   return position + size;
 }
 
+bool LogEngine::placeNextEntry(LogFileInfo& log, const std::string& name, u32& sequence, u32& flags,
+                               u64& position) {
+  // A new entry must be the next one of the recovered chain, or the next
+  // open would not apply it. It continues the current log when that log's
+  // last entry ends the chain. A log none of whose entries was applied
+  // (none accepted, or all beyond a gap) is started afresh one past the
+  // chain, or one past the primary file's secondary sequence number when
+  // nothing was applied. A log whose entries were applied but do not end
+  // the chain cannot be continued.
+  const bool chained = _appliedLog != NO_LOG && _logs[_appliedLog].newFormat();
+  const bool continues = !log.entries.empty() && chained && log.entries.back().sequence() == _appliedSequence;
+  if (continues) {
+    const LogEntryInfo& last = log.entries.back();
+    sequence = last.sequence() + 1;
+    flags = L32(last.header + hive_log_entry::OFS_FLAGS);
+    position = last.position + ((static_cast<u64>(last.size()) + 511) & ~511ull);
+  } else if (log.applied == 0) {
+    sequence = (chained ? _appliedSequence : L32(_header + hive_header::OFS_SECONDARY_SEQ)) + 1;
+    if (!startLog(log, sequence)) return false;
+    position = hive_header::BASE_SIZE;
+  } else {
+    HK_LOG(hiveLog, 4) << "Entries of log file " << name << " do not end the recovered state at "
+                       << _appliedSequence << "; not writing to it";
+    return false;
+  }
+  return true;
+}
+
 bool LogEngine::appendLogEntry(const std::vector<LogPage>& pages) {
   HK_ASSERT_AS(hiveLog, "_mapped", static_cast<bool>(_mapped), false);
   LogFileInfo* log = currentLogFile();
@@ -135,32 +163,9 @@ bool LogEngine::appendLogEntry(const std::vector<LogPage>& pages) {
     HK_LOG(hiveLog, 4) << "Writing to the primary log file is not supported: " << name;
     return false;
   }
-  // A new entry must be the next one of the recovered chain, or the next
-  // open would not apply it. It continues the current log when that log's
-  // last entry ends the chain. A log none of whose entries was applied
-  // (none accepted, or all beyond a gap) is started afresh one past the
-  // chain, or one past the primary file's secondary sequence number when
-  // nothing was applied. A log whose entries were applied but do not end
-  // the chain cannot be continued.
-  const bool chained = _appliedLog != NO_LOG && _logs[_appliedLog].newFormat();
-  const bool continues =
-      !log->entries.empty() && chained && log->entries.back().sequence() == _appliedSequence;
   u32 sequence, flags = 0;
   u64 position;
-  if (continues) {
-    const LogEntryInfo& last = log->entries.back();
-    sequence = last.sequence() + 1;
-    flags = L32(last.header + hive_log_entry::OFS_FLAGS);
-    position = last.position + ((static_cast<u64>(last.size()) + 511) & ~511ull);
-  } else if (log->applied == 0) {
-    sequence = (chained ? _appliedSequence : L32(_header + hive_header::OFS_SECONDARY_SEQ)) + 1;
-    if (!startLog(*log, sequence)) return false;
-    position = hive_header::BASE_SIZE;
-  } else {
-    HK_LOG(hiveLog, 4) << "Entries of log file " << name << " do not end the recovered state at "
-                       << _appliedSequence << "; not writing to it";
-    return false;
-  }
+  if (!placeNextEntry(*log, name, sequence, flags, position)) return false;
 
   std::vector<u8> entry = buildLogEntry(pages, sequence, flags);
   if (entry.empty()) return false;

@@ -86,6 +86,13 @@ class ValueObj : public Value {
   bool storageHolds();
   bool freeAllExtents();
   u32 resizeDbList(u32 newSize);
+  // The two cases of resizeDbList: a db list already, or data of at most
+  // one fragment moving into one.
+  u32 resizeDbForm(u32 newSize);
+  u32 convertToDbForm(u32 newSize);
+  // The other cases of size(newSize); `keep` bytes of data carry over.
+  u32 resizeToResident(u32 newSize, u32 keep);
+  u32 moveToOneRecord(u32 newSize, u32 keep);
   bool writeRecordData();  // the 20 bytes from offset 4 of the vk record
   u32 extentCapacity() const;
   // The data lies in a db list (minor version 4 and up, above 16344 bytes).
