@@ -65,20 +65,6 @@ bool decodeCodepageName(HiveCodepage cp, const u8* bytes, size_t length, std::u1
   return ok;
 }
 
-const char* codepageName(HiveCodepage cp) {
-  switch (cp) {
-    case ascii:
-      return "ascii";
-    case latin1:
-      return "latin1";
-    case windows1250:
-      return "windows1250";
-    case windows1252:
-      return "windows1252";
-  }
-  return "unknown";
-}
-
 bool decodeRecordName(HiveCodepage codepage, const u8* bytes, u32 length, bool compressed,
                       std::u16string& out) {
   if (compressed) return decodeCodepageName(codepage, bytes, length, out);
