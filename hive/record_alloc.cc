@@ -196,9 +196,9 @@ u32 RegistryHiveObj::freeSpaceBehind(u32 hbin, const hive_record* record, u32 of
   HK_ASSERT(hiveLog, rec_ptr > hb_ptr, 0);
   HK_ASSERT(hiveLog, rec_ptr + rec_size <= hb_ptr + hb_size, 0);
   if (recordIsFree)
-    HK_ASSERT_AS(hiveLog, "static_cast<s32>(L32ToHost(record->size)) >= 0", record->size() >= 0, 0);
+    HK_ASSERT(hiveLog, record->size() >= 0, 0);
   else
-    HK_ASSERT_AS(hiveLog, "-static_cast<s32>(L32ToHost(record->size)) >= 0", record->size() < 0, 0);
+    HK_ASSERT(hiveLog, record->size() < 0, 0);
   u32 total = 0;
   u64 next = (rec_ptr - hb_ptr) + u64{rec_size};
   while (next + 4 <= hb_size) {
@@ -283,8 +283,7 @@ u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* a
   if (recordSize == length || (recordSize > length && keepIfLarger && length != 0)) return offset;
 
   const u32 freeBehind = freeSpaceBehind(hbin, record, offset, false);
-  HK_ASSERT_AS(hiveLog, "(recordSize + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0",
-               (u64{recordSize} + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0, INVALID_RECORD);
+  HK_ASSERT(hiveLog, (u64{recordSize} + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0, INVALID_RECORD);
   const u32 inHbin = offset - _hbins[hbin].offset;
   const u32 total = recordSize + freeBehind;
   u8 field[4];
@@ -356,7 +355,7 @@ bool RegistryHiveObj::writeRecord(u32 offset, const void* data, u32 position, u3
   const hive_record* record = cacheLoadRecord(offset, &hbin, false);
   if (!record) return false;
   const u32 recordsize = record->length();
-  HK_ASSERT_AS(hiveLog, "-static_cast<s32>(L32ToHost(record->size)) >= 0", record->size() < 0, false);
+  HK_ASSERT(hiveLog, record->size() < 0, false);
   HK_ASSERT(hiveLog, hbin < _hbins.size(), false);
   const u32 offsetOfRecord = offset;
   HK_ASSERT_AS(hiveLog,
@@ -365,7 +364,7 @@ bool RegistryHiveObj::writeRecord(u32 offset, const void* data, u32 position, u3
                offsetOfRecord > _hbins[hbin].offset &&
                    u64{offsetOfRecord} + recordsize <= u64{_hbins[hbin].offset} + _hbins[hbin].size,
                false);
-  HK_ASSERT_AS(hiveLog, "position + length <= recordsize", u64{position} + length <= recordsize, false);
+  HK_ASSERT(hiveLog, u64{position} + length <= recordsize, false);
   return writeHBIN(hbin, offsetOfRecord - _hbins[hbin].offset + position, data, length);
 }
 

@@ -113,7 +113,7 @@ Ref<Key> KeyObj::createKey(Ref<String> name) {
     Error::set(Errors::KEY_NAME_INVALID);
     return nullptr;
   }
-  HK_ASSERT_AS(hiveLog, "nameLength <= ((u16)0xffffU)", nameLength <= 0xffffu, nullptr);
+  HK_ASSERT(hiveLog, nameLength <= 0xffffu, nullptr);
   // Characters without a codepage byte hash as 0, as the lists of other
   // writers do; a hash is a hint and never a reason to refuse a name.
   u32 hash = 0;
@@ -220,7 +220,7 @@ u32 KeyObj::setName(const Ref<String>& name, KeyListType type, u32 newParent, u3
     Error::set(Errors::MOVE_NAME_TOO_LONG);
     return INVALID_RECORD;
   }
-  HK_ASSERT_AS(hiveLog, "nameLength <= ((u16)0xffffU)", nameLength <= 0xffffu, INVALID_RECORD);
+  HK_ASSERT(hiveLog, nameLength <= 0xffffu, INVALID_RECORD);
   if (type != keyListLI && !makeHash(type, name, compressed, true, hash)) {
     Error::set(Errors::HASH_FAILED);
     return INVALID_RECORD;

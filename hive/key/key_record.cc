@@ -37,7 +37,7 @@ bool isV13(const RegistryHiveObj& hive) {
 u32 loadList(const hive_record* record, u32 recordOffset, u32 position, u16 signature, u32 width,
              const char* letters, u32 numKeys, SubkeyList& out) {
   if (!record || record->signature() != signature) return 0;
-  HK_ASSERT_AS(hiveLog, "list record in use", record->used(), 0);
+  HK_ASSERT(hiveLog, record->used(), 0);
   const u32 recordSize = record->length();
   const u32 count = record->u16At(L::OFS_COUNT);
   if (static_cast<u64>(count) * width + L::OFS_ITEMS > recordSize) {
@@ -180,7 +180,7 @@ bool readKeyRecord(RegistryHiveObj& hive, u32 offset, KeyRecord& out, const hive
     Error::set(Errors::NOT_NK_RECORD);
     return false;
   }
-  HK_ASSERT_AS(hiveLog, "key record in use", hr->used(), false);
+  HK_ASSERT(hiveLog, hr->used(), false);
   if (!parseKeyRecord(hr->bytes(), hr->length(), offset, out)) {
     HK_LOG(hiveLog, 4) << "Name of key exceeds length of record";
     return false;

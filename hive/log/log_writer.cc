@@ -146,7 +146,7 @@ bool LogEngine::placeNextEntry(LogFileInfo& log, const std::string& name, u32& s
 }
 
 bool LogEngine::appendLogEntry(const std::vector<LogPage>& pages) {
-  HK_ASSERT_AS(hiveLog, "_mapped", static_cast<bool>(_mapped), false);
+  HK_ASSERT(hiveLog, static_cast<bool>(_mapped), false);
   LogFileInfo* log = currentLogFile();
   if (!log) {
     HK_LOG(hiveLog, 4) << "No log file applicable despite the log mode saying so";

@@ -99,7 +99,7 @@ bool readValueRecord(RegistryHiveObj& hive, u32 offset, ValueRecord& out) {
     HK_LOG(hiveLog, 4) << "Value record is no vk record:" << Log::hex(hr->signature());
     return false;
   }
-  HK_CHECK_AS(hiveLog, "value record in use", hr->used());
+  HK_CHECK(hiveLog, hr->used());
   if (hr->u16At(VK::OFS_NAME_LENGTH) + VK::HEADER_SIZE > hr->length()) {
     HK_LOG(hiveLog, 4) << "Name of value exceeds length of record";
     return false;
