@@ -12,14 +12,16 @@
 
 namespace Platform::Error {
 
-// Codes of the platform itself (the library's own codes are in hive/errors.h).
+// Codes of the platform itself (the library's own codes are in hive/format/errors.h).
 constexpr u32 FILE_NOT_FOUND = 32;
 constexpr u32 IO_ERROR = 0x8000;  // OR-ed with errno for other system failures
 
 void set(u32 code);
 u32 get();
 // The errno of an IO_ERROR code, else 0.
-inline int systemError(u32 code) { return (code & IO_ERROR) ? static_cast<int>(code & 0x7fff) : 0; }
+inline int systemError(u32 code) {
+  return (code & IO_ERROR) ? static_cast<int>(code & 0x7fff) : 0;
+}
 
 // Keeps `text` as this thread's failure message unless one is kept already.
 void note(std::string_view text);

@@ -5,8 +5,9 @@
 #include <cstring>
 #include <vector>
 
+#include "hive/format/errors.h"
+#include "hive/log/log_engine.h"
 #include "hive/log/marvin32.h"
-#include "hive/registry_hive.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -18,15 +19,18 @@ std::string nameOf(const LogFileInfo& log) {
 }
 }  // namespace
 
-// A log is started afresh with a header made from the base block: file
-// type 6, both sequence numbers `sequence`.
-bool RegistryHiveObj::startLog(LogFileInfo& log, u32 sequence) {
+void LogEngine::logHeader(u8* out, u32 sequence) const {
+  std::memcpy(out, _header, hive_header::BASE_SIZE);
+  W32(out + hive_header::OFS_PRIMARY_SEQ, sequence);
+  W32(out + hive_header::OFS_SECONDARY_SEQ, sequence);
+  W32(out + hive_header::OFS_TYPE, 6);
+  W32(out + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(out));
+}
+
+// A log is started afresh with a header made from the base block.
+bool LogEngine::startLog(LogFileInfo& log, u32 sequence) {
   u8 header[hive_header::BASE_SIZE];
-  std::memcpy(header, _header, sizeof header);
-  W32(header + hive_header::OFS_PRIMARY_SEQ, sequence);
-  W32(header + hive_header::OFS_SECONDARY_SEQ, sequence);
-  W32(header + hive_header::OFS_TYPE, 6);
-  W32(header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(header));
+  logHeader(header, sequence);
   if (log.stripe->writeAt(0, header, sizeof header) != sizeof header) {
     HK_LOG(hiveLog, 4) << "Failed to write new log entry header to " << nameOf(log)
                        << "; error: " << Error::get();
@@ -38,8 +42,7 @@ bool RegistryHiveObj::startLog(LogFileInfo& log, u32 sequence) {
   return true;
 }
 
-std::vector<u8> RegistryHiveObj::buildLogEntry(const std::vector<LogPage>& pages, u32 sequence,
-                                               u32 flags) const {
+std::vector<u8> LogEngine::buildLogEntry(const std::vector<LogPage>& pages, u32 sequence, u32 flags) const {
   u64 dataSize = 0;
   for (const LogPage& p : pages) dataSize += p.length;
   const u64 used = hive_log_entry::SIZE + 8ull * pages.size() + dataSize;
@@ -73,22 +76,18 @@ std::vector<u8> RegistryHiveObj::buildLogEntry(const std::vector<LogPage>& pages
 // checkpoint (one before it failed) extends the chain the dirty file
 // depends on: its body and the zero block behind it are synced before its
 // header is written.
-bool RegistryHiveObj::writeCheckpointEntry(LogFileInfo& log, const std::vector<u32>& dirtyHbins,
-                                           u32 sequence) {
-  std::vector<u8> entry = buildLogEntry(dirtyRuns(dirtyHbins), sequence, 0);
-  if (entry.empty()) return false;
+u64 LogEngine::writeCheckpointEntry(LogFileInfo& log, const std::vector<LogPage>& pages, u32 sequence,
+                                    u64 position) {
+  std::vector<u8> entry = buildLogEntry(pages, sequence, 0);
+  if (entry.empty()) return 0;
   const std::string name = nameOf(log);
   const u64 size = entry.size();
-  const bool first = !_checkpoint.open;
-  const u64 position = first ? hive_header::BASE_SIZE : _checkpoint.next;
+  const bool first = position == 0;
+  if (first) position = hive_header::BASE_SIZE;
   bool ok;
   if (first) {
     u8 header[hive_header::BASE_SIZE];
-    std::memcpy(header, _header, sizeof header);
-    W32(header + hive_header::OFS_PRIMARY_SEQ, sequence);
-    W32(header + hive_header::OFS_SECONDARY_SEQ, sequence);
-    W32(header + hive_header::OFS_TYPE, 6);
-    W32(header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(header));
+    logHeader(header, sequence);
     entry.insert(entry.begin(), header, header + sizeof header);
     entry.resize(entry.size() + 512, 0);
     ok = log.stripe->writeAt(0, entry.data(), entry.size()) == entry.size() && log.stripe->sync();
@@ -109,18 +108,45 @@ bool RegistryHiveObj::writeCheckpointEntry(LogFileInfo& log, const std::vector<u
   if (!ok) {
     HK_LOG(hiveLog, 4) << "Failed to write log entry " << sequence << " to " << name
                        << "; error: " << Log::hex(Error::get());
-    return false;
+    return 0;
   }
   LogEntryInfo info;
   info.position = position;
   std::memcpy(info.header, entry.data() + (first ? hive_header::BASE_SIZE : 0), hive_log_entry::SIZE);
   log.entries.push_back(info);
-  _checkpoint.next = position + size;
+  return position + size;
+}
+
+bool LogEngine::placeNextEntry(LogFileInfo& log, const std::string& name, u32& sequence, u32& flags,
+                               u64& position) {
+  // A new entry must be the next one of the recovered chain, or the next
+  // open would not apply it. It continues the current log when that log's
+  // last entry ends the chain. A log none of whose entries was applied
+  // (none accepted, or all beyond a gap) is started afresh one past the
+  // chain, or one past the primary file's secondary sequence number when
+  // nothing was applied. A log whose entries were applied but do not end
+  // the chain cannot be continued.
+  const bool chained = _appliedLog != NO_LOG && _logs[_appliedLog].newFormat();
+  const bool continues = !log.entries.empty() && chained && log.entries.back().sequence() == _appliedSequence;
+  if (continues) {
+    const LogEntryInfo& last = log.entries.back();
+    sequence = last.sequence() + 1;
+    flags = L32(last.header + hive_log_entry::OFS_FLAGS);
+    position = last.position + ((static_cast<u64>(last.size()) + 511) & ~511ull);
+  } else if (log.applied == 0) {
+    sequence = (chained ? _appliedSequence : L32(_header + hive_header::OFS_SECONDARY_SEQ)) + 1;
+    if (!startLog(log, sequence)) return false;
+    position = hive_header::BASE_SIZE;
+  } else {
+    HK_LOG(hiveLog, 4) << "Entries of log file " << name << " do not end the recovered state at "
+                       << _appliedSequence << "; not writing to it";
+    return false;
+  }
   return true;
 }
 
-bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
-  HK_ASSERT_AS(hiveLog, "_mapped", static_cast<bool>(_mapped), false);
+bool LogEngine::appendLogEntry(const std::vector<LogPage>& pages) {
+  HK_ASSERT(hiveLog, static_cast<bool>(_mapped), false);
   LogFileInfo* log = currentLogFile();
   if (!log) {
     HK_LOG(hiveLog, 4) << "No log file applicable despite the log mode saying so";
@@ -137,32 +163,9 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
     HK_LOG(hiveLog, 4) << "Writing to the primary log file is not supported: " << name;
     return false;
   }
-  // A new entry must be the next one of the recovered chain, or the next
-  // open would not apply it. It continues the current log when that log's
-  // last entry ends the chain. A log none of whose entries was applied
-  // (none accepted, or all beyond a gap) is started afresh one past the
-  // chain, or one past the primary file's secondary sequence number when
-  // nothing was applied. A log whose entries were applied but do not end
-  // the chain cannot be continued.
-  const bool chained = _appliedLog != NO_LOG && _logs[_appliedLog].newFormat();
-  const bool continues =
-      !log->entries.empty() && chained && log->entries.back().sequence() == _appliedSequence;
   u32 sequence, flags = 0;
   u64 position;
-  if (continues) {
-    const LogEntryInfo& last = log->entries.back();
-    sequence = last.sequence() + 1;
-    flags = L32(last.header + hive_log_entry::OFS_FLAGS);
-    position = last.position + ((static_cast<u64>(last.size()) + 511) & ~511ull);
-  } else if (log->applied == 0) {
-    sequence = (chained ? _appliedSequence : L32(_header + hive_header::OFS_SECONDARY_SEQ)) + 1;
-    if (!startLog(*log, sequence)) return false;
-    position = hive_header::BASE_SIZE;
-  } else {
-    HK_LOG(hiveLog, 4) << "Entries of log file " << name << " do not end the recovered state at "
-                       << _appliedSequence << "; not writing to it";
-    return false;
-  }
+  if (!placeNextEntry(*log, name, sequence, flags, position)) return false;
 
   std::vector<u8> entry = buildLogEntry(pages, sequence, flags);
   if (entry.empty()) return false;
@@ -209,8 +212,24 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
   return true;
 }
 
-bool RegistryHiveObj::handleAction(MappedStripe& stripe, Action action, const void* buffer, u64 offset,
-                                   u64 size, u64& done) {
+LogFileInfo* LogEngine::flushLog() {
+  if (_logs[1].stripe) return &_logs[1];
+  if (_createLog1) {
+    // Asked once: a log that cannot be made now is not retried each flush.
+    auto create = std::move(_createLog1);
+    _createLog1 = nullptr;
+    if (Ref<Interfaces::Stripe> made = create()) {
+      _logs[1].stripe = made;
+      if (!_logs[1].name) _logs[1].name = String::create("(.LOG1)");
+      return &_logs[1];
+    }
+    HK_LOG(hiveLog, 3) << "No log file could be made for the flush; writing the hive in place";
+  }
+  return _logs[2].stripe ? &_logs[2] : nullptr;
+}
+
+bool LogEngine::handleAction(MappedStripe& stripe, Action action, const void* buffer, u64 offset, u64 size,
+                             u64& done) {
   HK_ASSERT_AS(hiveLog, "_logMode != LogMode::None", _logMode != LogMode::None, false);
   if (action == Action::Resize) {
     // Growth of a log-mode hive lives in the log; the file keeps its size.

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/regfile/reg_file_exporter.h"
 #include "hive/regfile/reg_file_importer.h"
 #include "hive/regfile/reg_file_reader.h"
