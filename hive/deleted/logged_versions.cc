@@ -132,7 +132,7 @@ class VersionScanner {
   };
 
   bool charge(u64 cost);
-  bool load(const Source& source);
+  void load(const Source& source);
   u32 roomAt(const EntryImage::Run& run, u32 offset) const;
   void collect();
   bool currentKey(const ImageKey& key, KeyRecord& now) const;
@@ -202,14 +202,12 @@ bool VersionScanner::charge(u64 cost) {
 
 // Reads the entry's ranges; a damaged reference or a failed read ends the
 // entry there, and what was read before is still looked at.
-bool VersionScanner::load(const Source& source) {
+void VersionScanner::load(const Source& source) {
   _image.clear();
   const LogFileInfo& log = _hive.logFile(source.log);
-  bool ok = true;
-  auto add = [&](const LoggedRange& range) { return ok = _image.add(*log.stripe, range); };
-  const bool read = source.entry ? forEachEntryRange(log, *source.entry, add) : forEachDirtyRun(log, add);
+  auto add = [&](const LoggedRange& range) { return _image.add(*log.stripe, range); };
+  (void)(source.entry ? forEachEntryRange(log, *source.entry, add) : forEachDirtyRun(log, add));
   _image.finish();
-  return read && ok;
 }
 
 u32 VersionScanner::roomAt(const EntryImage::Run& run, u32 offset) const {
