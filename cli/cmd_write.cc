@@ -109,25 +109,14 @@ bool parseType(const std::string& text, ValueType& type, Form& form) {
   if (!parse_type(text, type)) return false;
   form = Form::Bytes;
   if (!text.empty() && std::isdigit(static_cast<unsigned char>(text[0]))) return true;
-  switch (type) {
-    case ValueType::sz:
-    case ValueType::expand_sz:
-    case ValueType::link:
-      form = Form::Text;
-      break;
-    case ValueType::multi_sz:
-      form = Form::TextList;
-      break;
-    case ValueType::dword:
-    case ValueType::dword_big_endian:
-      form = Form::Number32;
-      break;
-    case ValueType::qword:
-      form = Form::Number64;
-      break;
-    default:
-      break;
-  }
+  if (type == ValueType::sz || type == ValueType::expand_sz || type == ValueType::link)
+    form = Form::Text;
+  else if (type == ValueType::multi_sz)
+    form = Form::TextList;
+  else if (type == ValueType::dword || type == ValueType::dword_big_endian)
+    form = Form::Number32;
+  else if (type == ValueType::qword)
+    form = Form::Number64;
   return true;
 }
 
