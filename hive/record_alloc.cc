@@ -28,10 +28,7 @@ u32 absLength(s32 size) {
 }  // namespace
 
 u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
-  if (readonly()) {
-    Error::set(Errors::READ_ONLY);
-    return INVALID_RECORD;
-  }
+  if (Error::setIf(readonly(), Errors::READ_ONLY)) return INVALID_RECORD;
   if ((_mode & modeUnsafe) && refuseUnsafe("allocateRecord")) return INVALID_RECORD;
   if (size == 0 || size > MAX_RECORD_LENGTH) {
     HK_LOG(hiveLog, 4) << "Invalid record size requested: " << size;
@@ -83,10 +80,7 @@ u32 RegistryHiveObj::growForRecord(u32 length) {
     Error::set(Errors::ALLOCATION_FAILED);
     return INVALID_RECORD;
   }
-  if (!reserveBins(H + S)) {
-    Error::set(Errors::ALLOCATION_FAILED);
-    return INVALID_RECORD;
-  }
+  if (Error::setIf(!reserveBins(H + S), Errors::ALLOCATION_FAILED)) return INVALID_RECORD;
   if (fileSize() < fileEnd && _stripe->setElementCount(fileEnd) != fileEnd) {
     HK_LOG(hiveLog, 4) << "Failed to resize hive file to " << fileEnd
                        << "; error: " << Log::hex(Error::get());
@@ -149,10 +143,7 @@ bool RegistryHiveObj::appendEmptyHbin(u32 H, u32 S) {
 }
 
 bool RegistryHiveObj::initRecord(u32 offset, u32 size) {
-  if (readonly()) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
+  if (Error::setIf(readonly(), Errors::READ_ONLY)) return false;
   if ((_mode & modeUnsafe) && refuseUnsafe("initRecord")) return false;
   HK_ASSERT(hiveLog, size >= 8 && size % hive_hbin::RECORD_ALIGNMENT == 0, false);
   u32 hbin = INVALID_HBIN;
@@ -265,10 +256,7 @@ bool RegistryHiveObj::updateFreeSpace(u32 hbin_idx) {
 
 u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* allocatedSize,
                                   bool keepIfLarger) {
-  if (readonly()) {
-    Error::set(Errors::READ_ONLY);
-    return INVALID_RECORD;
-  }
+  if (Error::setIf(readonly(), Errors::READ_ONLY)) return INVALID_RECORD;
   if ((_mode & modeUnsafe) && refuseUnsafe("resizeRecord")) return INVALID_RECORD;
   if (newSize > MAX_RECORD_LENGTH) {
     HK_LOG(hiveLog, 4) << "Invalid record size requested: " << newSize;
@@ -339,10 +327,7 @@ u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* a
 }
 
 bool RegistryHiveObj::writeRecord(u32 offset, const void* data, u32 position, u32 length) {
-  if (readonly()) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
+  if (Error::setIf(readonly(), Errors::READ_ONLY)) return false;
   if ((_mode & modeUnsafe) && refuseUnsafe("writeRecord")) return false;
   if (length == 0) return true;
   if (position < 4) {
@@ -369,10 +354,7 @@ bool RegistryHiveObj::writeRecord(u32 offset, const void* data, u32 position, u3
 }
 
 bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data, u32 length) {
-  if (readonly()) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
+  if (Error::setIf(readonly(), Errors::READ_ONLY)) return false;
   if ((_mode & modeUnsafe) && refuseUnsafe("writeHBIN")) return false;
   HK_ASSERT(hiveLog, hbin_idx < _hbins.size(), false);
   HK_ASSERT(hiveLog, _binsMem, false);

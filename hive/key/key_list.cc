@@ -66,7 +66,8 @@ bool KeyObj::initSubkeys() {
   SubkeyList list;
   const bool loaded = loadSubkeyList(*_hive, record(), list);
   std::vector<KeyEntry> entries(list.entries.size());
-  for (size_t i = 0; i < entries.size(); ++i) entries[i] = KeyEntry{list.entries[i].hash, list.entries[i].offset, {}};
+  for (size_t i = 0; i < entries.size(); ++i)
+    entries[i] = KeyEntry{list.entries[i].hash, list.entries[i].offset, {}};
   _keyList.assign(std::move(entries));
   _tree = std::move(list.sublists);
   _twoLevelList = list.twoLevel;
@@ -134,14 +135,8 @@ bool KeyObj::binaryFindKey(const Ref<String>& name, Ref<KeyObj>& found, u32& pos
 
 Ref<Key> KeyObj::key(Ref<String> name) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
+  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(!name, Errors::NULL_ARGUMENT))
     return nullptr;
-  }
-  if (!name) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return nullptr;
-  }
   if (!initSubkeys()) return nullptr;
   Ref<KeyObj> found;
   u32 position = 0;

@@ -74,22 +74,14 @@ u32 ValueObj::datasizeFormType(ValueType type) {
 
 Ref<ValueObj> ValueObj::createValue(Ref<RegistryHiveObj> hive, Ref<ValueOwner> parent, Ref<String> name,
                                     ValueType type) {
-  if (!hive || !name) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return nullptr;
-  }
+  if (Error::setIf(!hive || !name, Errors::NULL_ARGUMENT)) return nullptr;
   Mon::Lock lock(hive->mon());
-  if (name->length() > MAX_VALUE_NAME_LENGTH) {
-    Error::set(Errors::VALUE_NAME_TOO_LONG);
-    return nullptr;
-  }
+  if (Error::setIf(name->length() > MAX_VALUE_NAME_LENGTH, Errors::VALUE_NAME_TOO_LONG)) return nullptr;
   std::vector<u8> stored;
   u64 length = 0;
   bool ascii = false;
-  if (!hive->stringToRegName(name, stored, length, ascii)) {
-    Error::set(Errors::VALUE_NAME_TOO_LONG);
+  if (Error::setIf(!hive->stringToRegName(name, stored, length, ascii), Errors::VALUE_NAME_TOO_LONG))
     return nullptr;
-  }
   HK_ASSERT(hiveLog, length <= 0xffff && length <= stored.size(), nullptr);
 
   std::vector<u8> record(VK::HEADER_SIZE + length, 0);
@@ -202,10 +194,7 @@ u32 ValueObj::walkExtents(u32 offset, u32 count, Piece piece) {
 
 u32 ValueObj::read(void* buffer, u32 offset, u32 size) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return 0;
-  }
+  if (Error::setIf(!_valid, Errors::OBJECT_INVALID)) return 0;
   const u32 count = clampCount(_dataSize, offset, size);
   if (count == 0) return 0;
   if (!_dataResident && _extents.empty() && !inDbForm()) {
@@ -221,14 +210,7 @@ u32 ValueObj::read(void* buffer, u32 offset, u32 size) {
 
 u32 ValueObj::write(const void* buffer, u32 offset, u32 size) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return 0;
-  }
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return 0;
-  }
+  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(_readOnly, Errors::READ_ONLY)) return 0;
   const u32 count = clampCount(_dataSize, offset, size);
   if (count == 0) return 0;
   const u8* in = static_cast<const u8*>(buffer);
@@ -265,14 +247,7 @@ bool ValueObj::writeRecordData() {
 
 u32 ValueObj::size(u32 newSize) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return 0;
-  }
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return 0;
-  }
+  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(_readOnly, Errors::READ_ONLY)) return 0;
   if (newSize == _dataSize) return _dataSize;
   // Bit 31 of the size field is the resident flag; hives of minor version
   // 3 have no db lists to hold more than one record; a db list counts its
@@ -496,14 +471,8 @@ u32 ValueObj::convertToDbForm(u32 newSize) {
 
 bool ValueObj::selfDelete() {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
+  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(_readOnly, Errors::READ_ONLY))
     return false;
-  }
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
   if (!freeAllExtents()) return false;
   nameRef();  // the object keeps its name when its record is gone
   _extents.clear();
@@ -516,14 +485,8 @@ bool ValueObj::selfDelete() {
 
 bool ValueObj::setName(const Ref<String>& name) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
+  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(_readOnly, Errors::READ_ONLY))
     return false;
-  }
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
   std::vector<u8> stored;
   u64 length = 0;
   bool ascii = false;

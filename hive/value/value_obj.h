@@ -84,6 +84,9 @@ class ValueObj : public Value {
   // The data's records are loaded and hold _dataSize bytes (true when
   // resident); sets the error otherwise. Call before allocating for the data.
   bool storageHolds();
+  // Makes the data exactly `bytes` (sized, then written); `what` names the
+  // data in the log. Clears the error on success.
+  bool replaceData(const std::vector<u8>& bytes, const char* what);
   bool freeAllExtents();
   u32 resizeDbList(u32 newSize);
   // The two cases of resizeDbList: a db list already, or data of at most
