@@ -297,9 +297,7 @@ u32 ValueObj::resizeToResident(u32 newSize, u32 keep) {
   _dbListDataRecord = INVALID_RECORD;
   _dataResident = true;
   std::memcpy(_recordData + VK::OFS_DATA, bytes, 4);
-  commitSize(newSize, "Failed to update vk record for resize. record: ");
-  freeRecords(old);
-  return _dataSize;
+  return commitSize(newSize, "Failed to update vk record for resize. record: ", old);
 }
 
 // Resident data, or a db list, moves into one data record of `newSize`.
@@ -328,15 +326,14 @@ u32 ValueObj::moveToOneRecord(u32 newSize, u32 keep) {
   _dbListDataRecord = INVALID_RECORD;
   _dataResident = false;
   W32(_recordData + VK::OFS_DATA, record);
-  commitSize(newSize, "Failed to update vk record for resize. record: ");
-  freeRecords(old);
-  return _dataSize;
+  return commitSize(newSize, "Failed to update vk record for resize. record: ", old);
 }
 
-u32 ValueObj::commitSize(u32 newSize, const char* failure) {
+u32 ValueObj::commitSize(u32 newSize, const char* failure, const std::vector<u32>& retired) {
   _dataSize = newSize;
   W32(_recordData + VK::OFS_DATA_SIZE, newSize | (_dataResident ? VK::DATA_RESIDENT : 0));
   if (!writeRecordData()) HK_LOG(hiveLog, 4) << failure << Log::hex(_offset);
+  freeRecords(retired);
   return _dataSize;
 }
 
@@ -420,9 +417,7 @@ u32 ValueObj::resizeDbForm(u32 newSize) {
   if (fragments.size() < have && list == _dbListDataRecord) _hive->resizeRecord(list, 4 * needed + 4, false);
   _extents = std::move(fragments);
   _dbListDataRecord = list;
-  commitSize(newSize, "Failed to update vk record for resize to db list. record: ");
-  freeRecords(retire);
-  return _dataSize;
+  return commitSize(newSize, "Failed to update vk record for resize to db list. record: ", retire);
 }
 
 // Moves data of up to one fragment (resident or in one record) into a new
@@ -462,9 +457,7 @@ u32 ValueObj::convertToDbForm(u32 newSize) {
   _dbListDataRecord = list;
   _dataResident = false;
   W32(_recordData + VK::OFS_DATA, db);
-  commitSize(newSize, "Failed to update vk record for resize to db list. record: ");
-  freeRecords(old);
-  return _dataSize;
+  return commitSize(newSize, "Failed to update vk record for resize to db list. record: ", old);
 }
 
 // ---------------------------------------------------------------- record

@@ -87,6 +87,9 @@ class ValueObj : public Value {
   // Makes the data exactly `bytes` (sized, then written); `what` names the
   // data in the log. Clears the error on success.
   bool replaceData(const std::vector<u8>& bytes, const char* what);
+  // The first `units` UTF-16 units of the data; false (error set) when they
+  // cannot all be read.
+  bool readText(u32 units, std::u16string& text);
   bool freeAllExtents();
   u32 resizeDbList(u32 newSize);
   // The two cases of resizeDbList: a db list already, or data of at most
@@ -105,8 +108,9 @@ class ValueObj : public Value {
   bool storageRecords(std::vector<u32>& records);
   // Frees each record; false when any could not be freed.
   bool freeRecords(const std::vector<u32>& records);
-  // Sets the data size (and resident bit) and rewrites the vk record.
-  u32 commitSize(u32 newSize, const char* failure);
+  // Sets the data size (and resident bit), rewrites the vk record, then
+  // frees the records the old storage no longer needs; returns the size.
+  u32 commitSize(u32 newSize, const char* failure, const std::vector<u32>& retired = {});
   bool writeDbList(u32 dbRecord, u32 listRecord, const std::vector<u32>& fragments);
   template <class Piece>
   u32 walkExtents(u32 offset, u32 count, Piece piece);

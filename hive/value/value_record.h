@@ -33,9 +33,7 @@ struct ValueRecord {
 
   u32 dataCell() const { return L32(fixed + hive_record_vk::OFS_DATA); }
   // The data lies in a db list.
-  bool inDbForm() const {
-    return !v13 && !resident && dataSize > hive_record_vk::V1_5_MAX_DATA_WITHOUT_DB;
-  }
+  bool inDbForm() const { return !v13 && !resident && dataSize > hive_record_vk::V1_5_MAX_DATA_WITHOUT_DB; }
   // Bytes one data record can give.
   u32 extentCapacity() const {
     return v13 ? hive_record_vk::V1_3_MAX_DATA : hive_record_vk::V1_5_MAX_DATA_WITHOUT_DB;
@@ -88,8 +86,8 @@ ValueDataPlace locateValueData(RegistryHiveObj& hive, const ValueRecord& value, 
 // the right fragment without loading the ones before it. Returns the bytes
 // handed over.
 template <class Piece>
-u32 walkValueExtents(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents, u32 offset,
-                     u32 count, Piece piece) {
+u32 walkValueExtents(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents,
+                     u32 offset, u32 count, Piece piece) {
   constexpr u32 CHUNK = hive_record_vk::V1_5_MAX_DATA_WITHOUT_DB;
   const u32 limit = value.extentCapacity();
   size_t index = 0;
@@ -122,7 +120,7 @@ u32 walkValueExtents(RegistryHiveObj& hive, const ValueRecord& value, const std:
 // `buffer`; `extents` are the value's (unused for resident data). Returns
 // the bytes copied: fewer than asked only past the end of the data or when
 // a data record cannot be loaded.
-u32 readValueData(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents, u32 offset,
-                  void* buffer, u32 size);
+u32 readValueData(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents,
+                  u32 offset, void* buffer, u32 size);
 
 }  // namespace Libraries::Files::Hive

@@ -89,6 +89,16 @@ Ref<Interfaces::Stripe> ValueObj::binary() {
   return makeRef<StripeValue>(Ref<ValueObj>(this));
 }
 
+bool ValueObj::readText(u32 units, std::u16string& text) {
+  if (!storageHolds()) return false;
+  const u32 got = readUnits(*this, units, text);
+  if (got == 2 * units) return true;
+  HK_LOG(hiveLog, 4) << "Wrong read result when reading string, record = " << Log::hex(_offset)
+                     << " string length (bytes): " << 2 * units << " read result: " << got;
+  shortRead();
+  return false;
+}
+
 Ref<String> ValueObj::string(u32 maxLength) {
   Mon::Lock lock(_hive->mon());
   if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(!isStringType(_type), Errors::WRONG_TYPE))
@@ -101,15 +111,8 @@ Ref<String> ValueObj::string(u32 maxLength) {
     Error::set(Errors::STRING_ONE_BYTE);
     return nullptr;
   }
-  if (!storageHolds()) return nullptr;
   std::u16string text;
-  const u32 got = readUnits(*this, units, text);
-  if (got != 2 * units) {
-    HK_LOG(hiveLog, 4) << "Wrong read result when reading string, record = " << Log::hex(_offset)
-                       << " string length (bytes): " << 2 * units << " read result: " << got;
-    shortRead();
-    return nullptr;
-  }
+  if (!readText(units, text)) return nullptr;
   // Stored strings end in a zero unit, often followed by slack: the text is
   // what comes before the first zero.
   const size_t end = text.find(u'\0');
@@ -206,15 +209,8 @@ Ref<TVector<Ref<String>>> ValueObj::strings(u32 maxLength) {
   Error::set(0);
   const u32 units = _dataSize / 2;
   if (Error::setIf(units > maxLength, Errors::DATA_TOO_LONG)) return nullptr;
-  if (!storageHolds()) return nullptr;
   std::u16string text;
-  const u32 got = readUnits(*this, units, text);
-  if (got != 2 * units) {
-    HK_LOG(hiveLog, 4) << "Wrong read result when reading string, record = " << Log::hex(_offset)
-                       << " string length (bytes): " << 2 * units << " read result: " << got;
-    shortRead();
-    return nullptr;
-  }
+  if (!readText(units, text)) return nullptr;
   auto list = TVector<Ref<String>>::create();
   // Each string ends in a zero unit; an empty string (a zero unit right
   // after a terminator, or at the start) ends the list.
