@@ -274,32 +274,26 @@ u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* a
   HK_ASSERT(hiveLog, (u64{recordSize} + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0, INVALID_RECORD);
   const u32 inHbin = offset - _hbins[hbin].offset;
   const u32 total = recordSize + freeBehind;
-  u8 field[4];
+  // Writes a cell's size field at `at` in the hbin.
+  auto writeSize = [&](u32 at, u32 size, const char* failure) {
+    u8 field[4];
+    W32(field, size);
+    if (writeHBIN(hbin, at, field, 4)) return true;
+    HK_LOG(hiveLog, 4) << "Failed to write " << failure << ", record=" << offset;
+    return false;
+  };
 
   // A new size of 0 frees the record, merged with the free space behind it.
   if (length == 0) {
-    W32(field, total);
-    if (!writeHBIN(hbin, inHbin, field, 4)) {
-      HK_LOG(hiveLog, 4) << "Failed to write free record while freeing, record=" << offset;
-      return INVALID_RECORD;
-    }
+    if (!writeSize(inHbin, total, "free record while freeing")) return INVALID_RECORD;
     updateFreeSpace(hbin);
     return offset;
   }
 
   if (total >= length) {
-    W32(field, static_cast<u32>(-static_cast<s32>(length)));
-    if (!writeHBIN(hbin, inHbin, field, 4)) {
-      HK_LOG(hiveLog, 4) << "Failed to write record while resizing, record=" << offset;
+    if (!writeSize(inHbin, static_cast<u32>(-static_cast<s32>(length)), "record while resizing") ||
+        (total > length && !writeSize(inHbin + length, total - length, "free record while resizing")))
       return INVALID_RECORD;
-    }
-    if (total > length) {
-      W32(field, total - length);
-      if (!writeHBIN(hbin, inHbin + length, field, 4)) {
-        HK_LOG(hiveLog, 4) << "Failed to write free record while resizing, record=" << offset;
-        return INVALID_RECORD;
-      }
-    }
     updateFreeSpace(hbin);
     return offset;
   }
@@ -317,11 +311,7 @@ u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* a
     HK_LOG(hiveLog, 4) << "Failed to copy data to the new record while resizing, record=" << moved;
     return INVALID_RECORD;
   }
-  W32(field, recordSize);
-  if (!writeHBIN(hbin, inHbin, field, 4)) {
-    HK_LOG(hiveLog, 4) << "Failed to write free record while resizing (re-allocate), record=" << offset;
-    return INVALID_RECORD;
-  }
+  if (!writeSize(inHbin, recordSize, "free record while resizing (re-allocate)")) return INVALID_RECORD;
   updateFreeSpace(hbin);
   return moved;
 }

@@ -16,16 +16,19 @@ void shiftIterators(std::vector<WeakRef<T>>& slots, u32 index, bool inserted) {
   }
 }
 
-// Registers an iterator in the first slot whose iterator is gone.
+// A new iterator over a list of `key`, kept in the first of `slots` whose
+// iterator is gone so that the key can shift it.
 template <class T>
-void registerIterator(std::vector<WeakRef<T>>& slots, const Ref<T>& it) {
+Ref<T> newIterator(KeyObj* key, std::vector<WeakRef<T>>& slots) {
+  Ref<T> it = makeRef<T>(Ref<KeyObj>(key));
   for (WeakRef<T>& slot : slots) {
     if (!slot.lock()) {
       slot = WeakRef<T>(it);
-      return;
+      return it;
     }
   }
   slots.push_back(WeakRef<T>(it));
+  return it;
 }
 
 }  // namespace
@@ -36,18 +39,12 @@ Ref<Value> ValueEntries::at(KeyObj& key, u32 index) {
 
 Ref<KeyIterator> KeyObj::keyIterator() {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) return nullptr;
-  Ref<KeyIteratorObj> it = makeRef<KeyIteratorObj>(Ref<KeyObj>(this));
-  registerIterator(_keyIterators, it);
-  return it;
+  return _valid ? newIterator(this, _keyIterators) : nullptr;
 }
 
 Ref<ValueIterator> KeyObj::valueIterator() {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) return nullptr;
-  Ref<ValueIteratorObj> it = makeRef<ValueIteratorObj>(Ref<KeyObj>(this));
-  registerIterator(_valueIterators, it);
-  return it;
+  return _valid ? newIterator(this, _valueIterators) : nullptr;
 }
 
 void KeyObj::keysInsertedAt(u32 index) {

@@ -2,6 +2,7 @@
 // _keyList and _tree, list hashes, and lookup by name.
 #include <algorithm>
 
+#include "hive/entry_checks.h"
 #include "hive/key/key_obj.h"
 #include "hive/key/subkey_search.h"
 #include "platform/check.h"
@@ -135,8 +136,7 @@ bool KeyObj::binaryFindKey(const Ref<String>& name, Ref<KeyObj>& found, u32& pos
 
 Ref<Key> KeyObj::key(Ref<String> name) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(!name, Errors::NULL_ARGUMENT))
-    return nullptr;
+  if (!entryChecks(Entry::read, _readOnly, _valid, name)) return nullptr;
   if (!initSubkeys()) return nullptr;
   Ref<KeyObj> found;
   u32 position = 0;

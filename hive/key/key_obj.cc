@@ -1,5 +1,6 @@
 #include "hive/key/key_obj.h"
 
+#include "hive/entry_checks.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -67,7 +68,7 @@ const Ref<String>& KeyObj::nameRef() {
 
 Ref<KeyObj> KeyObj::key(u32 index) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID)) return nullptr;
+  if (!entryChecks(Entry::read, _readOnly, _valid)) return nullptr;
   if (!initSubkeys()) return nullptr;
   HK_ASSERT_AS(hiveLog, "_keyList.size() == _numOfKeys", _keyList.size() == _numOfKeys, nullptr);
   if (index >= _keyList.size()) return nullptr;

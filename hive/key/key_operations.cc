@@ -1,5 +1,6 @@
 // Key operations that change the tree: create, delete, move / rename, and
 // the security reference counts that go with them.
+#include "hive/entry_checks.h"
 #include "hive/key/key_obj.h"
 #include "hive/value/value_obj.h"
 #include "platform/check.h"
@@ -70,9 +71,8 @@ u32 KeyObj::writeNewKeyRecord(const u8* storedName, u32 nameLength, bool compres
 }
 
 Ref<Key> KeyObj::createKey(Ref<String> name) {
-  if (Error::setIf(_readOnly, Errors::READ_ONLY)) return nullptr;
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(!name, Errors::NULL_ARGUMENT) ||
+  if (!entryChecks(Entry::change, _readOnly, _valid, name) ||
       Error::setIf(name->isEmpty(), Errors::INVALID_ARGUMENT))
     return nullptr;
   if (!initSubkeys()) return nullptr;
@@ -121,10 +121,8 @@ bool KeyObj::canBeDeleted() {
 }
 
 bool KeyObj::deleteKey(Ref<Key> key) {
-  if (Error::setIf(_readOnly, Errors::READ_ONLY)) return false;
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(!key, Errors::NULL_ARGUMENT))
-    return false;
+  if (!entryChecks(Entry::change, _readOnly, _valid, key)) return false;
   Ref<KeyObj> k = key.cast<KeyObj>();
   if (Error::setIf(!k || k->_hive.get() != _hive.get(), Errors::INVALID_ARGUMENT) ||
       Error::setIf(!k->_valid, Errors::OBJECT_INVALID) ||
@@ -248,10 +246,8 @@ Ref<KeyObj> KeyObj::keyToMove(const Ref<Key>& key) {
 }
 
 bool KeyObj::move(Ref<Key> key, Ref<String> newName) {
-  if (Error::setIf(_readOnly, Errors::READ_ONLY)) return false;
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(!key || !newName, Errors::NULL_ARGUMENT))
-    return false;
+  if (!entryChecks(Entry::change, _readOnly, _valid, key, newName)) return false;
   Ref<KeyObj> k = keyToMove(key);
   if (!k) return false;
   Ref<KeyObj> oldParent = k->_parent;

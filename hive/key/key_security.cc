@@ -1,6 +1,7 @@
 // A key's security descriptor: choosing or making the sk record it uses.
 #include <cstring>
 
+#include "hive/entry_checks.h"
 #include "hive/key/key_obj.h"
 #include "hive/security/security_descriptor.h"
 #include "platform/check.h"
@@ -94,9 +95,8 @@ void dropDescriptor(RegistryHiveObj& hive, u32 offset) {
 }  // namespace
 
 bool KeyObj::setSecurityDescriptor(const u8* bytes, u32 length) {
-  if (Error::setIf(_readOnly, Errors::READ_ONLY)) return false;
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID)) return false;
+  if (!entryChecks(Entry::change, _readOnly, _valid)) return false;
   if (!bytes || length < MIN_DESCRIPTOR || length > MAX_DESCRIPTOR) {
     HK_LOG(hiveLog, 4) << "Security descriptor of " << length << " bytes refused, key: " << _offset;
     Error::set(Errors::INVALID_ARGUMENT);

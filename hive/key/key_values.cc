@@ -1,6 +1,7 @@
 // The value list of a key: the list record (one vk offset per value, in
 // creation order), the cache of value objects, the index of value names,
 // and the value operations.
+#include "hive/entry_checks.h"
 #include "hive/key/key_iterator.h"
 #include "hive/key/key_obj.h"
 #include "hive/value/value_obj.h"
@@ -28,7 +29,7 @@ bool KeyObj::initValues() {
 
 Ref<ValueObj> KeyObj::value(u32 index) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID)) return nullptr;
+  if (!entryChecks(Entry::read, _readOnly, _valid)) return nullptr;
   if (index >= _numOfValues) return nullptr;
   if (!initValues()) return nullptr;
   HK_ASSERT_AS(hiveLog, "_values.size() == _numOfValues", _values.size() == _numOfValues, nullptr);
@@ -48,8 +49,7 @@ Ref<ValueObj> KeyObj::value(u32 index) {
 
 Ref<Value> KeyObj::value(Ref<String> name) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(!name, Errors::NULL_ARGUMENT))
-    return nullptr;
+  if (!entryChecks(Entry::read, _readOnly, _valid, name)) return nullptr;
   if (!initValues()) return nullptr;
   const Ref<String> sought = name->upper();
   if (_numOfValues > VALUE_INDEX_MIN) {
@@ -129,9 +129,8 @@ void KeyObj::indexValueRemoved(u32 index) {
 }
 
 Ref<Value> KeyObj::createValue(Ref<String> name, ValueType type) {
-  if (Error::setIf(_readOnly, Errors::READ_ONLY)) return nullptr;
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(!name, Errors::NULL_ARGUMENT) ||
+  if (!entryChecks(Entry::change, _readOnly, _valid, name) ||
       Error::setIf(static_cast<bool>(value(name)), Errors::VALUE_EXISTS))
     return nullptr;
   if (_numOfValues > 0 && !initValues()) return nullptr;
@@ -248,10 +247,8 @@ bool KeyObj::unlinkValueAt(u32 index) {
 }
 
 bool KeyObj::deleteValue(Ref<Value> value) {
-  if (Error::setIf(_readOnly, Errors::READ_ONLY)) return false;
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(!value, Errors::NULL_ARGUMENT))
-    return false;
+  if (!entryChecks(Entry::change, _readOnly, _valid, value)) return false;
   Ref<ValueObj> v = value.cast<ValueObj>();
   if (Error::setIf(!v, Errors::INVALID_ARGUMENT)) return false;
   if (!unlinkValue(v)) return false;
@@ -259,10 +256,8 @@ bool KeyObj::deleteValue(Ref<Value> value) {
 }
 
 bool KeyObj::move(Ref<Value> value, Ref<String> newName) {
-  if (Error::setIf(_readOnly, Errors::READ_ONLY)) return false;
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) ||
-      Error::setIf(!value || !newName, Errors::NULL_ARGUMENT) ||
+  if (!entryChecks(Entry::change, _readOnly, _valid, value, newName) ||
       Error::setIf(static_cast<bool>(this->value(newName)), Errors::MOVE_VALUE_EXISTS))
     return false;
   // The hive is checked before the parent is read: a value of another hive

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "hive/allocation_rollback.h"
+#include "hive/entry_checks.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -194,7 +195,7 @@ u32 ValueObj::walkExtents(u32 offset, u32 count, Piece piece) {
 
 u32 ValueObj::read(void* buffer, u32 offset, u32 size) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID)) return 0;
+  if (!entryChecks(Entry::read, _readOnly, _valid)) return 0;
   const u32 count = clampCount(_dataSize, offset, size);
   if (count == 0) return 0;
   if (!_dataResident && _extents.empty() && !inDbForm()) {
@@ -210,7 +211,7 @@ u32 ValueObj::read(void* buffer, u32 offset, u32 size) {
 
 u32 ValueObj::write(const void* buffer, u32 offset, u32 size) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(_readOnly, Errors::READ_ONLY)) return 0;
+  if (!entryChecks(Entry::change, _readOnly, _valid)) return 0;
   const u32 count = clampCount(_dataSize, offset, size);
   if (count == 0) return 0;
   const u8* in = static_cast<const u8*>(buffer);
@@ -247,7 +248,7 @@ bool ValueObj::writeRecordData() {
 
 u32 ValueObj::size(u32 newSize) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(_readOnly, Errors::READ_ONLY)) return 0;
+  if (!entryChecks(Entry::change, _readOnly, _valid)) return 0;
   if (newSize == _dataSize) return _dataSize;
   // Bit 31 of the size field is the resident flag; hives of minor version
   // 3 have no db lists to hold more than one record; a db list counts its
@@ -464,8 +465,7 @@ u32 ValueObj::convertToDbForm(u32 newSize) {
 
 bool ValueObj::selfDelete() {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(_readOnly, Errors::READ_ONLY))
-    return false;
+  if (!entryChecks(Entry::change, _readOnly, _valid)) return false;
   if (!freeAllExtents()) return false;
   nameRef();  // the object keeps its name when its record is gone
   _extents.clear();
@@ -478,8 +478,7 @@ bool ValueObj::selfDelete() {
 
 bool ValueObj::setName(const Ref<String>& name) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(_readOnly, Errors::READ_ONLY))
-    return false;
+  if (!entryChecks(Entry::change, _readOnly, _valid)) return false;
   std::vector<u8> stored;
   u64 length = 0;
   bool ascii = false;

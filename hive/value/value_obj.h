@@ -9,6 +9,7 @@
 
 #include <vector>
 
+#include "hive/entry_checks.h"
 #include "hive/registry_hive.h"
 #include "hive/value/value_owner.h"
 #include "hive/value/value_record.h"
@@ -90,6 +91,9 @@ class ValueObj : public Value {
   // The first `units` UTF-16 units of the data; false (error set) when they
   // cannot all be read.
   bool readText(u32 units, std::u16string& text);
+  // The width of a number value's data (4 or 8) after the entry checks; 0
+  // (error set) when a check fails or the data is not that wide.
+  u32 numberWidth(Entry entry);
   bool freeAllExtents();
   u32 resizeDbList(u32 newSize);
   // The two cases of resizeDbList: a db list already, or data of at most

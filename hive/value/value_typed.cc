@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "hive/entry_checks.h"
 #include "hive/value/stripe_value.h"
 #include "hive/value/value_obj.h"
 #include "platform/error.h"
@@ -70,7 +71,7 @@ bool ValueObj::storageHolds() {
 
 bool ValueObj::setType(ValueType type) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID)) return false;
+  if (!entryChecks(Entry::read, _readOnly, _valid)) return false;
   const u32 previous = L32(_recordData + VK::OFS_TYPE);
   W32(_recordData + VK::OFS_TYPE, type);
   if (!writeRecordData()) {
@@ -85,7 +86,7 @@ bool ValueObj::setType(ValueType type) {
 
 Ref<Interfaces::Stripe> ValueObj::binary() {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID)) return nullptr;
+  if (!entryChecks(Entry::read, _readOnly, _valid)) return nullptr;
   return makeRef<StripeValue>(Ref<ValueObj>(this));
 }
 
@@ -101,7 +102,7 @@ bool ValueObj::readText(u32 units, std::u16string& text) {
 
 Ref<String> ValueObj::string(u32 maxLength) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(!isStringType(_type), Errors::WRONG_TYPE))
+  if (!entryChecks(Entry::read, _readOnly, _valid) || Error::setIf(!isStringType(_type), Errors::WRONG_TYPE))
     return nullptr;
   Error::set(0);
   const u32 units = _dataSize / 2;  // an odd last byte is ignored
@@ -137,8 +138,8 @@ bool ValueObj::replaceData(const std::vector<u8>& bytes, const char* what) {
 
 bool ValueObj::setString(Ref<String> text) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!text, Errors::NULL_ARGUMENT) || Error::setIf(!_valid, Errors::OBJECT_INVALID) ||
-      Error::setIf(_readOnly, Errors::READ_ONLY) || Error::setIf(!isStringType(_type), Errors::WRONG_TYPE))
+  if (!entryChecks(Entry::change, _readOnly, _valid, text) ||
+      Error::setIf(!isStringType(_type), Errors::WRONG_TYPE))
     return false;
   const std::u16string_view units = untilZero(*text);
   if (Error::setIf(units.size() >= DATA_SIZE_LIMIT / 2, Errors::INVALID_ARGUMENT)) return false;
@@ -150,12 +151,17 @@ bool ValueObj::setString(Ref<String> text) {
   return replaceData(bytes, "string");
 }
 
+u32 ValueObj::numberWidth(Entry entry) {
+  if (!entryChecks(entry, _readOnly, _valid) || Error::setIf(!isNumberType(_type), Errors::WRONG_TYPE))
+    return 0;
+  const u32 width = datasizeFormType(_type);
+  return Error::setIf(_dataSize != width, Errors::NUMBER_WRONG_SIZE) ? 0 : width;
+}
+
 u64 ValueObj::number() {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(!isNumberType(_type), Errors::WRONG_TYPE))
-    return ALL_ONES;
-  const u32 width = datasizeFormType(_type);
-  if (Error::setIf(_dataSize != width, Errors::NUMBER_WRONG_SIZE)) return ALL_ONES;
+  const u32 width = numberWidth(Entry::read);
+  if (width == 0) return ALL_ONES;
   u8 bytes[8] = {};
   if (read(bytes, 0, width) != width) {
     HK_LOG(hiveLog, 4) << (width == 8 ? "Wrong read result when reading u64 value, record = "
@@ -172,11 +178,8 @@ u64 ValueObj::number() {
 
 bool ValueObj::setNumber(u64 number) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) || Error::setIf(_readOnly, Errors::READ_ONLY) ||
-      Error::setIf(!isNumberType(_type), Errors::WRONG_TYPE))
-    return false;
-  const u32 width = datasizeFormType(_type);
-  if (Error::setIf(_dataSize != width, Errors::NUMBER_WRONG_SIZE)) return false;
+  const u32 width = numberWidth(Entry::change);
+  if (width == 0) return false;
   u8 bytes[8];
   if (_type == T::Qword) {
     W64(bytes, number);
@@ -203,7 +206,7 @@ bool ValueObj::setNumber(u64 number) {
 
 Ref<TVector<Ref<String>>> ValueObj::strings(u32 maxLength) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!_valid, Errors::OBJECT_INVALID) ||
+  if (!entryChecks(Entry::read, _readOnly, _valid) ||
       Error::setIf(_type != T::MultiString, Errors::WRONG_TYPE))
     return nullptr;
   Error::set(0);
@@ -232,8 +235,8 @@ Ref<TVector<Ref<String>>> ValueObj::strings(u32 maxLength) {
 
 bool ValueObj::setStrings(Ref<TVector<Ref<String>>> strings) {
   Mon::Lock lock(_hive->mon());
-  if (Error::setIf(!strings, Errors::NULL_ARGUMENT) || Error::setIf(!_valid, Errors::OBJECT_INVALID) ||
-      Error::setIf(_readOnly, Errors::READ_ONLY) || Error::setIf(_type != T::MultiString, Errors::WRONG_TYPE))
+  if (!entryChecks(Entry::change, _readOnly, _valid, strings) ||
+      Error::setIf(_type != T::MultiString, Errors::WRONG_TYPE))
     return false;
   std::vector<u8> bytes;
   for (const Ref<String>& s : strings->items()) {
