@@ -11,6 +11,20 @@ namespace Libraries::Files::Hive {
 namespace {
 using N = hive_record_nk;
 using S = hive_record_sk;
+
+// A key name in the form its nk record stores.
+struct StoredName {
+  std::vector<u8> bytes;
+  u64 length = 0;
+  bool compressed = false;
+};
+
+// `name` as a record stores it; false with `code` set when it cannot be.
+bool storeName(RegistryHiveObj& hive, const Ref<String>& name, u32 code, StoredName& out) {
+  return !Error::setIf(
+      !hive.stringToRegName(name, out.bytes, out.length, out.compressed) || out.length > out.bytes.size(),
+      code);
+}
 }  // namespace
 
 bool KeyObj::adjustSecurityCellRefCount(RegistryHiveObj* hive, u32 offset, bool increment) {
@@ -83,22 +97,17 @@ Ref<Key> KeyObj::createKey(Ref<String> name) {
       Error::setIf(position == INVALID_RECORD, Errors::NO_INSERT_POSITION) ||
       Error::setIf(!ensureFreeListPlace(position), Errors::KEY_LIST_FULL))
     return nullptr;
-  std::vector<u8> stored;
-  u64 nameLength = 0;
-  bool compressed = false;
-  if (Error::setIf(
-          !_hive->stringToRegName(name, stored, nameLength, compressed) || nameLength > stored.size(),
-          Errors::KEY_NAME_INVALID))
-    return nullptr;
-  HK_ASSERT(hiveLog, nameLength <= 0xffffu, nullptr);
+  StoredName stored;
+  if (!storeName(*_hive, name, Errors::KEY_NAME_INVALID, stored)) return nullptr;
+  HK_ASSERT(hiveLog, stored.length <= 0xffffu, nullptr);
   // Characters without a codepage byte hash as 0, as the lists of other
   // writers do; a hash is a hint and never a reason to refuse a name.
   u32 hash = 0;
-  if (Error::setIf(_listType != keyListLI && !makeHash(_listType, name, compressed, true, hash),
+  if (Error::setIf(_listType != keyListLI && !makeHash(_listType, name, stored.compressed, true, hash),
                    Errors::HASH_FAILED))
     return nullptr;
 
-  const u32 nk = writeNewKeyRecord(stored.data(), static_cast<u32>(nameLength), compressed);
+  const u32 nk = writeNewKeyRecord(stored.bytes.data(), static_cast<u32>(stored.length), stored.compressed);
   if (nk == INVALID_RECORD) return nullptr;
   // Readers size their buffers by the longest subkey name.
   const u32 nameBytes = static_cast<u32>(name->length()) * 2;
@@ -167,26 +176,23 @@ bool KeyObj::selfDelete() {
 
 u32 KeyObj::setName(const Ref<String>& name, KeyListType type, u32 newParent, u32& hash) {
   hash = 0;
-  std::vector<u8> stored;
-  u64 nameLength = 0;
-  bool compressed = false;
-  if (Error::setIf(
-          !_hive->stringToRegName(name, stored, nameLength, compressed) || nameLength > stored.size(),
-          Errors::MOVE_NAME_TOO_LONG))
+  StoredName stored;
+  if (!storeName(*_hive, name, Errors::MOVE_NAME_TOO_LONG, stored)) return INVALID_RECORD;
+  HK_ASSERT(hiveLog, stored.length <= 0xffffu, INVALID_RECORD);
+  if (Error::setIf(type != keyListLI && !makeHash(type, name, stored.compressed, true, hash),
+                   Errors::HASH_FAILED))
     return INVALID_RECORD;
-  HK_ASSERT(hiveLog, nameLength <= 0xffffu, INVALID_RECORD);
-  if (Error::setIf(type != keyListLI && !makeHash(type, name, compressed, true, hash), Errors::HASH_FAILED))
-    return INVALID_RECORD;
-  const u32 recordSize = N::HEADER_SIZE + static_cast<u32>(nameLength);
+  const u16 nameLength = static_cast<u16>(stored.length);
+  const u32 recordSize = N::HEADER_SIZE + nameLength;
   std::vector<u8> record(recordSize, 0);
   u8* r = record.data();
   std::copy(_header, _header + N::HEADER_SIZE, r);
   u16 flags = L16(r + N::OFS_FLAGS);
-  flags = compressed ? (flags | N::FLAG_COMP_NAME) : (flags & ~N::FLAG_COMP_NAME);
+  flags = stored.compressed ? (flags | N::FLAG_COMP_NAME) : (flags & ~N::FLAG_COMP_NAME);
   W16(r + N::OFS_FLAGS, flags);
   W32(r + N::OFS_PARENT, newParent);
-  W16(r + N::OFS_NAME_LENGTH, static_cast<u16>(nameLength));
-  std::copy(stored.begin(), stored.begin() + static_cast<size_t>(nameLength), r + N::OFS_NAME);
+  W16(r + N::OFS_NAME_LENGTH, nameLength);
+  std::copy(stored.bytes.begin(), stored.bytes.begin() + nameLength, r + N::OFS_NAME);
   const u64 now = _hive->now();
   W64(r + N::OFS_LAST_WRITE, now);
 

@@ -128,11 +128,7 @@ class ValueObj : public Value {
   u32 _dataSize = 0;
   u32 _type = 0;
   u32 _dbListDataRecord = INVALID_RECORD;
-  bool _dataResident = false;
-  bool _valid = false;
-  bool _isV13 = false;
-  bool _readOnly = false;
-  bool _resizable = false;
+  bool _dataResident = false, _valid = false, _isV13 = false, _readOnly = false, _resizable = false;
 };
 
 }  // namespace Libraries::Files::Hive

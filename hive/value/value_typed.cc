@@ -164,9 +164,8 @@ u64 ValueObj::number() {
   if (width == 0) return ALL_ONES;
   u8 bytes[8] = {};
   if (read(bytes, 0, width) != width) {
-    HK_LOG(hiveLog, 4) << (width == 8 ? "Wrong read result when reading u64 value, record = "
-                                      : "Wrong read result when reading u32 value, record = ")
-                       << Log::hex(_offset);
+    HK_LOG(hiveLog, 4) << "Wrong read result when reading u" << 8 * width
+                       << " value, record = " << Log::hex(_offset);
     Error::set(Errors::SHORT_READ);
     return ALL_ONES;
   }
@@ -194,9 +193,8 @@ bool ValueObj::setNumber(u64 number) {
     }
   }
   if (write(bytes, 0, width) != width) {
-    HK_LOG(hiveLog, 4) << (width == 8 ? "Wrong write result when writing u64 value, record = "
-                                      : "Wrong write result when writing u32 value, record = ")
-                       << Log::hex(_offset);
+    HK_LOG(hiveLog, 4) << "Wrong write result when writing u" << 8 * width
+                       << " value, record = " << Log::hex(_offset);
     Error::set(Errors::SHORT_WRITE);
     return false;
   }
