@@ -25,6 +25,8 @@ namespace {
 
 // The key's record, read under `call`; false with `why` set.
 bool readKey(const Call& call, u32 offset, KeyRecord& rec, Status* why = nullptr) {
+  if (const Libraries::Files::Hive::hive_record* nk = acceptedKeyRecord(call.hive(), offset))
+    return parseKeyRecord(nk->bytes(), nk->length(), offset, rec);
   if (readKeyRecord(call.hive(), offset, rec)) return true;
   if (why) *why = engineStatus("cannot read the key", Code::corrupt);
   return false;
@@ -541,14 +543,14 @@ void Subkeys::advance(iterator& it) {
   u32 at = 0;
   if (call.ok()) {
     for (; i < end; ++i) {
-      KeyRecord rec;
       at = Access::entryOf(*this, i);
       if (i + PREFETCHED < end) {
         const u32 ahead = Access::entryOf(*this, i + PREFETCHED);
         call.hive().prefetchRecord(ahead);
         call.hive().prefetchRecord(ahead + 64);
       }
-      if (readKeyRecord(call.hive(), at, rec)) break;
+      KeyRecord rec;
+      if (acceptedKeyRecord(call.hive(), at) || readKeyRecord(call.hive(), at, rec)) break;
       ++skipped_;
     }
   } else {

@@ -87,6 +87,15 @@ std::uint32_t Value::size() const {
 Result<Bytes> Value::data() const {
   Call call(core_);
   if (!call.ok()) return call.status();
+  // The usual value of a read-only hive: its data in one piece, shown in
+  // place. Anything else takes the full path, which says what is wrong.
+  if (call.hive().recordsStable()) {
+    const u8* bytes = nullptr;
+    u32 size = 0;
+    const Libraries::Files::Hive::hive_record* vk = acceptedValueRecord(call.hive(), offset_);
+    if (vk && valueDataInPlace(call.hive(), offset_, vk, bytes, size))
+      return Access::viewBytes(core_, bytes, size);
+  }
   Bytes data;
   Status why;
   if (!readValueBytes(core_, call.hive(), offset_, data, why))
@@ -262,13 +271,18 @@ void Values::advance(iterator& it) {
   u32 at = 0;
   if (call.ok()) {
     for (; i < end; ++i) {
-      ValueRecord rec;
       at = Access::entryOf(*this, i);
       // Key::values started the loads of the first records; this keeps
       // them ahead on a long list.
       if (i + PREFETCHED < end) call.hive().prefetchRecord(Access::entryOf(*this, i + PREFETCHED));
+      // The data is what a walk asks for next.
+      if (const Libraries::Files::Hive::hive_record* vk = acceptedValueRecord(call.hive(), at)) {
+        const u32 cell = valueDataCell(vk);
+        if (cell != Libraries::Files::Hive::INVALID_RECORD) call.hive().prefetchRecord(cell);
+        break;
+      }
+      ValueRecord rec;
       if (readValueRecord(call.hive(), at, rec)) {
-        // The data is what a walk asks for next.
         if (!rec.resident) call.hive().prefetchRecord(rec.dataCell());
         break;
       }
