@@ -148,8 +148,10 @@ std::string Key::name() const {
   Call call(core_);
   if (!call.ok() || offset_ == call.hive().rootOffset()) return {};
   KeyRecord rec;
-  const Libraries::Files::Hive::hive_record* record = nullptr;
-  if (!readKeyRecord(call.hive(), offset_, rec, &record)) return {};
+  const Libraries::Files::Hive::hive_record* record = acceptedKeyRecord(call.hive(), offset_);
+  if (record ? !parseKeyRecord(record->bytes(), record->length(), offset_, rec)
+             : !readKeyRecord(call.hive(), offset_, rec, &record))
+    return {};
   std::string out;
   if (rec.compressedName() &&
       asciiName(record->bytes() + Libraries::Files::Hive::hive_record_nk::OFS_NAME, rec.nameLength, out))
