@@ -180,16 +180,8 @@ bool Scanner::scanPass(bool keys) {
 }
 
 bool Scanner::livePath(u32 nk, std::vector<std::u16string>& out) {
-  out.clear();
-  for (u32 depth = 0; nk != INVALID_RECORD && nk != _hive.rootOffset(); ++depth) {
-    KeyRecord key;
-    if (depth >= MAX_DEPTH || !charge(PATH_STEP_COST) || !readKeyRecord(_hive, nk, key)) return false;
-    out.emplace_back();
-    readKeyName(_hive, key, out.back());
-    nk = _live.parentOf(nk);
-  }
-  std::reverse(out.begin(), out.end());
-  return true;
+  return _live.pathTo(
+      nk, MAX_DEPTH, [this] { return charge(PATH_STEP_COST); }, out);
 }
 
 void Scanner::pathTo(u32 parent, DeletedItem& item) {

@@ -164,4 +164,18 @@ void LiveRecords::walkSecurityList(u32 start) {
   }
 }
 
+bool LiveRecords::pathTo(u32 nk, u32 maxDepth, const std::function<bool()>& step,
+                         std::vector<std::u16string>& out) const {
+  out.clear();
+  for (u32 depth = 0; nk != INVALID_RECORD && nk != _hive.rootOffset(); ++depth) {
+    KeyRecord key;
+    if (depth >= maxDepth || !step() || !readKeyRecord(_hive, nk, key)) return false;
+    out.emplace_back();
+    readKeyName(_hive, key, out.back());
+    nk = parentOf(nk);
+  }
+  std::reverse(out.begin(), out.end());
+  return true;
+}
+
 }  // namespace Libraries::Files::Hive

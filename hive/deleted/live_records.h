@@ -25,6 +25,8 @@
 // object's use: its marks describe the records as they were when built.
 #pragma once
 
+#include <functional>
+#include <string>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -57,6 +59,13 @@ class LiveRecords {
   // INVALID_RECORD when the walk reached no value there.
   u32 ownerOf(u32 vk) const;
   size_t keys() const { return _parents.size(); }
+
+  // The names of the live keys from below the root down to `nk`, read
+  // through the parents the walk found. False when a key on the way cannot
+  // be read, the path runs deeper than `maxDepth` keys, or `step` (called
+  // once per key: the caller's budget) refuses.
+  bool pathTo(u32 nk, u32 maxDepth, const std::function<bool()>& step,
+              std::vector<std::u16string>& out) const;
 
  private:
   void mark(u32 offset, u32 length);

@@ -11,6 +11,7 @@
 
 #include "hive/format/errors.h"
 #include "hive/log/log_engine.h"
+#include "hive/log/log_pages.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -169,38 +170,17 @@ bool LogEngine::applyOldFormatLog(LogFileInfo& log, Interfaces::Stripe& file) {
 }
 
 bool LogEngine::mapLogEntry(LogFileInfo& log, const LogEntryInfo& entry) {
-  const std::string name = nameOf(log);
-  const u32 count = entry.pageCount();
-  const u64 size = entry.size();
-  const u64 refsEnd = hive_log_entry::SIZE + 8ull * count;
-  auto damaged = [&] {
+  // Each reference covers whole pages, as Windows and this library write
+  // them; that also bounds the number of mapped ranges by the log's size.
+  const bool ok = forEachEntryRange(log, entry, [&](const LoggedRange& range) {
+    _mapped->addMapping(HIVE_HEADER_SIZE + static_cast<u64>(range.offset), range.length, log.stripe,
+                        range.position);
+    return true;
+  });
+  if (!ok)
     HK_LOG(hiveLog, 4) << "Failed to retrieve data of log entry at" << entry.position << " of log file "
-                       << name;
-    return false;
-  };
-  // The references must fit in the entry, and so must the data they describe.
-  if (refsEnd > size) return damaged();
-  // References are read in pieces, so a hostile count costs no memory. Each
-  // covers whole pages, as Windows and this library write them; that also
-  // bounds the number of mapped ranges by the log's size.
-  constexpr u32 PIECE = 512;
-  u8 refs[8 * PIECE];
-  u64 dataPosition = entry.position + refsEnd;
-  const u64 entryEnd = entry.position + size;
-  for (u32 i = 0; i < count; ++i) {
-    const u32 k = i % PIECE;
-    if (k == 0) {
-      const u64 n = 8ull * std::min<u32>(PIECE, count - i);
-      if (log.stripe->readAt(entry.position + hive_log_entry::SIZE + 8ull * i, refs, n) != n)
-        return damaged();
-    }
-    const u32 offset = L32(refs + 8 * k), length = L32(refs + 8 * k + 4);
-    if (offset % hive_hbin::PAGE != 0 || length % hive_hbin::PAGE != 0 || length > entryEnd - dataPosition)
-      return damaged();
-    _mapped->addMapping(HIVE_HEADER_SIZE + static_cast<u64>(offset), length, log.stripe, dataPosition);
-    dataPosition += length;
-  }
-  return true;
+                       << nameOf(log);
+  return ok;
 }
 
 bool LogEngine::applyLogMappings(Interfaces::Stripe& file) {
