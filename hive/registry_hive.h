@@ -293,9 +293,16 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // Writes the dirty hbins (indices into _hbins) as one entry of the
   // current log; clears their dirty marks on success.
   bool flushToLog(const std::vector<u32>& dirtyHbins);
-  // One entry holding `pages`, as its bytes: header, references, pages,
-  // zeros to a multiple of 512.
-  std::vector<u8> buildLogEntry(const std::vector<LogPage>& pages, u32 sequence, u32 flags) const;
+  // One entry holding `pages`: header, references, pages, zeros to a
+  // multiple of 512. Its head (header and references, both hashes set) is
+  // built here; the pages are written from where they are
+  // (writeLogEntryBody), so an entry never costs a copy of its pages.
+  // `size` is the whole entry's; an empty head when it cannot be made.
+  std::vector<u8> logEntryHead(const std::vector<LogPage>& pages, u32 sequence, u32 flags, u64& size) const;
+  // Writes all of the entry but its header at `position` (where the entry
+  // starts), and `extraZeros` zero bytes behind it.
+  bool writeLogEntryBody(Interfaces::Stripe& stripe, u64 position, const std::vector<u8>& head,
+                         const std::vector<LogPage>& pages, u64 size, u64 extraZeros) const;
   // The flush of a hive without a log in use (flush.cc): pages to the
   // flush log, the base block marked dirty, the hbins, the base block
   // marked clean. False at the first step that fails; the hbins stay dirty.
@@ -428,8 +435,8 @@ inline const hive_record* RegistryHiveObj::residentRecord(u32 offset) const {
   const RecordStarts& starts = _recordStarts[_pageHbin[page]];
   const u32 inHbin = offset - starts.offset;
   if (inHbin < hive_hbin::SIZE || u64{inHbin} + 4 > starts.size) return nullptr;
-  if (starts.state.load(std::memory_order_acquire) != RecordStarts::BUILT || starts.dirtyFrom < starts.dirtyTo ||
-      inHbin > starts.zeroAt)
+  if (starts.state.load(std::memory_order_acquire) != RecordStarts::BUILT ||
+      starts.dirtyFrom < starts.dirtyTo || inHbin > starts.zeroAt)
     return nullptr;
   // An hbin's bits start at bit hbin.offset / 8 of _startBits.
   const u32 bit = offset / hive_hbin::RECORD_ALIGNMENT;
