@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/key/key_record.h"
 #include "hive/util/util.h"
 #include "hive/value/value_record.h"

@@ -37,7 +37,12 @@ void convert(const H::DeletedItem& from, DeletedItem& to) {
   to.kind = from.kind == H::DeletedItem::Kind::key     ? DeletedItem::Kind::key
             : from.kind == H::DeletedItem::Kind::value ? DeletedItem::Kind::value
                                                        : DeletedItem::Kind::security;
-  to.state = from.intact ? DeletedItem::State::intact : DeletedItem::State::partial;
+  to.state = from.previous ? DeletedItem::State::previous
+             : from.intact ? DeletedItem::State::intact
+                           : DeletedItem::State::partial;
+  to.log = from.previous ? static_cast<int>(from.log) : -1;
+  to.sequence = from.previous ? from.sequence : 0;
+  to.log_offset = from.previous ? from.logPosition : 0;
   to.path.clear();
   for (const std::u16string& name : from.path) to.path.push_back(detail::toUtf8(name));
   to.orphan = from.orphan;
@@ -60,15 +65,18 @@ void convert(const H::DeletedItem& from, DeletedItem& to) {
 }  // namespace
 
 Result<DeletedScanSummary> scan_deleted(const Hive& hive,
-                                        const std::function<bool(const DeletedItem&)>& visit) {
+                                        const std::function<bool(const DeletedItem&)>& visit,
+                                        const DeletedScanOptions& options) {
   Call call(Access::ref(hive));
   if (!call.ok()) return call.status();
   DeletedItem item;  // reused: its vectors keep their storage
-  const H::DeletedScanResult result = H::scanDeleted(call.hive(), [&](const H::DeletedItem& found) {
+  auto each = [&](const H::DeletedItem& found) {
     convert(found, item);
     return visit(item);
-  });
-  const DeletedScanSummary summary{result.keys, result.values, result.security, result.stopped};
+  };
+  const H::DeletedScanResult result = H::scanDeleted(call.hive(), each, {.logs = options.logs});
+  const DeletedScanSummary summary{result.keys,         result.values,         result.security,
+                                   result.previousKeys, result.previousValues, result.stopped};
   if (!result.complete && !result.stopped)
     return {summary, Status(Code::too_large,
                             "the scan for deleted records stopped: the hive names its records "

@@ -11,7 +11,7 @@
 #include <memory>
 
 #include "api/core.h"
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/log/log_file.h"
 #include "platform/file_stripe.h"
 #include "platform/string.h"
@@ -74,7 +74,8 @@ bool namedLogs(const std::vector<std::string>& names, std::array<std::string, 3>
     int slot = 3;
     for (int i = 2; i >= 0 && slot == 3; --i) {
       const std::string_view ext = LOG_EXTENSIONS[i];
-      if (name.size() > ext.size() && equalsIgnoreCase(std::string_view(name).substr(name.size() - ext.size()), ext))
+      if (name.size() > ext.size() &&
+          equalsIgnoreCase(std::string_view(name).substr(name.size() - ext.size()), ext))
         slot = i;
     }
     if (slot == 3 || !out[slot].empty()) {
@@ -434,9 +435,10 @@ Status Hive::recover(std::string_view pathView) const {
   if (sameFile(call.core().path(), target))
     return Status(Code::invalid_argument, quoted(target) + " is the hive itself");
   for (const std::string& log : call.core().logPaths())
-    if (sameFile(log, target)) return Status(Code::invalid_argument, quoted(target) + " is one of the hive's logs");
-  Ref<FileStripe> out =
-      FileStripe::open(target, FileStripe::Read | FileStripe::Write | FileStripe::Create | FileStripe::Truncate);
+    if (sameFile(log, target))
+      return Status(Code::invalid_argument, quoted(target) + " is one of the hive's logs");
+  Ref<FileStripe> out = FileStripe::open(
+      target, FileStripe::Read | FileStripe::Write | FileStripe::Create | FileStripe::Truncate);
   if (!out) return fileStatus("cannot open", target);
   Platform::Error::clear();
   if (!call.hive().writeRecoveredCopy(out) || !out->sync()) {

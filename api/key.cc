@@ -2,7 +2,7 @@
 // changes through the engine's key objects.
 #include "api/core.h"
 #include "api/value_data.h"
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/key/key_record.h"
 #include "hive/key/subkey_search.h"
 #include "hive/util/util.h"
@@ -58,7 +58,8 @@ Result<Ref<KeyObj>> lookup(const Ref<KeyObj>& key, std::string_view name, const 
 // entries of one subkey list as the search reads them.
 class RecordNames final : public Libraries::Files::Hive::SubkeyNames {
  public:
-  RecordNames(RegistryHiveObj& hive, const std::vector<SubkeyEntry>& entries) : _hive(hive), _entries(entries) {}
+  RecordNames(RegistryHiveObj& hive, const std::vector<SubkeyEntry>& entries)
+      : _hive(hive), _entries(entries) {}
   bool compare(u32 index, const std::u16string& upcased, int& order) override {
     return compareKeyName(_hive, _entries[index].offset, upcased, order);
   }
@@ -79,7 +80,8 @@ class RecordNames final : public Libraries::Files::Hive::SubkeyNames {
 
 // The subkey `name` of the key at `parent` of a read-only hive, as
 // lookup() finds it through the key objects of a writable one.
-Result<u32> lookupInRecords(RegistryHiveObj& hive, u32 parent, std::string_view name, const std::string& walked) {
+Result<u32> lookupInRecords(RegistryHiveObj& hive, u32 parent, std::string_view name,
+                            const std::string& walked) {
   Platform::Error::clear();
   KeyRecord rec;
   SubkeyList list;
@@ -105,7 +107,8 @@ Result<u32> valueInRecords(RegistryHiveObj& hive, u32 key, std::string_view name
   KeyRecord rec;
   std::vector<u32> offsets;
   if (!readKeyRecord(hive, key, rec)) return engineStatus("cannot read the key", Code::corrupt);
-  if (!loadValueList(hive, rec, offsets)) return engineStatus("cannot look up value " + quoted(name), Code::corrupt);
+  if (!loadValueList(hive, rec, offsets))
+    return engineStatus("cannot look up value " + quoted(name), Code::corrupt);
   const Ref<String> sought = engineName(name)->upper();
   std::u16string upcased(sought->units());
   for (char16_t& c : upcased) c = String::upcase(c);
@@ -278,7 +281,8 @@ Result<Key> Key::key(std::string_view path) const {
   Call call(core_);
   if (!call.ok()) return call.status();
   std::vector<std::string_view> parts;
-  if (!splitPath(path, parts)) return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
+  if (!splitPath(path, parts))
+    return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
   if (parts.empty()) return *this;
   std::string walked;
   if (!call.core().writable()) {
@@ -416,7 +420,8 @@ Status Key::delete_key(std::string_view path, bool recursive) {
 Status Key::rename(std::string_view new_name) {
   Call call(core_);
   if (!call.writable()) return call.status();
-  if (offset_ == call.hive().rootOffset()) return Status(Code::invalid_argument, "the root key cannot be renamed");
+  if (offset_ == call.hive().rootOffset())
+    return Status(Code::invalid_argument, "the root key cannot be renamed");
   Status why;
   Ref<KeyObj> key = call.core().keyObject(offset_, why);
   if (!key) return why;

@@ -40,8 +40,12 @@ class UnnamedKey : public EngineKey {
   }
   bool deleteValue(Ref<Value> value) override { return _key->deleteValue(std::move(value)); }
   Ref<Interfaces::Config::Hive::ValueIterator> valueIterator() override { return _key->valueIterator(); }
-  bool move(Ref<Value> value, Ref<String> newName) override { return _key->move(std::move(value), std::move(newName)); }
-  bool move(Ref<EngineKey> key, Ref<String> newName) override { return _key->move(std::move(key), std::move(newName)); }
+  bool move(Ref<Value> value, Ref<String> newName) override {
+    return _key->move(std::move(value), std::move(newName));
+  }
+  bool move(Ref<EngineKey> key, Ref<String> newName) override {
+    return _key->move(std::move(key), std::move(newName));
+  }
   bool readOnly() override { return _key->readOnly(); }
   u64 lastWriteTime() override { return _key->lastWriteTime(); }
 
@@ -80,8 +84,8 @@ Status exportTo(const Key& key, const Ref<Interfaces::Stripe>& target, const Exp
   u32 flags = (append ? RegFileUtil::Append : 0) | (options.binary_only ? RegFileUtil::BinaryOnly : 0) |
               (options.raw ? RegFileUtil::Raw : 0);
   Platform::Error::clear();
-  if (!RegFileUtil::exportRegFile(exported, target, Util::regPathFromWindowsStyle(String::create(heading)), flags,
-                                  reporter.function())) {
+  if (!RegFileUtil::exportRegFile(exported, target, Util::regPathFromWindowsStyle(String::create(heading)),
+                                  flags, reporter.function())) {
     Status s = engineStatus("export failed" + where, Code::corrupt);
     if (!reporter.first.empty()) s = Status(s.code(), "export failed" + where + ": " + reporter.first);
     return s;
@@ -106,22 +110,26 @@ Status export_reg(const Key& key, std::string_view pathView, const ExportOptions
       Call call(Access::ref(key));
       if (!call.ok()) return call.status();
       // Emptying the target first would destroy a hive or log being read.
-      if (sameFile(call.core().path(), path)) return Status(Code::invalid_argument, quoted(path) + " is the hive itself");
+      if (sameFile(call.core().path(), path))
+        return Status(Code::invalid_argument, quoted(path) + " is the hive itself");
       for (const std::string& log : call.core().logPaths())
-        if (sameFile(log, path)) return Status(Code::invalid_argument, quoted(path) + " is one of the hive's logs");
+        if (sameFile(log, path))
+          return Status(Code::invalid_argument, quoted(path) + " is one of the hive's logs");
     }
     Platform::Error::clear();
-    Ref<FileStripe> file = FileStripe::open(
-        path, FileStripe::Read | FileStripe::Write | FileStripe::Create | (append ? 0u : +FileStripe::Truncate));
+    Ref<FileStripe> file = FileStripe::open(path, FileStripe::Read | FileStripe::Write | FileStripe::Create |
+                                                      (append ? 0u : +FileStripe::Truncate));
     if (!file) return fileStatus("cannot write to", path);
     // Appending to a new or empty file starts it like any export.
     if (append && file->elementCount() == 0) append = false;
     target = file;
   }
-  Status s = exportTo(key, target, options, append, path == "-" ? "" : " (" + quoted(path) + " is incomplete)");
+  Status s =
+      exportTo(key, target, options, append, path == "-" ? "" : " (" + quoted(path) + " is incomplete)");
   if (out && out->failed()) return Status(Code::io_error, "cannot write to standard output");
   if (!s) return s;
-  if (path != "-" && !target->sync()) return engineStatus("cannot write " + quoted(path) + " to disk", Code::io_error);
+  if (path != "-" && !target->sync())
+    return engineStatus("cannot write " + quoted(path) + " to disk", Code::io_error);
   return Status();
 }
 
@@ -145,17 +153,19 @@ Status importFrom(Hive& hive, const Ref<Interfaces::Stripe>& source, const Impor
   RegFileUtil::ImportControl control;
   control.dryRun = options.dry_run;
   control.maxDataSize = Libraries::Files::Hive::maxValueDataSize(call.hive().versionMinor());
-  bool applying = false;
-  control.applying = &applying;
-  const bool ok =
-      RegFileUtil::importRegFile(Ref<Interfaces::Config::Hive::RegistryHive>(&call.hive()), source,
-                                 Util::regPathFromWindowsStyle(String::create(options.prefix)),
-                                 reporter.function(), options.trace, control);
+  // The file is checked whole before anything changes; a failure while
+  // applying it (out of space, an I/O error) is taken back like any other
+  // failed change, so an import is all or nothing.
+  const bool ok = call.atomically([&] {
+    return RegFileUtil::importRegFile(Ref<Interfaces::Config::Hive::RegistryHive>(&call.hive()), source,
+                                      Util::regPathFromWindowsStyle(String::create(options.prefix)),
+                                      reporter.function(), options.trace, control);
+  });
   call.core().forgetObjects();
   if (ok) return Status();
   return Status(codeFor(Platform::Error::get(), Code::invalid_argument),
                 "import of " + what + " failed" + (reporter.first.empty() ? "" : ": " + reporter.first) +
-                    (applying ? "; what came before the failure was applied" : "; the hive was not changed"));
+                    "; the hive was not changed");
 }
 
 }  // namespace

@@ -2,7 +2,7 @@
 // the engine's value objects.
 #include "api/core.h"
 #include "api/value_data.h"
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/value/value_record.h"
 
 namespace hivekit {
@@ -38,7 +38,8 @@ std::u16string units(const std::vector<std::byte>& data) {
 Status wrongType(u32 type, const char* wanted) {
   const std::string_view name = type_name(static_cast<ValueType>(type));
   return Status(Code::wrong_type, "the value is of type " +
-                                      (name.empty() ? std::to_string(type) : std::string(name)) + ", not " + wanted);
+                                      (name.empty() ? std::to_string(type) : std::string(name)) + ", not " +
+                                      wanted);
 }
 
 // Type and data of the value under a fresh call; false with `why`.
@@ -88,7 +89,8 @@ Result<Bytes> Value::data() const {
   if (!call.ok()) return call.status();
   Bytes data;
   Status why;
-  if (!readValueBytes(core_, call.hive(), offset_, data, why)) return Result<Bytes>(std::move(data), std::move(why));
+  if (!readValueBytes(core_, call.hive(), offset_, data, why))
+    return Result<Bytes>(std::move(data), std::move(why));
   return data;
 }
 
@@ -134,7 +136,8 @@ Result<std::uint32_t> Value::dword() const {
   const bool big = type == static_cast<u32>(ValueType::dword_big_endian);
   if (type != static_cast<u32>(ValueType::dword) && !big) return wrongType(type, "REG_DWORD");
   if (data.size() != 4)
-    return Status(Code::wrong_type, "a DWORD value of " + std::to_string(data.size()) + " bytes instead of 4");
+    return Status(Code::wrong_type,
+                  "a DWORD value of " + std::to_string(data.size()) + " bytes instead of 4");
   std::uint32_t n = 0;
   for (int i = 0; i < 4; ++i) n |= std::to_integer<std::uint32_t>(data[i]) << (big ? 24 - 8 * i : 8 * i);
   return n;
@@ -147,7 +150,8 @@ Result<std::uint64_t> Value::qword() const {
   if (!typedData(core_, offset_, type, data, why)) return why;
   if (type != static_cast<u32>(ValueType::qword)) return wrongType(type, "REG_QWORD");
   if (data.size() != 8)
-    return Status(Code::wrong_type, "a QWORD value of " + std::to_string(data.size()) + " bytes instead of 8");
+    return Status(Code::wrong_type,
+                  "a QWORD value of " + std::to_string(data.size()) + " bytes instead of 8");
   std::uint64_t n = 0;
   for (int i = 0; i < 8; ++i) n |= std::to_integer<std::uint64_t>(data[i]) << (8 * i);
   return n;

@@ -1,6 +1,6 @@
 #include "api/value_data.h"
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/value/value_limits.h"
 #include "hive/value/value_record.h"
 #include "platform/string.h"
@@ -125,7 +125,8 @@ bool writeBytes(ValueObj& v, u32 type, std::span<const std::byte> bytes) {
 }
 
 Status dataTooLarge(size_t size) {
-  return Status(Code::too_large, "value data of " + std::to_string(size) + " bytes is more than a value can hold");
+  return Status(Code::too_large,
+                "value data of " + std::to_string(size) + " bytes is more than a value can hold");
 }
 
 // The format's limit for the hive's version, checked before anything

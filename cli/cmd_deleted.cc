@@ -23,7 +23,13 @@ namespace {
 constexpr size_t MAX_INLINE_DATA = 32;
 
 const char* stateName(DeletedItem::State state) {
-  return state == DeletedItem::State::intact ? "intact" : "partial";
+  static const char* const names[] = {"intact", "partial", "previous"};
+  return names[static_cast<int>(state)];
+}
+
+const char* logName(int log) {
+  static const char* const names[] = {".LOG", ".LOG1", ".LOG2"};
+  return log >= 0 && log < 3 ? names[log] : "";
 }
 
 const char* cellName(DeletedCell::Kind kind) {
@@ -107,6 +113,12 @@ void appendLine(std::string& o, const DeletedItem& item) {
   }
   o += '\t';
   o += stateName(item.state);
+  if (item.state == DeletedItem::State::previous) {
+    char from[64];
+    std::snprintf(from, sizeof from, " %s entry %u @0x%llx", logName(item.log),
+                  static_cast<unsigned>(item.sequence), static_cast<unsigned long long>(item.log_offset));
+    o += from;
+  }
   o += '\t';
   for (size_t i = 0; i < item.cells.size(); ++i) {
     o += i ? " " : "";
@@ -124,6 +136,13 @@ void appendJson(std::string& o, const DeletedItem& item) {
   JsonWriter j(o);
   j.beginObject().key("kind").string(kinds[static_cast<int>(item.kind)]);
   j.key("state").string(stateName(item.state));
+  if (item.state == DeletedItem::State::previous)
+    j.key("log")
+        .string(logName(item.log))
+        .key("sequence")
+        .number(item.sequence)
+        .key("log_offset")
+        .number(item.log_offset);
   j.key("path").string(deleted_path(item)).key("orphan").boolean(item.orphan);
   if (item.kind == DeletedItem::Kind::key) {
     j.key("name").string(item.name).key("last_write").string(fileTimeToIso(item.last_write));
@@ -195,6 +214,9 @@ class RegExport {
 int runDeleted(Context& ctx) {
   const bool json = ctx.args.has("--json");
   const bool toReg = ctx.args.has("--export");
+  const bool logs = ctx.args.has("--logs");
+  if (logs && ctx.args.has("--no-logs"))
+    return usageError(ctx.command, "--logs and --no-logs exclude each other");
   if (ctx.args.has("--prefix") && !toReg) return usageError(ctx.command, "--prefix needs --export");
   const std::string prefix = ctx.args.value("--prefix", "ROOT");
   if (prefix.empty()) return usageError(ctx.command, "--prefix needs a non-empty path");
@@ -205,7 +227,7 @@ int runDeleted(Context& ctx) {
   if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
   Output out;
   RegExport reg(prefix);
-  const Result<DeletedScanSummary> summary = scan_deleted(hive, [&](const DeletedItem& item) {
+  auto visit = [&](const DeletedItem& item) {
     if (!below(item, parts)) return true;
     if (toReg) {
       reg.add(item);
@@ -214,7 +236,8 @@ int runDeleted(Context& ctx) {
     json ? appendJson(out.text, item) : appendLine(out.text, item);
     out.maybeFlush();
     return !out.failed();
-  });
+  };
+  const Result<DeletedScanSummary> summary = scan_deleted(hive, visit, {.logs = logs});
   if (toReg) {
     const std::string target = ctx.args.value("--export");
     const std::string text = reg.finish();
@@ -234,7 +257,7 @@ int runDeleted(Context& ctx) {
 
 const Command DELETED_COMMAND = {
     "deleted",
-    "deleted [options] HIVE [KEYPATH] [--json] [--export OUT.reg [--prefix P]]",
+    "deleted [options] HIVE [KEYPATH] [--logs] [--json] [--export OUT.reg [--prefix P]]",
     "list deleted and leftover keys, values and security descriptors",
     "Finds the keys, values and security descriptors whose records HIVE still\n"
     "holds but no longer links: in free space, in the slack behind live records,\n"
@@ -253,13 +276,27 @@ const Command DELETED_COMMAND = {
     "free of the live tree and sound, 'partial' when some are lost: a value's data\n"
     "is then 'unavailable'. cells: the records it came from, kind@0xOFFSET (offsets\n"
     "in the hive bins data), with '!' after those that were lost.\n"
+    "  --logs          also list, last, the previous versions of keys and values\n"
+    "                  that the transaction logs hold: records in the pages of\n"
+    "                  older log entries that the hive as it reads now no longer\n"
+    "                  shows (a key gone, renamed or moved; a value gone or with\n"
+    "                  another name, type or data). Their state is 'previous' and\n"
+    "                  names the log, the entry's sequence number and where the\n"
+    "                  record stands in the log: 'previous .LOG1 entry 5 @0x1c28'.\n"
+    "                  A value's data comes from the same entry, else from hive\n"
+    "                  records nothing live uses, else it is 'unavailable'. A\n"
+    "                  version several entries hold is listed once, from the\n"
+    "                  oldest. The logs are only read.\n"
     "  --json          JSON Lines: one object per item (see the README)\n"
     "  --export FILE   write the keys and values as registry text to FILE instead,\n"
     "                  for 'hivekit import' into a fresh hive; values whose data\n"
     "                  is unavailable are left out (and counted on standard error)\n"
     "  --prefix P      the path the exported keys go below (default ROOT, where\n"
     "                  'hivekit import' puts them back at their old places)\n",
-    {{"--json", false, false}, {"--export", true, false}, {"--prefix", true, false}},
+    {{"--json", false, false},
+     {"--export", true, false},
+     {"--prefix", true, false},
+     {"--logs", false, false}},
     1,
     2,
     false,

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "hive/format.h"
+#include "hive/format/format.h"
 #include "hive/hive_file.h"
 #include "platform/memory_stripe.h"
 

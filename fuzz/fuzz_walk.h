@@ -62,19 +62,21 @@ inline void diffWithItself(const Ref<HiveFile>& hive, const WalkLimits& limits) 
 }
 
 // The scan for deleted and leftover records: every byte of the hive bins
-// that no live record uses is read as a candidate, whatever the tree says.
+// that no live record uses is read as a candidate, whatever the tree says;
+// then every page image of the logs, for previous versions.
 inline void scanDeletedRecords(const Ref<HiveFile>& hive, const WalkLimits& limits) {
   Ref<Libraries::Files::Hive::RegistryHiveObj> obj = hive.cast<Libraries::Files::Hive::RegistryHiveObj>();
   if (!obj || !limits.wholeHive) return;
   u32 seen = 0;
   u64 sum = 0;
-  (void)Libraries::Files::Hive::scanDeleted(*obj, [&](const Libraries::Files::Hive::DeletedItem& item) {
+  auto visit = [&](const Libraries::Files::Hive::DeletedItem& item) {
     for (const std::u16string& name : item.path) sum += name.size();
     // Every byte handed over must be readable.
     for (u32 i = 0; item.data && i < item.dataSize; i += 512) sum += item.data[i];
     if (item.data && item.dataSize) sum += item.data[item.dataSize - 1];
     return ++seen < limits.objects;
-  });
+  };
+  (void)Libraries::Files::Hive::scanDeleted(*obj, visit, {.logs = true});
   (void)sum;
 }
 

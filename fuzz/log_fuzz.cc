@@ -25,7 +25,7 @@
 
 #include "fuzz/fuzz_hives.h"
 #include "fuzz/fuzz_walk.h"
-#include "hive/format.h"
+#include "hive/format/format.h"
 #include "hive/log/marvin32.h"
 #include "hive/registry_hive.h"
 #include "platform/memory_stripe.h"

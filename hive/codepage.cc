@@ -1,5 +1,7 @@
 #include "hive/codepage.h"
 
+#include "platform/endian.h"
+
 namespace Libraries::Files::Hive {
 
 namespace {
@@ -63,18 +65,12 @@ bool decodeCodepageName(HiveCodepage cp, const u8* bytes, size_t length, std::u1
   return ok;
 }
 
-const char* codepageName(HiveCodepage cp) {
-  switch (cp) {
-    case ascii:
-      return "ascii";
-    case latin1:
-      return "latin1";
-    case windows1250:
-      return "windows1250";
-    case windows1252:
-      return "windows1252";
-  }
-  return "unknown";
+bool decodeRecordName(HiveCodepage codepage, const u8* bytes, u32 length, bool compressed,
+                      std::u16string& out) {
+  if (compressed) return decodeCodepageName(codepage, bytes, length, out);
+  out.resize(length / 2);
+  for (u32 i = 0; i < out.size(); ++i) out[i] = static_cast<char16_t>(L16(bytes + 2 * i));
+  return true;
 }
 
 }  // namespace Libraries::Files::Hive

@@ -20,6 +20,10 @@ bool codepageToChar(HiveCodepage cp, u8 byte, char16_t& c);
 // Decodes stored 8-bit name bytes. Undefined bytes decode as Latin-1 and
 // make the result false, so the caller can report them.
 bool decodeCodepageName(HiveCodepage cp, const u8* bytes, size_t length, std::u16string& out);
-const char* codepageName(HiveCodepage cp);
+// A stored name (of a key or a value) decoded: 8-bit names through the
+// codepage, else UTF-16LE (an odd last byte dropped). False, with the
+// Latin-1 reading, when a byte has no character in the codepage.
+bool decodeRecordName(HiveCodepage codepage, const u8* bytes, u32 length, bool compressed,
+                      std::u16string& out);
 
 }  // namespace Libraries::Files::Hive

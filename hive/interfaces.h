@@ -4,7 +4,7 @@
 // run from the leaves to the hive: keys, values and iterators keep their
 // hive (and parent key) alive; the hive keeps none of them. Failures are
 // results: a null Ref, false, 0 or all ones, with the per-thread error code
-// set (hive/errors.h) and a message in the system log.
+// set (hive/format/errors.h) and a message in the system log.
 #pragma once
 
 #include <vector>

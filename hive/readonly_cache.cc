@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/registry_hive.h"
 #include "platform/error.h"
 

@@ -57,6 +57,12 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   };
   if (firstFit(0)) return record;
 
+  return growForRecord(length);
+}
+
+// Grows the hive by one hbin that holds a record of `length` (and the
+// hbin header), and makes the record there.
+u32 RegistryHiveObj::growForRecord(u32 length) {
   // The table ends before the hive bins data when an hbin header failed
   // its checks at open: the hive cannot grow past such an hbin.
   const u32 hiveBins = hiveLength();
@@ -90,6 +96,19 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   }
   _fileSize = std::max(_fileSize, fileEnd);
 
+  if (!appendEmptyHbin(H, static_cast<u32>(S))) return INVALID_RECORD;
+  const u32 record = H + hive_hbin::SIZE;
+  if (!initRecord(record, length)) {
+    HK_LOG(hiveLog, 4) << "Failed to initialize new record after creating a new HBIN. record=" << record;
+    Error::set(Errors::ALLOCATION_FAILED);
+    return INVALID_RECORD;
+  }
+  return record;
+}
+
+// Appends an hbin of `S` bytes at hive bins offset `H` (the end of the
+// last one), holding one free record.
+bool RegistryHiveObj::appendEmptyHbin(u32 H, u32 S) {
   // The hbin that was last before gets its own size at 0x1C first: that
   // changes nothing another reader relies on, so a failure here leaves the
   // hive as it was.
@@ -99,7 +118,7 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   if (!writeHBIN(previous, hive_hbin::OFS_LAST, ownSize, sizeof ownSize)) {
     HK_LOG(hiveLog, 4) << "Failed to write last hbin offset pointer on resize";
     Error::set(Errors::ALLOCATION_FAILED);
-    return INVALID_RECORD;
+    return false;
   }
   // A new hbin whose header cannot be put in place is taken out of the
   // table again; the base block in memory counts it only after that.
@@ -108,17 +127,17 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   // failure in between never leaves a file whose length names bytes that
   // are not an hbin.
   const u32 added = static_cast<u32>(_hbins.size());
-  appendHbin(HbinEntry{H, static_cast<u32>(S), 0, 0});
+  appendHbin(HbinEntry{H, S, 0, 0});
   u8 head[hive_hbin::SIZE + 4] = {};
   std::memcpy(head, "hbin", 4);
   W32(head + hive_hbin::OFS_OFFSET, H);
-  W32(head + hive_hbin::OFS_SIZE, static_cast<u32>(S));
+  W32(head + hive_hbin::OFS_SIZE, S);
   W32(head + hive_hbin::SIZE, static_cast<u32>(S - hive_hbin::SIZE));
   if (!writeHBIN(added, 0, head, sizeof head)) {
     HK_LOG(hiveLog, 4) << "Failed to write new hbin header on resize";
     dropLastHbin();
     Error::set(Errors::ALLOCATION_FAILED);
-    return INVALID_RECORD;
+    return false;
   }
   W32(_header + hive_header::OFS_LENGTH, static_cast<u32>(H + S));
   W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
@@ -126,13 +145,7 @@ u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
   // the next flush, which compares it with the file's.
   if ((_mode & modeWriteThrough) && !writeHeader())
     HK_LOG(hiveLog, 4) << "Failed to write header on resize; left to the next flush";
-  record = H + hive_hbin::SIZE;
-  if (!initRecord(record, length)) {
-    HK_LOG(hiveLog, 4) << "Failed to initialize new record after creating a new HBIN. record=" << record;
-    Error::set(Errors::ALLOCATION_FAILED);
-    return INVALID_RECORD;
-  }
-  return record;
+  return true;
 }
 
 bool RegistryHiveObj::initRecord(u32 offset, u32 size) {
@@ -183,9 +196,9 @@ u32 RegistryHiveObj::freeSpaceBehind(u32 hbin, const hive_record* record, u32 of
   HK_ASSERT(hiveLog, rec_ptr > hb_ptr, 0);
   HK_ASSERT(hiveLog, rec_ptr + rec_size <= hb_ptr + hb_size, 0);
   if (recordIsFree)
-    HK_ASSERT_AS(hiveLog, "static_cast<s32>(L32ToHost(record->size)) >= 0", record->size() >= 0, 0);
+    HK_ASSERT(hiveLog, record->size() >= 0, 0);
   else
-    HK_ASSERT_AS(hiveLog, "-static_cast<s32>(L32ToHost(record->size)) >= 0", record->size() < 0, 0);
+    HK_ASSERT(hiveLog, record->size() < 0, 0);
   u32 total = 0;
   u64 next = (rec_ptr - hb_ptr) + u64{rec_size};
   while (next + 4 <= hb_size) {
@@ -270,8 +283,7 @@ u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* a
   if (recordSize == length || (recordSize > length && keepIfLarger && length != 0)) return offset;
 
   const u32 freeBehind = freeSpaceBehind(hbin, record, offset, false);
-  HK_ASSERT_AS(hiveLog, "(recordSize + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0",
-               (u64{recordSize} + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0, INVALID_RECORD);
+  HK_ASSERT(hiveLog, (u64{recordSize} + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0, INVALID_RECORD);
   const u32 inHbin = offset - _hbins[hbin].offset;
   const u32 total = recordSize + freeBehind;
   u8 field[4];
@@ -343,7 +355,7 @@ bool RegistryHiveObj::writeRecord(u32 offset, const void* data, u32 position, u3
   const hive_record* record = cacheLoadRecord(offset, &hbin, false);
   if (!record) return false;
   const u32 recordsize = record->length();
-  HK_ASSERT_AS(hiveLog, "-static_cast<s32>(L32ToHost(record->size)) >= 0", record->size() < 0, false);
+  HK_ASSERT(hiveLog, record->size() < 0, false);
   HK_ASSERT(hiveLog, hbin < _hbins.size(), false);
   const u32 offsetOfRecord = offset;
   HK_ASSERT_AS(hiveLog,
@@ -352,7 +364,7 @@ bool RegistryHiveObj::writeRecord(u32 offset, const void* data, u32 position, u3
                offsetOfRecord > _hbins[hbin].offset &&
                    u64{offsetOfRecord} + recordsize <= u64{_hbins[hbin].offset} + _hbins[hbin].size,
                false);
-  HK_ASSERT_AS(hiveLog, "position + length <= recordsize", u64{position} + length <= recordsize, false);
+  HK_ASSERT(hiveLog, u64{position} + length <= recordsize, false);
   return writeHBIN(hbin, offsetOfRecord - _hbins[hbin].offset + position, data, length);
 }
 
@@ -383,7 +395,7 @@ bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data
   // operation that made it completes and the hive stays whole, and the
   // flush writes the hbin again (and reports if it cannot). Failing the
   // write here would leave callers half way through a change.
-  HK_ASSERT(hiveLog, _logMode == LogMode::None, false);
+  HK_ASSERT(hiveLog, logMode() == LogMode::None, false);
   const u64 filePosition = u64{HIVE_HEADER_SIZE} + entry.offset + offsetInHbin;
   if (_stripe->seek(filePosition) != filePosition) {
     HK_LOG(hiveLog, 4) << "Failed to seek to data position: " << filePosition;

@@ -133,8 +133,8 @@ bool RegistryHiveObj::reserveBins(u64 length) {
     // untouched pages cost nothing.
     const u64 room = std::max(length, std::min<u64>(2 * _binsMem->size(), length + (64u << 20)));
     if (!_binsMem->resize(room) && !_binsMem->resize(length)) {
-      HK_LOG(hiveLog, 4) << "Failed to grow the hive bins in memory to " << length << " bytes; error: "
-                         << Log::hex(Error::get());
+      HK_LOG(hiveLog, 4) << "Failed to grow the hive bins in memory to " << length
+                         << " bytes; error: " << Log::hex(Error::get());
       return false;
     }
   }
@@ -202,9 +202,8 @@ const hive_record* RegistryHiveObj::cacheLoadRecord(u32 offset, u32* hbinIndex, 
   // writes it since (growth writes only new hbins' headers).
   const u8* hbin_ptr = hbinData(hbin);
   const HbinEntry& entry = _hbins[hbin];
-  HK_ASSERT_AS(hiveLog, "_hbins[hbin].offset <= offset", entry.offset <= offset, nullptr);
-  HK_ASSERT_AS(hiveLog, "_hbins[hbin].offset + _hbins[hbin].size > offset",
-               u64{entry.offset} + entry.size > offset, nullptr);
+  HK_ASSERT(hiveLog, entry.offset <= offset, nullptr);
+  HK_ASSERT(hiveLog, u64{entry.offset} + entry.size > offset, nullptr);
   const u32 inHbin = offset - entry.offset;
   if (u64{inHbin} + 4 > entry.size) {
     HK_LOG(hiveLog, 4) << "Invalid offset, no space left for size, record: " << offset;
@@ -233,8 +232,8 @@ const hive_record* RegistryHiveObj::cacheLoadRecord(u32 offset, u32* hbinIndex, 
 }
 
 bool RegistryHiveObj::isValidRecord(const u8* hbin, u32 hbinOffset, u32 hbinSize, u32 offset) {
-  HK_ASSERT_AS(hiveLog, "hbinSize > sizeof(hive_hbin)", hbinSize > hive_hbin::SIZE, false);
-  HK_ASSERT_AS(hiveLog, "hbinOffset + hbinSize > offset", u64{hbinOffset} + hbinSize > offset, false);
+  HK_ASSERT(hiveLog, hbinSize > hive_hbin::SIZE, false);
+  HK_ASSERT(hiveLog, u64{hbinOffset} + hbinSize > offset, false);
   HK_ASSERT_AS(hiveLog, "hbinOffset <= offset", hbinOffset <= offset, false);
   const u32 target = offset - hbinOffset;
   if (target < hive_hbin::SIZE) {
@@ -478,7 +477,7 @@ u32 RegistryHiveObj::binsAvailable() const {
 
 const hive_record* RegistryHiveObj::unsafeGetRecord(u32 offset) {
   HK_ASSERT_AS(hiveLog, "_mode & modeUnsafe", _mode & modeUnsafe, nullptr);
-  HK_ASSERT_AS(hiveLog, "_unsafeCache != 0", _unsafeCache, nullptr);
+  HK_ASSERT(hiveLog, _unsafeCache, nullptr);
   const u64 position = u64{HIVE_HEADER_SIZE} + offset;
   const u8* sizeField = _unsafeCache->at(position, 4);
   const hive_record* record = reinterpret_cast<const hive_record*>(sizeField);

@@ -2,19 +2,13 @@
 
 #include <cstring>
 
-#include "hive/key/key_obj.h"
 #include "hive/readonly_cache.h"
-#include "hive/security/security_descriptor.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
 namespace Libraries::Files::Hive {
 
 const Platform::Log::Channel hiveLog("Hive");
-
-namespace {
-const char* const LOG_LABELS[3] = {"Primary", "Log1", "Log2"};
-}
 
 RegistryHiveObj::RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& logs, u32 mode,
                                  HiveCodepage codepage, SyncCallback sync)
@@ -24,17 +18,44 @@ RegistryHiveObj::RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& l
       _mon(Mon::create()),
       _codepage(codepage),
       _sync(std::move(sync)) {
-  _logs[0].name = logs.primaryName;
-  _logs[1].name = logs.log1Name;
-  _logs[2].name = logs.log2Name;
-  if (!readonly()) _createLog1 = logs.createLog1;
+  if (!readonly()) _log.setCreateLog1(logs.createLog1);
   _valid = construct(logs);
 }
 
 // The steps of an open, in order; false ends it with the reason logged.
 bool RegistryHiveObj::construct(const LogFiles& logs) {
-  if (!_stripe) return false;
+  if (!_stripe || !checkModeFlags() || !readBaseBlock()) return false;
 
+  // Logs: one that cannot be read is treated as absent.
+  const Ref<Interfaces::Stripe> stripes[3] = {logs.primary, logs.log1, logs.log2};
+  const Ref<String> names[3] = {logs.primaryName, logs.log1Name, logs.log2Name};
+  const bool unreadable = _log.readLogs(stripes, names);
+  if (!chooseLogMode(unreadable) || !checkHeaderChecksum()) return false;
+  _rootOffset = L32(_header + hive_header::OFS_ROOT);
+  if (logMode() != LogMode::None && !replayLogs()) return false;
+  if ((_mode & modeWriteThrough) && logMode() != LogMode::None) {
+    HK_LOG(hiveLog, 3) << "Write through not supported together with log mode";
+    _mode &= ~static_cast<u32>(modeWriteThrough);
+  }
+
+  _log.logDump();
+
+  // The record store: every hbin, as the hive reads after the logs.
+  if (!(_mode & modeUnsafe) && !loadHiveBins()) return false;
+
+  if (!checkRootRecord()) {
+    HK_LOG(hiveLog, 4) << "Root key not valid";
+    Error::set(Errors::ROOT_INVALID);
+    return false;
+  }
+  // What the file's base block holds from here on (a replay into the file
+  // rewrote it; a replay through the log leaves the file's as it was, and
+  // writes of the header area are not passed to the file then).
+  std::memcpy(_diskHeader, _header, hive_header::SIZE);
+  return true;
+}
+
+bool RegistryHiveObj::checkModeFlags() {
   // Mode flags: unsafe reading and accepting a dirty hive are for read-only
   // use only.
   if ((_mode & (modeUnsafe | modeAcceptDirty)) != 0 && (_mode & modeReadOnly) == 0) {
@@ -50,7 +71,10 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
       return false;
     }
   }
+  return true;
+}
 
+bool RegistryHiveObj::readBaseBlock() {
   // The base block is read straight into the in-memory copy: the log checks
   // below compare against it.
   _stripe->seek(0);
@@ -79,25 +103,10 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
     Error::set(Errors::UNSUPPORTED_VERSION);
     return false;
   }
+  return true;
+}
 
-  // Logs: one that cannot be read is treated as absent.
-  const Ref<Interfaces::Stripe> stripes[3] = {logs.primary, logs.log1, logs.log2};
-  const char* const failures[3] = {"Failed to initialize primary log file",
-                                   "Failed to initialize first log file",
-                                   "Failed to initialize second log file"};
-  bool unreadable = false;
-  for (u32 i = 0; i < 3; ++i) {
-    Ref<String> name = _logs[i].name;
-    if (!initLogFile(stripes[i], name, _header, _logs[i])) {
-      HK_LOG(hiveLog, 4) << failures[i];
-      unreadable = unreadable || _logs[i].unreadable;
-      std::string state = _logs[i].state;
-      _logs[i] = LogFileInfo();
-      _logs[i].name = name;
-      _logs[i].state = state;
-    }
-  }
-
+bool RegistryHiveObj::chooseLogMode(bool unreadable) {
   const u32 primarySeq = L32(_header + hive_header::OFS_PRIMARY_SEQ);
   const u32 secondarySeq = L32(_header + hive_header::OFS_SECONDARY_SEQ);
   // A dirty hive whose log could not be read would open as an older state
@@ -108,8 +117,8 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
     return false;
   }
   if (primarySeq != secondarySeq) {
-    if (!chooseLogMode()) return false;
-    if (_logMode == LogMode::None) {
+    if (!_log.chooseLogMode()) return false;
+    if (logMode() == LogMode::None) {
       if ((_mode & modeAcceptDirty) == 0) {
         HK_LOG(hiveLog, 4) << "Primary Sequence Number and Secondary Sequence Number are different";
         HK_LOG(hiveLog, 4) << "This would require reading the LOG, LOG1 and/or LOG2 files.";
@@ -125,7 +134,10 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
       HK_LOG(hiveLog, 3) << "This would require reading the LOG, LOG1 and/or LOG2 files.";
     }
   }
+  return true;
+}
 
+bool RegistryHiveObj::checkHeaderChecksum() {
   const u32 stored = L32(_header + hive_header::OFS_CHECKSUM);
   const u32 calculated = calculateHeaderChecksum(_header);
   if (stored != calculated) {
@@ -136,67 +148,39 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
     Error::set(Errors::BAD_CHECKSUM);
     return false;
   }
+  return true;
+}
 
-  _rootOffset = L32(_header + hive_header::OFS_ROOT);
-
-  if (_logMode != LogMode::None) {
-    LogFileInfo* current = currentLogFile();
-    if (!current) {
-      HK_LOG(hiveLog, 4) << "Failed to determine log file for log mode " << static_cast<u32>(_logMode);
-      HK_LOG(hiveLog, 4) << "Seq Nrs: primary = " << primarySeq << ", secondary = " << secondarySeq;
-      for (u32 i = 0; i < 3; ++i)
-        HK_LOG(hiveLog, 4) << LOG_LABELS[i] << ": has file: " << (_logs[i].stripe ? 1 : 0)
-                           << ", new log format: " << _logs[i].newFormat() << ", primary seq "
-                           << _logs[i].primarySequence() << ", secondary seq " << _logs[i].secondarySequence()
-                           << (_logs[i].state.empty() ? "" : ", ") << _logs[i].state;
-      return false;
-    }
-    // A writable hive is repaired in place from an old-format log; otherwise
-    // the log's pages are laid over the untouched file.
-    const bool keepLog = current->newFormat() || readonly();
-    if (keepLog) {
-      _mapped = makeRef<MappedStripe>(_file, this);
-      _stripe = _mapped;
-    }
-    if (!applyLogMappings()) {
-      HK_LOG(hiveLog, 4) << "Failed to apply log file mappings";
-      return false;
-    }
-    if (!keepLog) {
-      W32(_header + hive_header::OFS_SECONDARY_SEQ, primarySeq);
-      W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
-      if (_stripe->seek(0) != 0) {
-        HK_LOG(hiveLog, 4) << "Failed to seek to start of hive to update header; error: "
-                           << Log::hex(Error::get());
-        return false;
-      }
-      if (_stripe->write(_header, hive_header::SIZE) != hive_header::SIZE) {
-        HK_LOG(hiveLog, 4) << "Failed to write updated header for hive; error: " << Log::hex(Error::get());
-        return false;
-      }
-      _logMode = LogMode::None;
-    }
-  }
-
-  if ((_mode & modeWriteThrough) && _logMode != LogMode::None) {
-    HK_LOG(hiveLog, 3) << "Write through not supported together with log mode";
-    _mode &= ~static_cast<u32>(modeWriteThrough);
-  }
-
-  logDump();
-
-  // The record store: every hbin, as the hive reads after the logs.
-  if (!(_mode & modeUnsafe) && !loadHiveBins()) return false;
-
-  if (!checkRootRecord()) {
-    HK_LOG(hiveLog, 4) << "Root key not valid";
-    Error::set(Errors::ROOT_INVALID);
+bool RegistryHiveObj::replayLogs() {
+  LogFileInfo* current = _log.currentLogFile();
+  if (!current) {
+    _log.reportNoCurrentLog();
     return false;
   }
-  // What the file's base block holds from here on (a replay into the file
-  // rewrote it; a replay through the log leaves the file's as it was, and
-  // writes of the header area are not passed to the file then).
-  std::memcpy(_diskHeader, _header, hive_header::SIZE);
+  // A writable hive is repaired in place from an old-format log; otherwise
+  // the log's pages are laid over the untouched file.
+  const bool keepLog = current->newFormat() || readonly();
+  if (keepLog) {
+    _mapped = _log.mapOver(_file);
+    _stripe = _mapped;
+  }
+  if (!_log.applyLogMappings(*_file)) {
+    HK_LOG(hiveLog, 4) << "Failed to apply log file mappings";
+    return false;
+  }
+  if (keepLog) return true;
+  W32(_header + hive_header::OFS_SECONDARY_SEQ, L32(_header + hive_header::OFS_PRIMARY_SEQ));
+  W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
+  if (_stripe->seek(0) != 0) {
+    HK_LOG(hiveLog, 4) << "Failed to seek to start of hive to update header; error: "
+                       << Log::hex(Error::get());
+    return false;
+  }
+  if (_stripe->write(_header, hive_header::SIZE) != hive_header::SIZE) {
+    HK_LOG(hiveLog, 4) << "Failed to write updated header for hive; error: " << Log::hex(Error::get());
+    return false;
+  }
+  _log.endLogMode();
   return true;
 }
 
@@ -241,53 +225,6 @@ std::u16string RegistryHiveObj::fileName() const {
 RegistryHiveObj::~RegistryHiveObj() {
   // The last flush's result has nowhere to go; its messages are in the log.
   flush();
-  if (_mapped) _mapped->setHook(nullptr);
-}
-
-Ref<KeyObj> RegistryHiveObj::rootObj() {
-  Mon::Lock lock(_mon);
-  Ref<KeyObj> root = _root.lock();
-  if (root && root->valid()) return root;
-  root = makeRef<KeyObj>(Ref<RegistryHiveObj>(this), _rootOffset, nullptr);
-  if (!root->valid()) {
-    HK_LOG(hiveLog, 4) << "Root key not valid";
-    Error::set(Errors::ROOT_INVALID);
-    return nullptr;
-  }
-  _root = root;
-  return root;
-}
-
-Ref<Key> RegistryHiveObj::root() {
-  return rootObj();
-}
-
-Ref<Key> RegistryHiveObj::path(Ref<String> path) {
-  Ref<KeyObj> root = rootObj();
-  if (!root) return nullptr;
-  if (!path) return root;
-  const std::u16string& units = path->units();
-  size_t begin = 0, end = units.size();
-  while (begin < end && (units[begin] == u' ' || units[begin] == u'\t')) ++begin;
-  while (end > begin && (units[end - 1] == u' ' || units[end - 1] == u'\t')) --end;
-  Ref<Key> key = root;
-  size_t i = begin;
-  while (i < end) {
-    size_t j = i;
-    while (j < end && units[j] != u'\\' && units[j] != u'/') ++j;
-    if (j > i) {
-      key = key->key(String::fromUtf16(units.substr(i, j - i)));
-      if (!key) return nullptr;
-    }
-    i = j + 1;
-  }
-  return key;
-}
-
-Ref<SecurityDescriptorIterator> RegistryHiveObj::securityDescriptorIterator() {
-  Ref<KeyObj> root = rootObj();
-  if (!root) return nullptr;
-  return makeRef<SecurityDescriptorIteratorObj>(Ref<RegistryHiveObj>(this), root->sdOffset());
 }
 
 bool RegistryHiveObj::dirty() {

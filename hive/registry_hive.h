@@ -25,6 +25,10 @@
 //    writes the dirty hbins (to the file, or as a log entry in a log mode);
 //    nothing is written behind the caller's back. Write-through mode writes
 //    each change at once as well.
+// Composed with it: the log engine (hive/log/log_engine.h: the logs, their
+// replay, writing through them in a log mode) and the checkpoint
+// (checkpoint.h: the crash-safe flush without a log in use).
+//
 // A record pointer from cacheLoadRecord stays valid until the next
 // allocateRecord or resizeRecord (which may append an hbin and so move the
 // buffer); on a read-only hive, for the life of the hive.
@@ -34,12 +38,12 @@
 #include <string>
 #include <vector>
 
-#include "hive/errors.h"
+#include "hive/checkpoint.h"
 #include "hive/first_fit_index.h"
-#include "hive/format.h"
+#include "hive/format/errors.h"
+#include "hive/format/format.h"
 #include "hive/hive_file.h"
-#include "hive/log/log_file.h"
-#include "hive/log/mapped_stripe.h"
+#include "hive/log/log_engine.h"
 #include "platform/file_view.h"
 #include "platform/log.h"
 #include "platform/mon.h"
@@ -50,14 +54,13 @@ namespace Libraries::Files::Hive {
 class KeyObj;
 class ReadOnlyCache;
 
-extern const Platform::Log::Channel hiveLog;  // "Hive"
-
-class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
+class RegistryHiveObj : public HiveFile {
  public:
   static constexpr u32 HIVE_HEADER_SIZE = 4096;
   static constexpr u32 INVALID_HBIN = 0xffffffffu;
 
-  enum class LogMode : u32 { None = 0, Single = 1, Dual = 2 };
+  using LogMode = LogEngine::LogMode;
+  using LogPage = LogEngine::LogPage;
 
   // Runs the whole open; check valid() afterwards (open() does).
   RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& logs, u32 mode, HiveCodepage codepage,
@@ -91,15 +94,15 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // and the part of it after the last '/' or '\'.
   std::u16string fullFileName() const;
   std::u16string fileName() const;
-  LogMode logMode() const { return _logMode; }
+  LogMode logMode() const { return _log.logMode(); }
   // 0 primary (.LOG), 1 first alternate, 2 second alternate.
-  const LogFileInfo& logFile(u32 index) const { return _logs[index]; }
+  const LogFileInfo& logFile(u32 index) const { return _log.logFile(index); }
   // The log (index as for logFile) whose entry or pages were replayed last
   // at open or appended since, NO_LOG when none; and, for a new-format log,
   // that entry's sequence number.
-  static constexpr u32 NO_LOG = 0xffffffffu;
-  u32 appliedLog() const { return _appliedLog; }
-  u32 appliedSequence() const { return _appliedSequence; }
+  static constexpr u32 NO_LOG = LogEngine::NO_LOG;
+  u32 appliedLog() const { return _log.appliedLog(); }
+  u32 appliedSequence() const { return _log.appliedSequence(); }
 
   // Writes the hive as it reads now (logs applied, changes not yet flushed
   // included) into `target`, which must be empty: a clean base block (both
@@ -121,7 +124,9 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   void setFixedTime(u64 filetime) { _fixedTime = filetime; }
   static u64 clockNow();
 
-  // The root key object (the same object while a caller holds it).
+  // The root key object (the same object while a caller holds it). This,
+  // root(), path() and securityDescriptorIterator() make key objects and
+  // are defined with the keys (hive/key/hive_root.cc).
   Ref<KeyObj> rootObj();
 
   // --- Records -----------------------------------------------------------
@@ -192,7 +197,7 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // hive length, or in unsafe mode as much of it as the file holds.
   u32 binsAvailable() const;
 
-  // --- Store internals (used by tests and the log layer) -----------------
+  // --- Store internals (flush, recovery and tests) ------------------------
   // The index of the hbin holding `offset`, or INVALID_HBIN (the offset
   // lies beyond the hbins the table holds, or its last 4 bytes beyond the
   // hive bins data).
@@ -201,7 +206,7 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   bool internalFlush();
   // The log a flush writes its pages to first (.LOG1, made through
   // LogFiles::createLog1 when missing, else .LOG2); null when there is none.
-  LogFileInfo* flushLog();
+  LogFileInfo* flushLog() { return _log.flushLog(); }
   struct HbinEntry {
     u32 offset;
     u32 size;
@@ -215,10 +220,6 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   // read-only): pointers into them may be kept, and data handed out
   // without a copy.
   bool recordsStable() const { return readonly(); }
-
-  // MappedStripe::Hook: writes of a log-mode hive become log entries.
-  bool handleAction(MappedStripe& stripe, Action action, const void* buffer, u64 offset, u64 size,
-                    u64& done) override;
 
  private:
   const hive_record* loadRecordChecked(u32 offset);
@@ -271,53 +272,27 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
     size_t count;  // words
   };
 
-  bool initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name, const u8* primary, LogFileInfo& info);
-  bool chooseLogMode();
-  LogFileInfo* currentLogFile();
-  bool applyLogMappings();
-  // Log layer (hive/log/): a run of bytes of the hive bins data written as
-  // one page reference of a log entry.
-  struct LogPage {
-    u32 offset;  // in the hive bins data
-    u32 length;
-    const u8* data;
-  };
-  bool logUsable(const LogFileInfo& info) const;
-  // Severity-1 report of the sequence numbers and the three logs.
-  void logDump();
-  bool applyOldFormatLog(LogFileInfo& log);
-  bool mapLogEntry(LogFileInfo& log, const LogEntryInfo& entry);
-  bool startLog(LogFileInfo& log, u32 sequence);
-  // Appends one entry holding `pages` to the current log and maps them.
-  bool appendLogEntry(const std::vector<LogPage>& pages);
   // Writes the dirty hbins (indices into _hbins) as one entry of the
   // current log; clears their dirty marks on success.
   bool flushToLog(const std::vector<u32>& dirtyHbins);
-  // One entry holding `pages`: header, references, pages, zeros to a
-  // multiple of 512. Its head (header and references, both hashes set) is
-  // built here; the pages are written from where they are
-  // (writeLogEntryBody), so an entry never costs a copy of its pages.
-  // `size` is the whole entry's; an empty head when it cannot be made.
-  std::vector<u8> logEntryHead(const std::vector<LogPage>& pages, u32 sequence, u32 flags, u64& size) const;
-  // Writes all of the entry but its header at `position` (where the entry
-  // starts), and `extraZeros` zero bytes behind it.
-  bool writeLogEntryBody(Interfaces::Stripe& stripe, u64 position, const std::vector<u8>& head,
-                         const std::vector<LogPage>& pages, u64 size, u64 extraZeros) const;
-  // The flush of a hive without a log in use (flush.cc): pages to the
-  // flush log, the base block marked dirty, the hbins, the base block
-  // marked clean. False at the first step that fails; the hbins stay dirty.
+  // The flush of a hive without a log in use (checkpoint.h). False at the
+  // first step that fails; the hbins stay dirty.
   bool checkpoint(const std::vector<u32>& dirtyHbins);
-  bool writeCheckpointEntry(LogFileInfo& log, const std::vector<u32>& dirtyHbins, u32 sequence);
   // The dirty hbins as runs of adjacent hbins, each one page reference
   // and one write.
   std::vector<LogPage> dirtyRuns(const std::vector<u32>& dirtyHbins) const;
-  bool writeHbins(const std::vector<u32>& dirtyHbins);
-  // The base block as the file holds it with new sequence numbers.
-  bool writeBaseBlock(u8* block, u32 primary, u32 secondary);
   // Writes of the previous hive write failed write-through mode's way.
   bool flushWriteThrough(const std::vector<u32>& dirtyHbins);
 
   bool construct(const LogFiles& logs);
+  // The steps of construct, in order.
+  bool checkModeFlags();
+  bool readBaseBlock();
+  // For a dirty base block: the log mode, or why none applies (a log that
+  // could not be read, `unreadable`, refuses the open).
+  bool chooseLogMode(bool unreadable);
+  bool checkHeaderChecksum();
+  bool replayLogs();
   bool checkRootRecord();
   bool refuseUnsafe(const char* function) const;
   u64 fileSize();
@@ -350,6 +325,9 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   void appendHbin(const HbinEntry& entry);
   // Makes the buffer hold at least `length` bytes of hive bins.
   bool reserveBins(u64 length);
+  // allocateRecord when no hbin has room: a new hbin at the end.
+  u32 growForRecord(u32 length);
+  bool appendEmptyHbin(u32 offset, u32 size);
   // Takes the last hbin out of the table (a growth that failed).
   void dropLastHbin();
   bool writeHeader();
@@ -361,34 +339,21 @@ class RegistryHiveObj : public HiveFile, public MappedStripe::Hook {
   Ref<MappedStripe> _mapped;
   u8 _header[hive_header::SIZE] = {};
   u32 _mode;
-  LogMode _logMode = LogMode::None;
-  LogFileInfo _logs[3];
+  // The logs, working on _header.
+  LogEngine _log{_header};
   Ref<Mon> _mon;
   HiveCodepage _codepage;
   SyncCallback _sync;
   u32 _rootOffset = INVALID_RECORD;
   bool _valid = false;
   Platform::WeakRef<KeyObj> _root;
-  // The last log entry replayed at open or appended since (a new-format
-  // log), and the log (index into _logs) it is in; see appliedLog().
-  u32 _appliedSequence = 0;
-  u32 _appliedLog = NO_LOG;
   u64 _fileSize = 0;  // last known size of _stripe; re-read when an offset lies beyond it
   // The base block as the file holds it; flush writes _header when they differ.
   u8 _diskHeader[hive_header::SIZE] = {};
-  std::function<Ref<Interfaces::Stripe>()> _createLog1;
   u64 _fixedTime = 0;
-  // A checkpoint that began (its first entry is in the flush log, synced)
-  // and has not marked the base block clean: the file may be dirty, and
-  // the log's chain is what recovers it, so the next flush appends to that
-  // chain instead of starting the log afresh.
-  struct OpenCheckpoint {
-    bool open = false;
-    u32 log = NO_LOG;  // index into _logs
-    u32 base = 0;      // the secondary sequence number while it is open
-    u32 sequence = 0;  // of its last entry
-    u64 next = 0;      // where the next entry goes
-  } _checkpoint;
+  // The flush of a hive without a log in use; works on _header and
+  // _diskHeader.
+  Checkpoint _checkpoint{_header, _diskHeader, _log};
 
   // The hive bins area, record offset 0 on: _binsView's pages, or
   // _binsMem's buffer (whose size may run ahead of the hive's). Null in

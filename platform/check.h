@@ -18,16 +18,17 @@ void assertFailed(const Log::Channel& channel, const char* condition, int line, 
 
 }  // namespace Platform
 
-#define HK_ASSERT_AS(channel, text, cond, ret)                                  \
-  do {                                                                          \
-    if (!(cond)) {                                                              \
+#define HK_ASSERT_AS(channel, text, cond, ret)                                    \
+  do {                                                                            \
+    if (!(cond)) {                                                                \
       ::Platform::assertFailed((channel), (text), __LINE__, __PRETTY_FUNCTION__); \
-      return ret;                                                               \
-    }                                                                           \
+      return ret;                                                                 \
+    }                                                                             \
   } while (0)
 #define HK_ASSERT(channel, cond, ret) HK_ASSERT_AS(channel, #cond, cond, ret)
 // A check that is only reported; work goes on.
-#define HK_CHECK_AS(channel, text, cond)                                        \
-  do {                                                                          \
+#define HK_CHECK_AS(channel, text, cond)                                                     \
+  do {                                                                                       \
     if (!(cond)) ::Platform::assertFailed((channel), (text), __LINE__, __PRETTY_FUNCTION__); \
   } while (0)
+#define HK_CHECK(channel, cond) HK_CHECK_AS(channel, #cond, cond)

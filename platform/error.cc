@@ -2,8 +2,8 @@
 
 namespace Platform::Error {
 namespace detail {
-[[gnu::tls_model("initial-exec")]] thread_local u32 tlsError = 0;
-[[gnu::tls_model("initial-exec")]] thread_local bool tlsHasNote = false;
+HK_TLS_INITIAL_EXEC thread_local u32 tlsError = 0;
+HK_TLS_INITIAL_EXEC thread_local bool tlsHasNote = false;
 }  // namespace detail
 namespace {
 thread_local std::string tlsNote;

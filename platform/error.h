@@ -10,16 +10,27 @@
 
 #include "platform/types.h"
 
+// Thread-locals in the static TLS block (initial-exec), reached without a
+// call into the dynamic linker. Not under the sanitizers: GCC 12's
+// undefined-behaviour checks misread such a variable's address as null.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HK_TLS_INITIAL_EXEC
+#else
+#define HK_TLS_INITIAL_EXEC [[gnu::tls_model("initial-exec")]]
+#endif
+
 namespace Platform::Error {
 
-// Codes of the platform itself (the library's own codes are in hive/errors.h).
+// Codes of the platform itself (the library's own codes are in hive/format/errors.h).
 constexpr u32 FILE_NOT_FOUND = 32;
 constexpr u32 IO_ERROR = 0x8000;  // OR-ed with errno for other system failures
 
 void set(u32 code);
 u32 get();
 // The errno of an IO_ERROR code, else 0.
-inline int systemError(u32 code) { return (code & IO_ERROR) ? static_cast<int>(code & 0x7fff) : 0; }
+inline int systemError(u32 code) {
+  return (code & IO_ERROR) ? static_cast<int>(code & 0x7fff) : 0;
+}
 
 // Keeps `text` as this thread's failure message unless one is kept already.
 void note(std::string_view text);
@@ -32,8 +43,8 @@ namespace detail {
 // In the static TLS block (initial-exec), reached without a call into the
 // dynamic linker. Five bytes fit the room every dynamic linker keeps for
 // libraries loaded later (dlopen).
-[[gnu::tls_model("initial-exec")]] extern thread_local u32 tlsError;
-[[gnu::tls_model("initial-exec")]] extern thread_local bool tlsHasNote;
+HK_TLS_INITIAL_EXEC extern thread_local u32 tlsError;
+HK_TLS_INITIAL_EXEC extern thread_local bool tlsHasNote;
 }  // namespace detail
 inline void clear() {
   detail::tlsError = 0;

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "hive/deleted/live_records.h"
+#include "hive/deleted/logged_versions.h"
 #include "hive/key/key_record.h"
 #include "hive/value/value_record.h"
 
@@ -33,10 +34,11 @@ struct Region {
 
 class Scanner {
  public:
-  Scanner(RegistryHiveObj& hive, const std::function<bool(const DeletedItem&)>& visit)
+  Scanner(RegistryHiveObj& hive, const LiveRecords& live,
+          const std::function<bool(const DeletedItem&)>& visit)
       : _hive(hive),
         _visit(visit),
-        _live(hive),
+        _live(live),
         _length(hive.binsAvailable()),
         _budget(32 * u64{hive.binsAvailable()} + (64u << 20)),
         _claimed(hive.binsAvailable() / GRANULE / 64 + 1, 0) {
@@ -76,7 +78,7 @@ class Scanner {
 
   RegistryHiveObj& _hive;
   const std::function<bool(const DeletedItem&)>& _visit;
-  LiveRecords _live;
+  const LiveRecords& _live;
   u32 _length;
   u64 _budget;
   std::vector<u64> _claimed;  // vk records a recovered key lists
@@ -355,9 +357,12 @@ bool Scanner::deliver(const DeletedItem& item) {
 
 }  // namespace
 
-DeletedScanResult scanDeleted(RegistryHiveObj& hive, const std::function<bool(const DeletedItem&)>& visit) {
-  Scanner scanner(hive, visit);
-  return scanner.run();
+DeletedScanResult scanDeleted(RegistryHiveObj& hive, const std::function<bool(const DeletedItem&)>& visit,
+                              const DeletedScanOptions& options) {
+  const LiveRecords live(hive);
+  DeletedScanResult result = Scanner(hive, live, visit).run();
+  if (options.logs && result.complete) scanLoggedVersions(hive, live, visit, result);
+  return result;
 }
 
 }  // namespace Libraries::Files::Hive

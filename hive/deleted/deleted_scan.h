@@ -58,6 +58,14 @@ struct DeletedItem {
   enum class Kind { key, value, security };
   Kind kind = Kind::key;
   bool intact = true;
+  // A version of a key or value that a log holds and the hive as it reads
+  // no longer shows (logged_versions.h): from log `log` (0 .LOG, 1 .LOG1,
+  // 2 .LOG2), entry `sequence` (an old-format log: its header's sequence
+  // number), the record's first byte at `logPosition` in that log.
+  bool previous = false;
+  u32 log = 0;
+  u32 sequence = 0;
+  u64 logPosition = 0;
   // The names from the root down to the key (a key: itself included; a
   // value: its key). `orphan`: below the placeholder root `\?`.
   std::vector<std::u16string> path;
@@ -82,9 +90,16 @@ struct DeletedScanResult {
   bool complete = true;  // false: stopped by the visitor or by the work bound
   bool stopped = false;  // the visitor asked to stop
   u32 keys = 0, values = 0, security = 0;
+  u32 previousKeys = 0, previousValues = 0;  // from the logs
+};
+
+struct DeletedScanOptions {
+  // After the hive's own items, the previous versions its logs hold.
+  bool logs = false;
 };
 
 // Visits every recovered item; `visit` returns false to stop.
-DeletedScanResult scanDeleted(RegistryHiveObj& hive, const std::function<bool(const DeletedItem&)>& visit);
+DeletedScanResult scanDeleted(RegistryHiveObj& hive, const std::function<bool(const DeletedItem&)>& visit,
+                              const DeletedScanOptions& options = {});
 
 }  // namespace Libraries::Files::Hive

@@ -65,6 +65,11 @@ u32 LiveRecords::parentOf(u32 nk) const {
   return it == _parents.end() ? INVALID_RECORD : it->second;
 }
 
+u32 LiveRecords::ownerOf(u32 vk) const {
+  auto it = _values.find(vk);
+  return it == _values.end() ? INVALID_RECORD : it->second;
+}
+
 u32 LiveRecords::formerOwner(u32 vk) const {
   auto it = _formerOwners.find(vk);
   return it == _formerOwners.end() ? INVALID_RECORD : it->second;
@@ -130,13 +135,13 @@ void LiveRecords::walkValues(const KeyRecord& key) {
   for (u32 vk : offsets) {
     if (_entryBudget == 0) return;
     --_entryBudget;
-    walkValue(vk);
+    walkValue(vk, key.offset);
   }
 }
 
-void LiveRecords::walkValue(u32 vk) {
+void LiveRecords::walkValue(u32 vk, u32 owner) {
   ValueRecord value;
-  if (!_values.insert(vk).second || !readValueRecord(_hive, vk, value)) return;
+  if (!_values.emplace(vk, owner).second || !readValueRecord(_hive, vk, value)) return;
   markRecord(vk, VK::HEADER_SIZE + value.nameLength);
   if (value.resident) return;
   ValueExtents extents;

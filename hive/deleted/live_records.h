@@ -11,8 +11,9 @@
 //
 // Marks are kept at the record alignment (8 bytes): an 8-byte granule is
 // live when any byte of it is. Memory: one bit per granule of the hive bins
-// data, plus, for each live key, its parent as the walk found it, plus the
-// stale entries in the slack of live value lists.
+// data, plus, for each live key, its parent as the walk found it, for each
+// live value its key, plus the stale entries in the slack of live value
+// lists.
 //
 // The walk reads records only through the record readers (key_record.h,
 // value_record.h), so it judges them exactly as a listing does: a record
@@ -56,6 +57,9 @@ class LiveRecords {
   // The live key whose value list names `vk` in the slack behind its
   // values (where a value removed from the list lingers), or INVALID_RECORD.
   u32 formerOwner(u32 vk) const;
+  // The live key whose value list holds the value at `vk`, or
+  // INVALID_RECORD when the walk reached no value there.
+  u32 ownerOf(u32 vk) const;
   size_t keys() const { return _parents.size(); }
 
  private:
@@ -65,7 +69,7 @@ class LiveRecords {
   // Marks the key's records and pushes its subkeys not seen yet.
   void walkKey(u32 nk, std::vector<u32>& stack);
   void walkValues(const KeyRecord& key);
-  void walkValue(u32 vk);
+  void walkValue(u32 vk, u32 owner);
   void walkSubkeyList(const KeyRecord& key, std::vector<u32>& stack);
   void walkSecurity(u32 sk);
   void walkSecurityList(u32 start);
@@ -75,8 +79,8 @@ class LiveRecords {
   std::vector<u64> _bits;
   std::unordered_map<u32, u32> _parents;
   std::unordered_map<u32, u32> _formerOwners;
-  std::unordered_set<u32> _values;    // vk records marked
-  std::unordered_set<u32> _security;  // sk records marked
+  std::unordered_map<u32, u32> _values;  // vk records marked, and their key
+  std::unordered_set<u32> _security;     // sk records marked
   // List entries the walk may still read: a sane tree has fewer than one
   // per 4 bytes; lists shared by many keys must not make it quadratic.
   u64 _entryBudget;

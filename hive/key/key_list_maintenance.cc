@@ -202,7 +202,7 @@ bool KeyObj::splitRISublist(u32 sublist) {
 
 bool KeyObj::syncRIList() {
   HK_ASSERT(hiveLog, _twoLevelList, false);
-  HK_ASSERT_AS(hiveLog, "_tree.size() <= ((u16)0xffffU)", _tree.size() <= 0xffffu, false);
+  HK_ASSERT(hiveLog, _tree.size() <= 0xffffu, false);
   const u32 size = L::OFS_ITEMS + 4 * static_cast<u32>(_tree.size());
   std::vector<u8> record(size - 4);
   WB16(record.data(), L::SIGNATURE_RI);

@@ -13,6 +13,7 @@
 
 #include "hive/key/key_record.h"
 #include "hive/registry_hive.h"
+#include "hive/value/value_owner.h"
 #include "platform/chunked_vector.h"
 
 namespace Libraries::Files::Hive {
@@ -23,15 +24,13 @@ class ValueIteratorObj;
 using Interfaces::Config::Hive::KeyIterator;
 using Interfaces::Config::Hive::ValueIterator;
 
-class KeyObj : public Key {
+class KeyObj : public ValueOwner {
  public:
   static constexpr u64 MAX_FREE_FIND_LOOP_CYCLES = 5;
   static constexpr u32 MAX_KEYS_LF_LIST = 400;
   static constexpr u32 MAX_KEYS_LH_LIST = 1200;
   static constexpr u32 MAX_KEYS_LI_LIST = 900;
   static constexpr u32 MAX_KEY_NAME_LENGTH = 255;
-  static constexpr u32 MIN_KEYS_LH_LIST_SEC_LVL = 500;
-  static constexpr u32 MIN_KEYS_LI_LIST_SEC_LVL = 300;
   static constexpr u32 NEW_LH_LF_ALLOCATE_SIZE = 64;
   static constexpr u32 NEW_RI_ALLOCATE_SIZE = 64;
 
@@ -147,8 +146,10 @@ class KeyObj : public Key {
   // The last write time becomes the hive's now: in the header copy only
   // (stamp, for callers that write the header next) or on disk too.
   void stamp();
-  bool touch();
+  bool touch() override;
   bool insertKey(u32 position, u32 nkOffset, u32 hash);
+  u32 writeNewKeyRecord(const u8* storedName, u32 nameLength, bool compressed);
+  Ref<KeyObj> keyToMove(const Ref<Key>& key);
   bool unlinkKey(u32 position);
 
   // Key operations.

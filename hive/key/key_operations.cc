@@ -42,6 +42,33 @@ bool KeyObj::adjustSecurityCellRefCount(RegistryHiveObj* hive, u32 offset, bool 
   return true;
 }
 
+// A new nk record under this key, its name stored as given, linked to
+// nothing yet; INVALID_RECORD when it could not be allocated or written.
+u32 KeyObj::writeNewKeyRecord(const u8* storedName, u32 nameLength, bool compressed) {
+  const u32 recordSize = N::HEADER_SIZE + nameLength;
+  std::vector<u8> record(recordSize, 0);
+  u8* r = record.data();
+  WB16(r + 4, N::SIGNATURE);
+  W16(r + N::OFS_FLAGS, compressed ? N::FLAG_COMP_NAME : 0);
+  W32(r + N::OFS_PARENT, _offset);
+  W32(r + N::OFS_KEY_LIST, INVALID_RECORD);
+  W32(r + N::OFS_VOLATILE_KEY_LIST, INVALID_RECORD);
+  W32(r + N::OFS_VALUE_LIST, INVALID_RECORD);
+  W32(r + N::OFS_SK, sdOffset());
+  W32(r + N::OFS_CLASS, INVALID_RECORD);
+  W64(r + N::OFS_LAST_WRITE, _hive->now());
+  W16(r + N::OFS_NAME_LENGTH, static_cast<u16>(nameLength));
+  std::copy(storedName, storedName + nameLength, r + N::OFS_NAME);
+
+  const u32 nk = _hive->allocateRecord(recordSize);
+  if (nk == INVALID_RECORD) return INVALID_RECORD;
+  if (!_hive->writeRecord(nk, r + 4, 4, recordSize - 4)) {
+    _hive->freeRecord(nk);
+    return INVALID_RECORD;
+  }
+  return nk;
+}
+
 Ref<Key> KeyObj::createKey(Ref<String> name) {
   if (_readOnly) {
     Error::set(Errors::READ_ONLY);
@@ -86,7 +113,7 @@ Ref<Key> KeyObj::createKey(Ref<String> name) {
     Error::set(Errors::KEY_NAME_INVALID);
     return nullptr;
   }
-  HK_ASSERT_AS(hiveLog, "nameLength <= ((u16)0xffffU)", nameLength <= 0xffffu, nullptr);
+  HK_ASSERT(hiveLog, nameLength <= 0xffffu, nullptr);
   // Characters without a codepage byte hash as 0, as the lists of other
   // writers do; a hash is a hint and never a reason to refuse a name.
   u32 hash = 0;
@@ -95,27 +122,8 @@ Ref<Key> KeyObj::createKey(Ref<String> name) {
     return nullptr;
   }
 
-  const u32 recordSize = N::HEADER_SIZE + static_cast<u32>(nameLength);
-  std::vector<u8> record(recordSize, 0);
-  u8* r = record.data();
-  WB16(r + 4, N::SIGNATURE);
-  W16(r + N::OFS_FLAGS, compressed ? N::FLAG_COMP_NAME : 0);
-  W32(r + N::OFS_PARENT, _offset);
-  W32(r + N::OFS_KEY_LIST, INVALID_RECORD);
-  W32(r + N::OFS_VOLATILE_KEY_LIST, INVALID_RECORD);
-  W32(r + N::OFS_VALUE_LIST, INVALID_RECORD);
-  W32(r + N::OFS_SK, sdOffset());
-  W32(r + N::OFS_CLASS, INVALID_RECORD);
-  W64(r + N::OFS_LAST_WRITE, _hive->now());
-  W16(r + N::OFS_NAME_LENGTH, static_cast<u16>(nameLength));
-  std::copy(stored.begin(), stored.begin() + static_cast<size_t>(nameLength), r + N::OFS_NAME);
-
-  const u32 nk = _hive->allocateRecord(recordSize);
+  const u32 nk = writeNewKeyRecord(stored.data(), static_cast<u32>(nameLength), compressed);
   if (nk == INVALID_RECORD) return nullptr;
-  if (!_hive->writeRecord(nk, r + 4, 4, recordSize - 4)) {
-    _hive->freeRecord(nk);
-    return nullptr;
-  }
   // Readers size their buffers by the longest subkey name.
   const u32 nameBytes = static_cast<u32>(name->length()) * 2;
   if (nameBytes > L32(_header + N::OFS_MAX_NAME)) setHeader32(N::OFS_MAX_NAME, nameBytes);
@@ -212,7 +220,7 @@ u32 KeyObj::setName(const Ref<String>& name, KeyListType type, u32 newParent, u3
     Error::set(Errors::MOVE_NAME_TOO_LONG);
     return INVALID_RECORD;
   }
-  HK_ASSERT_AS(hiveLog, "nameLength <= ((u16)0xffffU)", nameLength <= 0xffffu, INVALID_RECORD);
+  HK_ASSERT(hiveLog, nameLength <= 0xffffu, INVALID_RECORD);
   if (type != keyListLI && !makeHash(type, name, compressed, true, hash)) {
     Error::set(Errors::HASH_FAILED);
     return INVALID_RECORD;
@@ -258,6 +266,39 @@ u32 KeyObj::setName(const Ref<String>& name, KeyListType type, u32 newParent, u3
   return newOffset;
 }
 
+// The key `key` stands for when it may move under this key: a valid key
+// of this hive, not the root, not this key nor one above it. Null with the
+// error set otherwise.
+Ref<KeyObj> KeyObj::keyToMove(const Ref<Key>& key) {
+  Ref<KeyObj> k = key.cast<KeyObj>();
+  if (!k) {
+    Error::set(Errors::INVALID_ARGUMENT);
+    return nullptr;
+  }
+  if (k->_hive.get() != _hive.get()) {
+    HK_LOG(hiveLog, 4) << "Attempt to move a key form a different hive";
+    Error::set(Errors::INVALID_ARGUMENT);
+    return nullptr;
+  }
+  if (!k->_valid) {
+    Error::set(Errors::OBJECT_INVALID);
+    return nullptr;
+  }
+  if (!k->_parent) {
+    HK_LOG(hiveLog, 4) << "Attempt to move root key";
+    Error::set(Errors::MOVE_ROOT);
+    return nullptr;
+  }
+  for (KeyObj* up = this; up; up = up->_parent.get()) {
+    if (up == k.get() || up->_offset == k->_offset) {
+      HK_LOG(hiveLog, 4) << "Nested move";
+      Error::set(Errors::MOVE_NESTED);
+      return nullptr;
+    }
+  }
+  return k;
+}
+
 bool KeyObj::move(Ref<Key> key, Ref<String> newName) {
   if (_readOnly) {
     Error::set(Errors::READ_ONLY);
@@ -272,33 +313,9 @@ bool KeyObj::move(Ref<Key> key, Ref<String> newName) {
     Error::set(Errors::NULL_ARGUMENT);
     return false;
   }
-  Ref<KeyObj> k = key.cast<KeyObj>();
-  if (!k) {
-    Error::set(Errors::INVALID_ARGUMENT);
-    return false;
-  }
-  if (k->_hive.get() != _hive.get()) {
-    HK_LOG(hiveLog, 4) << "Attempt to move a key form a different hive";
-    Error::set(Errors::INVALID_ARGUMENT);
-    return false;
-  }
-  if (!k->_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
+  Ref<KeyObj> k = keyToMove(key);
+  if (!k) return false;
   Ref<KeyObj> oldParent = k->_parent;
-  if (!oldParent) {
-    HK_LOG(hiveLog, 4) << "Attempt to move root key";
-    Error::set(Errors::MOVE_ROOT);
-    return false;
-  }
-  for (KeyObj* up = this; up; up = up->_parent.get()) {
-    if (up == k.get() || up->_offset == k->_offset) {
-      HK_LOG(hiveLog, 4) << "Nested move";
-      Error::set(Errors::MOVE_NESTED);
-      return false;
-    }
-  }
   if (!initSubkeys()) return false;
   if (newName->isEmpty()) {
     Error::set(Errors::INVALID_ARGUMENT);

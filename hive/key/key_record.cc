@@ -37,7 +37,7 @@ bool isV13(const RegistryHiveObj& hive) {
 u32 loadList(const hive_record* record, u32 recordOffset, u32 position, u16 signature, u32 width,
              const char* letters, u32 numKeys, SubkeyList& out) {
   if (!record || record->signature() != signature) return 0;
-  HK_ASSERT_AS(hiveLog, "list record in use", record->used(), 0);
+  HK_ASSERT(hiveLog, record->used(), 0);
   const u32 recordSize = record->length();
   const u32 count = record->u16At(L::OFS_COUNT);
   if (static_cast<u64>(count) * width + L::OFS_ITEMS > recordSize) {
@@ -180,7 +180,7 @@ bool readKeyRecord(RegistryHiveObj& hive, u32 offset, KeyRecord& out, const hive
     Error::set(Errors::NOT_NK_RECORD);
     return false;
   }
-  HK_ASSERT_AS(hiveLog, "key record in use", hr->used(), false);
+  HK_ASSERT(hiveLog, hr->used(), false);
   if (!parseKeyRecord(hr->bytes(), hr->length(), offset, out)) {
     HK_LOG(hiveLog, 4) << "Name of key exceeds length of record";
     return false;
@@ -210,14 +210,6 @@ bool parseKeyRecord(const u8* bytes, u32 room, u32 offset, KeyRecord& out) {
   return true;
 }
 
-bool decodeRecordName(HiveCodepage codepage, const u8* bytes, u32 length, bool compressed,
-                      std::u16string& out) {
-  if (compressed) return decodeCodepageName(codepage, bytes, length, out);
-  out.resize(length / 2);
-  for (u32 i = 0; i < out.size(); ++i) out[i] = static_cast<char16_t>(L16(bytes + 2 * i));
-  return true;
-}
-
 bool readKeyName(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& out) {
   out.clear();
   const hive_record* hr = hive.cacheLoadRecord(key.offset);
@@ -231,7 +223,8 @@ bool compareKeyName(RegistryHiveObj& hive, u32 nk, std::u16string_view upcased, 
   // The checks of readKeyRecord, without its messages: a record failing
   // them is left to the caller's way of opening a key, which reports it.
   const hive_record* rec = hive.cacheLoadRecord(nk);
-  if (!rec || rec->signature() != N::SIGNATURE || !rec->used() || rec->length() < N::HEADER_SIZE) return false;
+  if (!rec || rec->signature() != N::SIGNATURE || !rec->used() || rec->length() < N::HEADER_SIZE)
+    return false;
   const u32 nameLength = rec->u16At(N::OFS_NAME_LENGTH);
   if (nameLength + N::HEADER_SIZE > rec->length()) return false;
   const u8* name = rec->bytes() + N::OFS_NAME;
@@ -339,7 +332,8 @@ const hive_record* valueListRecord(RegistryHiveObj& hive, const KeyRecord& key, 
   failed = true;
   const hive_record* rec = key.valueList ? hive.cacheLoadRecord(key.valueList) : nullptr;
   if (!rec) {
-    HK_LOG(hiveLog, 4) << "Failed to get value list record, key:" << key.offset << ", list: " << key.valueList;
+    HK_LOG(hiveLog, 4) << "Failed to get value list record, key:" << key.offset
+                       << ", list: " << key.valueList;
     Error::set(Errors::VALUE_LIST_TOO_SMALL);
     return nullptr;
   }

@@ -68,11 +68,6 @@ bool readKeyRecord(RegistryHiveObj& hive, u32 offset, KeyRecord& out, const hive
 // and hold its fixed part and name within `room`; whether its cell is in
 // use is not asked. Logs nothing: a scan of free space refuses many.
 bool parseKeyRecord(const u8* bytes, u32 room, u32 offset, KeyRecord& out);
-// A stored name (of a key or a value) decoded: 8-bit names through the
-// codepage, else UTF-16LE (an odd last byte dropped). False, with the
-// Latin-1 reading, when a byte has no character in the codepage.
-bool decodeRecordName(HiveCodepage codepage, const u8* bytes, u32 length, bool compressed,
-                      std::u16string& out);
 // The key's stored name decoded (8-bit names through the hive's codepage).
 // False, with the Latin-1 reading in `out`, when a byte has no character in
 // the codepage; false and empty when the record cannot be loaded.

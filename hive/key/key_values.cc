@@ -77,7 +77,8 @@ Ref<Value> KeyObj::value(Ref<String> name) {
     // Most values are told apart by their records alone: an object is
     // made only for a value that may be the one sought.
     int order = 0;
-    if (i < _values.size() && compareValueName(*_hive, _values[i].offset, upcased, order) && order != 0) continue;
+    if (i < _values.size() && compareValueName(*_hive, _values[i].offset, upcased, order) && order != 0)
+      continue;
     Ref<ValueObj> v = value(i);
     if (!v) continue;
     Ref<String> vName = v->name();
@@ -216,7 +217,7 @@ u32 KeyObj::valueIndex(const ValueObj* value) {
   // An object of this value made through another object of this key. A
   // value of another hive is not read: its own monitor guards its parent.
   if (value->hive().get() != _hive.get()) return INVALID_RECORD;
-  Ref<KeyObj> parent = value->parent();
+  Ref<KeyObj> parent = value->parent().cast<KeyObj>();
   if (parent && parent->_offset == _offset && parent->_hive.get() == _hive.get()) {
     for (u32 i = 0; i < _values.size(); ++i) {
       if (_values[i].offset == value->offset()) return i;
@@ -314,7 +315,7 @@ bool KeyObj::move(Ref<Value> value, Ref<String> newName) {
   // The hive is checked before the parent is read: a value of another hive
   // is guarded by that hive's monitor, which this call does not hold.
   Ref<ValueObj> v = value.cast<ValueObj>();
-  Ref<KeyObj> from = v && v->hive().get() == _hive.get() ? v->parent() : nullptr;
+  Ref<KeyObj> from = v && v->hive().get() == _hive.get() ? v->parent().cast<KeyObj>() : nullptr;
   if (!v || !from || from->_hive.get() != _hive.get()) {
     HK_LOG(hiveLog, 4) << "Attempt to move a value form a different hive";
     Error::set(Errors::INVALID_ARGUMENT);

@@ -2,8 +2,9 @@
 #include <algorithm>
 #include <vector>
 
+#include "hive/format/errors.h"
+#include "hive/log/log_engine.h"
 #include "hive/log/marvin32.h"
-#include "hive/registry_hive.h"
 #include "platform/error.h"
 
 namespace Libraries::Files::Hive {
@@ -74,8 +75,26 @@ bool scanEntries(Interfaces::Stripe& log, const std::string& logName, LogFileInf
 
 }  // namespace
 
-bool RegistryHiveObj::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name, const u8* primary,
-                                  LogFileInfo& info) {
+bool LogEngine::readLogs(const Ref<Interfaces::Stripe> (&stripes)[3], const Ref<String> (&names)[3]) {
+  const char* const failures[3] = {"Failed to initialize primary log file",
+                                   "Failed to initialize first log file",
+                                   "Failed to initialize second log file"};
+  bool unreadable = false;
+  for (u32 i = 0; i < 3; ++i) {
+    if (!initLogFile(stripes[i], names[i], _logs[i])) {
+      HK_LOG(hiveLog, 4) << failures[i];
+      unreadable = unreadable || _logs[i].unreadable;
+      std::string state = _logs[i].state;
+      _logs[i] = LogFileInfo();
+      _logs[i].name = names[i];
+      _logs[i].state = state;
+    }
+  }
+  return unreadable;
+}
+
+bool LogEngine::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name, LogFileInfo& info) {
+  const u8* primary = _header;
   info = LogFileInfo();
   info.stripe = log;
   info.name = name;
@@ -96,52 +115,15 @@ bool RegistryHiveObj::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name,
     return false;
   }
   u8 header[hive_header::BASE_SIZE];
-  u64 got = log->readAt(0, header, sizeof header);
+  const u64 got = log->readAt(0, header, sizeof header);
   if (got != sizeof header) {
     HK_LOG(hiveLog, 4) << "Failed to read header from log file " << logName << "; error: " << Error::get();
     info.state = "header unreadable";
     info.unreadable = logSize >= sizeof header;
     return false;
   }
-  if (B32(header) != hive_header::SIGNATURE) {
-    HK_LOG(hiveLog, 4) << "Signature of log file " << logName << " is invalid: " << Log::hex(B32(header));
-    info.state = "bad signature";
-    Error::set(Errors::INVALID_FILE);
-    return false;
-  }
-  if (calculateHeaderChecksum(header) != L32(header + hive_header::OFS_CHECKSUM)) {
-    HK_LOG(hiveLog, 4) << "Invalid checksum of log file " << logName;
-    info.state = "bad checksum";
-    Error::set(Errors::INVALID_FILE);
-    return false;
-  }
-  if (L32(header + hive_header::OFS_MAJOR) != L32(primary + hive_header::OFS_MAJOR) ||
-      L32(header + hive_header::OFS_MINOR) != L32(primary + hive_header::OFS_MINOR)) {
-    HK_LOG(hiveLog, 4) << "Version of log file " << logName << " does not match version of primary file";
-    info.state = "version differs from the hive";
-    Error::set(Errors::INVALID_FILE);
-    return false;
-  }
-  if (headerFileName(header) != headerFileName(primary)) {
-    std::u16string got32, want32;
-    for (u32 i = 0; i < hive_header::FILENAME_UNITS; ++i) {
-      got32.push_back(L16(header + hive_header::OFS_FILENAME + 2 * i));
-      want32.push_back(L16(primary + hive_header::OFS_FILENAME + 2 * i));
-    }
-    HK_LOG(hiveLog, 4) << "Provided log file " << logName
-                       << " does not belong to primary hive; got: " << got32 << ", expected: " << want32;
-    info.state = "belongs to another hive";
-    Error::set(Errors::INVALID_ARGUMENT);
-    return false;
-  }
-  const u32 type = L32(header + hive_header::OFS_TYPE);
-  if (type != 1 && type != 2 && type != 6) {
-    HK_LOG(hiveLog, 4) << "Invalid file type of log file " << logName << ": " << type;
-    info.state = "unknown file type";
-    Error::set(Errors::INVALID_ARGUMENT);
-    return false;
-  }
-  std::copy(header, header + sizeof header, info.header);
+  if (!checkLogHeader(header, logName, info)) return false;
+  const u32 type = info.fileType();
 
   const u32 primarySecondary = L32(primary + hive_header::OFS_SECONDARY_SEQ);
   if (info.primarySequence() < primarySecondary || info.secondarySequence() < primarySecondary) {
@@ -162,13 +144,64 @@ bool RegistryHiveObj::initLogFile(Ref<Interfaces::Stripe> log, Ref<String> name,
     return true;
   }
 
-  // Old format: a "DIRT" dirty vector, one bit per 512-byte sector of the
-  // hive bins data, then the data of every dirty page.
-  const u32 length = L32(primary + hive_header::OFS_LENGTH);
+  return readDirtyVector(*log, logName, complete, info);
+}
+
+// The log's base block copy against the hive's: signature, checksum,
+// version, file name and file type. Kept in `info` when it passes.
+bool LogEngine::checkLogHeader(const u8* header, const std::string& logName, LogFileInfo& info) {
+  if (B32(header) != hive_header::SIGNATURE) {
+    HK_LOG(hiveLog, 4) << "Signature of log file " << logName << " is invalid: " << Log::hex(B32(header));
+    info.state = "bad signature";
+    Error::set(Errors::INVALID_FILE);
+    return false;
+  }
+  if (calculateHeaderChecksum(header) != L32(header + hive_header::OFS_CHECKSUM)) {
+    HK_LOG(hiveLog, 4) << "Invalid checksum of log file " << logName;
+    info.state = "bad checksum";
+    Error::set(Errors::INVALID_FILE);
+    return false;
+  }
+  if (L32(header + hive_header::OFS_MAJOR) != L32(_header + hive_header::OFS_MAJOR) ||
+      L32(header + hive_header::OFS_MINOR) != L32(_header + hive_header::OFS_MINOR)) {
+    HK_LOG(hiveLog, 4) << "Version of log file " << logName << " does not match version of primary file";
+    info.state = "version differs from the hive";
+    Error::set(Errors::INVALID_FILE);
+    return false;
+  }
+  if (headerFileName(header) != headerFileName(_header)) {
+    std::u16string got32, want32;
+    for (u32 i = 0; i < hive_header::FILENAME_UNITS; ++i) {
+      got32.push_back(L16(header + hive_header::OFS_FILENAME + 2 * i));
+      want32.push_back(L16(_header + hive_header::OFS_FILENAME + 2 * i));
+    }
+    HK_LOG(hiveLog, 4) << "Provided log file " << logName
+                       << " does not belong to primary hive; got: " << got32 << ", expected: " << want32;
+    info.state = "belongs to another hive";
+    Error::set(Errors::INVALID_ARGUMENT);
+    return false;
+  }
+  const u32 type = L32(header + hive_header::OFS_TYPE);
+  if (type != 1 && type != 2 && type != 6) {
+    HK_LOG(hiveLog, 4) << "Invalid file type of log file " << logName << ": " << type;
+    info.state = "unknown file type";
+    Error::set(Errors::INVALID_ARGUMENT);
+    return false;
+  }
+  std::copy(header, header + hive_header::BASE_SIZE, info.header);
+  return true;
+}
+
+// Old format: a "DIRT" dirty vector, one bit per 512-byte sector of the
+// hive bins data, then the data of every dirty page.
+bool LogEngine::readDirtyVector(Interfaces::Stripe& log, const std::string& logName, bool complete,
+                                LogFileInfo& info) {
+  const u32 length = L32(_header + hive_header::OFS_LENGTH);
+  const u64 logSize = log.elementCount();
   if (length % 512 != 0) HK_LOG(hiveLog, 3) << "Length of hive data is not a multiple of 512: " << length;
   const u64 vectorSize = ((((static_cast<u64>(length) >> 9) + 7) >> 3) + 0x203) & ~0x1FFull;
   std::vector<u8> vector(vectorSize);
-  got = log->readAt(512, vector.data(), vectorSize);
+  const u64 got = log.readAt(512, vector.data(), vectorSize);
   if (got < std::min(vectorSize, logSize > 512 ? logSize - 512 : 0)) {
     HK_LOG(hiveLog, 4) << "Failed to read log bitmap from " << logName << "; error: " << Error::get();
     info.state = "dirty vector unreadable";

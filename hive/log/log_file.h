@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "hive/format.h"
+#include "hive/format/format.h"
 #include "platform/string.h"
 #include "platform/stripe.h"
 

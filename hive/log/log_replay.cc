@@ -9,7 +9,8 @@
 #include <algorithm>
 #include <vector>
 
-#include "hive/registry_hive.h"
+#include "hive/format/errors.h"
+#include "hive/log/log_engine.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -23,14 +24,25 @@ std::string nameOf(const LogFileInfo& log) {
   return log.name ? log.name->toUtf8() : std::string("(log)");
 }
 
+// The base block's file name field: all 32 units up to the first zero.
+std::u16string fullFileName(const u8* header) {
+  std::u16string name;
+  for (u32 i = 0; i < hive_header::FILENAME_UNITS; ++i) {
+    const char16_t c = L16(header + hive_header::OFS_FILENAME + 2 * i);
+    if (c == 0) break;
+    name.push_back(c);
+  }
+  return name;
+}
+
 }  // namespace
 
-bool RegistryHiveObj::logUsable(const LogFileInfo& log) const {
+bool LogEngine::logUsable(const LogFileInfo& log) const {
   return log.stripe && log.present() && log.primarySequence() == log.secondarySequence() &&
          log.secondarySequence() >= L32(_header + hive_header::OFS_SECONDARY_SEQ);
 }
 
-bool RegistryHiveObj::chooseLogMode() {
+bool LogEngine::chooseLogMode() {
   _logMode = LogMode::None;
   if (L32(_header + hive_header::OFS_PRIMARY_SEQ) == L32(_header + hive_header::OFS_SECONDARY_SEQ))
     return true;
@@ -48,7 +60,7 @@ bool RegistryHiveObj::chooseLogMode() {
   return true;
 }
 
-LogFileInfo* RegistryHiveObj::currentLogFile() {
+LogFileInfo* LogEngine::currentLogFile() {
   switch (_logMode) {
     case LogMode::Single:
       return logUsable(_logs[0]) ? &_logs[0] : nullptr;
@@ -69,7 +81,33 @@ LogFileInfo* RegistryHiveObj::currentLogFile() {
   return nullptr;
 }
 
-void RegistryHiveObj::logDump() {
+LogEngine::~LogEngine() {
+  if (_mapped) _mapped->setHook(nullptr);
+}
+
+Ref<MappedStripe> LogEngine::mapOver(Ref<Interfaces::Stripe> file) {
+  _mapped = makeRef<MappedStripe>(std::move(file), this);
+  return _mapped;
+}
+
+bool LogEngine::isLog(const Interfaces::Stripe* stripe) const {
+  for (const LogFileInfo& log : _logs)
+    if (log.stripe && log.stripe.get() == stripe) return true;
+  return false;
+}
+
+void LogEngine::reportNoCurrentLog() const {
+  HK_LOG(hiveLog, 4) << "Failed to determine log file for log mode " << static_cast<u32>(_logMode);
+  HK_LOG(hiveLog, 4) << "Seq Nrs: primary = " << L32(_header + hive_header::OFS_PRIMARY_SEQ)
+                     << ", secondary = " << L32(_header + hive_header::OFS_SECONDARY_SEQ);
+  for (u32 i = 0; i < 3; ++i)
+    HK_LOG(hiveLog, 4) << kLogLabels[i] << ": has file: " << (_logs[i].stripe ? 1 : 0)
+                       << ", new log format: " << _logs[i].newFormat() << ", primary seq "
+                       << _logs[i].primarySequence() << ", secondary seq " << _logs[i].secondarySequence()
+                       << (_logs[i].state.empty() ? "" : ", ") << _logs[i].state;
+}
+
+void LogEngine::logDump() const {
   HK_LOG(hiveLog, 1) << "Seq Nrs: primary = " << L32(_header + hive_header::OFS_PRIMARY_SEQ)
                      << ", secondary = " << L32(_header + hive_header::OFS_SECONDARY_SEQ);
   for (u32 i = 0; i < 3; ++i) {
@@ -80,7 +118,7 @@ void RegistryHiveObj::logDump() {
   }
 }
 
-bool RegistryHiveObj::applyOldFormatLog(LogFileInfo& log) {
+bool LogEngine::applyOldFormatLog(LogFileInfo& log, Interfaces::Stripe& file) {
   const std::string name = nameOf(log);
   HK_LOG(hiveLog, 1) << "Applying" << log.pages.size() << " dirty pages from " << name;
   const u64 logSize = log.stripe->elementCount();
@@ -115,7 +153,7 @@ bool RegistryHiveObj::applyOldFormatLog(LogFileInfo& log) {
                              << " of size " << length;
           return false;
         }
-        if (_file->writeAt(fileOffset, buffer.data(), length) != length) {
+        if (file.writeAt(fileOffset, buffer.data(), length) != length) {
           HK_LOG(hiveLog, 4) << "Failed to write dirty pages from " << name << " to main hive at "
                              << fileOffset << " of size " << length << "; error: " << Error::get();
           return false;
@@ -130,7 +168,7 @@ bool RegistryHiveObj::applyOldFormatLog(LogFileInfo& log) {
   return true;
 }
 
-bool RegistryHiveObj::mapLogEntry(LogFileInfo& log, const LogEntryInfo& entry) {
+bool LogEngine::mapLogEntry(LogFileInfo& log, const LogEntryInfo& entry) {
   const std::string name = nameOf(log);
   const u32 count = entry.pageCount();
   const u64 size = entry.size();
@@ -165,7 +203,7 @@ bool RegistryHiveObj::mapLogEntry(LogFileInfo& log, const LogEntryInfo& entry) {
   return true;
 }
 
-bool RegistryHiveObj::applyLogMappings() {
+bool LogEngine::applyLogMappings(Interfaces::Stripe& file) {
   if (_logMode == LogMode::None) return true;
 
   // Old-format logs: one log, LOG1 or LOG2, as the log mode chose it. The
@@ -180,12 +218,16 @@ bool RegistryHiveObj::applyLogMappings() {
     one = &_logs[2];
   else
     return true;
-  if (!one->newFormat()) return applyOldFormatLog(*one);
+  if (!one->newFormat()) return applyOldFormatLog(*one, file);
 
   if (!_mapped) {
     HK_LOG(hiveLog, 4) << "Hive mapping does not exist to apply entries from " << nameOf(*one);
     return false;
   }
+  return applyNewFormatLogs();
+}
+
+bool LogEngine::applyNewFormatLogs() {
   // Every accepted entry of both usable new-format logs, in sequence order.
   struct Candidate {
     LogFileInfo* log;
@@ -196,7 +238,7 @@ bool RegistryHiveObj::applyLogMappings() {
     LogFileInfo& log = _logs[i];
     if (!logUsable(log) || !log.newFormat()) continue;
     HK_LOG(hiveLog, 1) << "Applying" << log.entries.size() << " log entries from" << nameOf(log)
-                       << " for hive" << fullFileName();
+                       << " for hive" << fullFileName(_header);
     for (const LogEntryInfo& e : log.entries)
       if (e.sequence() >= log.primarySequence()) chain.push_back({&log, &e});
   }

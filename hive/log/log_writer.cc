@@ -5,8 +5,9 @@
 #include <cstring>
 #include <vector>
 
+#include "hive/format/errors.h"
+#include "hive/log/log_engine.h"
 #include "hive/log/marvin32.h"
-#include "hive/registry_hive.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -18,15 +19,18 @@ std::string nameOf(const LogFileInfo& log) {
 }
 }  // namespace
 
-// A log is started afresh with a header made from the base block: file
-// type 6, both sequence numbers `sequence`.
-bool RegistryHiveObj::startLog(LogFileInfo& log, u32 sequence) {
+void LogEngine::logHeader(u8* out, u32 sequence) const {
+  std::memcpy(out, _header, hive_header::BASE_SIZE);
+  W32(out + hive_header::OFS_PRIMARY_SEQ, sequence);
+  W32(out + hive_header::OFS_SECONDARY_SEQ, sequence);
+  W32(out + hive_header::OFS_TYPE, 6);
+  W32(out + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(out));
+}
+
+// A log is started afresh with a header made from the base block.
+bool LogEngine::startLog(LogFileInfo& log, u32 sequence) {
   u8 header[hive_header::BASE_SIZE];
-  std::memcpy(header, _header, sizeof header);
-  W32(header + hive_header::OFS_PRIMARY_SEQ, sequence);
-  W32(header + hive_header::OFS_SECONDARY_SEQ, sequence);
-  W32(header + hive_header::OFS_TYPE, 6);
-  W32(header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(header));
+  logHeader(header, sequence);
   if (log.stripe->writeAt(0, header, sizeof header) != sizeof header) {
     HK_LOG(hiveLog, 4) << "Failed to write new log entry header to " << nameOf(log)
                        << "; error: " << Error::get();
@@ -38,8 +42,8 @@ bool RegistryHiveObj::startLog(LogFileInfo& log, u32 sequence) {
   return true;
 }
 
-std::vector<u8> RegistryHiveObj::logEntryHead(const std::vector<LogPage>& pages, u32 sequence, u32 flags,
-                                              u64& size) const {
+std::vector<u8> LogEngine::logEntryHead(const std::vector<LogPage>& pages, u32 sequence, u32 flags,
+                                        u64& size) const {
   u64 dataSize = 0;
   for (const LogPage& p : pages) dataSize += p.length;
   const u64 headSize = hive_log_entry::SIZE + 8ull * pages.size();
@@ -70,7 +74,7 @@ std::vector<u8> RegistryHiveObj::logEntryHead(const std::vector<LogPage>& pages,
   return head;
 }
 
-bool RegistryHiveObj::writeLogEntryBody(Interfaces::Stripe& stripe, u64 position, const std::vector<u8>& head,
+bool LogEngine::writeLogEntryBody(Interfaces::Stripe& stripe, u64 position, const std::vector<u8>& head,
                                         const std::vector<LogPage>& pages, u64 size, u64 extraZeros) const {
   u64 at = position + hive_log_entry::SIZE;
   const u64 refs = head.size() - hive_log_entry::SIZE;
@@ -97,24 +101,19 @@ bool RegistryHiveObj::writeLogEntryBody(Interfaces::Stripe& stripe, u64 position
 // entry of the same checkpoint (one before it failed) extends the chain the
 // dirty file depends on: its body and the zero block behind it are synced
 // before its header is written.
-bool RegistryHiveObj::writeCheckpointEntry(LogFileInfo& log, const std::vector<u32>& dirtyHbins,
-                                           u32 sequence) {
-  const std::vector<LogPage> pages = dirtyRuns(dirtyHbins);
+u64 LogEngine::writeCheckpointEntry(LogFileInfo& log, const std::vector<LogPage>& pages, u32 sequence,
+                                    u64 position) {
   u64 size = 0;
   const std::vector<u8> head = logEntryHead(pages, sequence, 0, size);
-  if (head.empty()) return false;
+  if (head.empty()) return 0;
   const std::string name = nameOf(log);
-  const bool first = !_checkpoint.open;
-  const u64 position = first ? hive_header::BASE_SIZE : _checkpoint.next;
+  const bool first = position == 0;
+  if (first) position = hive_header::BASE_SIZE;
   Interfaces::Stripe& stripe = *log.stripe;
   bool ok;
   if (first) {
     u8 header[hive_header::BASE_SIZE];
-    std::memcpy(header, _header, sizeof header);
-    W32(header + hive_header::OFS_PRIMARY_SEQ, sequence);
-    W32(header + hive_header::OFS_SECONDARY_SEQ, sequence);
-    W32(header + hive_header::OFS_TYPE, 6);
-    W32(header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(header));
+    logHeader(header, sequence);
     ok = stripe.writeAt(0, header, sizeof header) == sizeof header &&
          stripe.writeAt(position, head.data(), hive_log_entry::SIZE) == hive_log_entry::SIZE &&
          writeLogEntryBody(stripe, position, head, pages, size, 512) && stripe.sync();
@@ -130,18 +129,45 @@ bool RegistryHiveObj::writeCheckpointEntry(LogFileInfo& log, const std::vector<u
   if (!ok) {
     HK_LOG(hiveLog, 4) << "Failed to write log entry " << sequence << " to " << name
                        << "; error: " << Log::hex(Error::get());
-    return false;
+    return 0;
   }
   LogEntryInfo info;
   info.position = position;
   std::memcpy(info.header, head.data(), hive_log_entry::SIZE);
   log.entries.push_back(info);
-  _checkpoint.next = position + size;
+  return position + size;
+}
+
+bool LogEngine::placeNextEntry(LogFileInfo& log, const std::string& name, u32& sequence, u32& flags,
+                               u64& position) {
+  // A new entry must be the next one of the recovered chain, or the next
+  // open would not apply it. It continues the current log when that log's
+  // last entry ends the chain. A log none of whose entries was applied
+  // (none accepted, or all beyond a gap) is started afresh one past the
+  // chain, or one past the primary file's secondary sequence number when
+  // nothing was applied. A log whose entries were applied but do not end
+  // the chain cannot be continued.
+  const bool chained = _appliedLog != NO_LOG && _logs[_appliedLog].newFormat();
+  const bool continues = !log.entries.empty() && chained && log.entries.back().sequence() == _appliedSequence;
+  if (continues) {
+    const LogEntryInfo& last = log.entries.back();
+    sequence = last.sequence() + 1;
+    flags = L32(last.header + hive_log_entry::OFS_FLAGS);
+    position = last.position + ((static_cast<u64>(last.size()) + 511) & ~511ull);
+  } else if (log.applied == 0) {
+    sequence = (chained ? _appliedSequence : L32(_header + hive_header::OFS_SECONDARY_SEQ)) + 1;
+    if (!startLog(log, sequence)) return false;
+    position = hive_header::BASE_SIZE;
+  } else {
+    HK_LOG(hiveLog, 4) << "Entries of log file " << name << " do not end the recovered state at "
+                       << _appliedSequence << "; not writing to it";
+    return false;
+  }
   return true;
 }
 
-bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
-  HK_ASSERT_AS(hiveLog, "_mapped", static_cast<bool>(_mapped), false);
+bool LogEngine::appendLogEntry(const std::vector<LogPage>& pages) {
+  HK_ASSERT(hiveLog, static_cast<bool>(_mapped), false);
   LogFileInfo* log = currentLogFile();
   if (!log) {
     HK_LOG(hiveLog, 4) << "No log file applicable despite the log mode saying so";
@@ -158,32 +184,9 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
     HK_LOG(hiveLog, 4) << "Writing to the primary log file is not supported: " << name;
     return false;
   }
-  // A new entry must be the next one of the recovered chain, or the next
-  // open would not apply it. It continues the current log when that log's
-  // last entry ends the chain. A log none of whose entries was applied
-  // (none accepted, or all beyond a gap) is started afresh one past the
-  // chain, or one past the primary file's secondary sequence number when
-  // nothing was applied. A log whose entries were applied but do not end
-  // the chain cannot be continued.
-  const bool chained = _appliedLog != NO_LOG && _logs[_appliedLog].newFormat();
-  const bool continues =
-      !log->entries.empty() && chained && log->entries.back().sequence() == _appliedSequence;
   u32 sequence, flags = 0;
   u64 position;
-  if (continues) {
-    const LogEntryInfo& last = log->entries.back();
-    sequence = last.sequence() + 1;
-    flags = L32(last.header + hive_log_entry::OFS_FLAGS);
-    position = last.position + ((static_cast<u64>(last.size()) + 511) & ~511ull);
-  } else if (log->applied == 0) {
-    sequence = (chained ? _appliedSequence : L32(_header + hive_header::OFS_SECONDARY_SEQ)) + 1;
-    if (!startLog(*log, sequence)) return false;
-    position = hive_header::BASE_SIZE;
-  } else {
-    HK_LOG(hiveLog, 4) << "Entries of log file " << name << " do not end the recovered state at "
-                       << _appliedSequence << "; not writing to it";
-    return false;
-  }
+  if (!placeNextEntry(*log, name, sequence, flags, position)) return false;
 
   u64 entrySize = 0;
   const std::vector<u8> head = logEntryHead(pages, sequence, flags, entrySize);
@@ -228,8 +231,24 @@ bool RegistryHiveObj::appendLogEntry(const std::vector<LogPage>& pages) {
   return true;
 }
 
-bool RegistryHiveObj::handleAction(MappedStripe& stripe, Action action, const void* buffer, u64 offset,
-                                   u64 size, u64& done) {
+LogFileInfo* LogEngine::flushLog() {
+  if (_logs[1].stripe) return &_logs[1];
+  if (_createLog1) {
+    // Asked once: a log that cannot be made now is not retried each flush.
+    auto create = std::move(_createLog1);
+    _createLog1 = nullptr;
+    if (Ref<Interfaces::Stripe> made = create()) {
+      _logs[1].stripe = made;
+      if (!_logs[1].name) _logs[1].name = String::create("(.LOG1)");
+      return &_logs[1];
+    }
+    HK_LOG(hiveLog, 3) << "No log file could be made for the flush; writing the hive in place";
+  }
+  return _logs[2].stripe ? &_logs[2] : nullptr;
+}
+
+bool LogEngine::handleAction(MappedStripe& stripe, Action action, const void* buffer, u64 offset, u64 size,
+                             u64& done) {
   HK_ASSERT_AS(hiveLog, "_logMode != LogMode::None", _logMode != LogMode::None, false);
   if (action == Action::Resize) {
     // Growth of a log-mode hive lives in the log; the file keeps its size.

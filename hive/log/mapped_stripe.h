@@ -31,8 +31,6 @@ class MappedStripe : public Interfaces::Stripe {
 
   // Reads of [offset, offset + size) now come from `log` at `logPosition`.
   void addMapping(u64 offset, u64 size, Ref<Interfaces::Stripe> log, u64 logPosition);
-  // The end of the highest mapped range (0 when none).
-  u64 mappedEnd() const { return _mappedEnd; }
   void setHook(Hook* hook) { _hook = hook; }
 
   u64 elementCount() override;
@@ -53,8 +51,8 @@ class MappedStripe : public Interfaces::Stripe {
   Ref<Interfaces::Stripe> _file;
   Hook* _hook;
   std::map<u64, Segment> _segments;  // by start offset, non-overlapping
-  u64 _mappedEnd = 0;
-  u64 _virtualSize = 0;  // size the hook took over from resizes
+  u64 _mappedEnd = 0;                // the end of the highest mapped range
+  u64 _virtualSize = 0;              // size the hook took over from resizes
 };
 
 }  // namespace Libraries::Files::Hive

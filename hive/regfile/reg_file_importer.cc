@@ -1,6 +1,6 @@
 #include "hive/regfile/reg_file_importer.h"
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/util/util.h"
 #include "platform/check.h"
 #include "platform/error.h"

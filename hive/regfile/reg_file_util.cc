@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/regfile/reg_file_exporter.h"
 #include "hive/regfile/reg_file_importer.h"
 #include "hive/regfile/reg_file_reader.h"
@@ -117,7 +117,6 @@ bool RegFileUtil::importRegFile(const Ref<RegistryHive>& hive, const Ref<Interfa
   RegFileImportHandler checker(nullptr, prefix, errors, false, false);
   if (!runPass(source, start, checker, control.maxDataSize, false)) return false;
   if (control.dryRun) return true;
-  if (control.applying) *control.applying = true;
   RegFileImportHandler applier(hive, prefix, errors, trace, true);
   applier.setLargeSizes(checker.largeSizes());
   return runPass(source, start, applier, control.maxDataSize, true);

@@ -63,9 +63,6 @@ struct RegImportControl {
   // (maxValueDataSize of its version): more is an error of
   // the file.
   u64 maxDataSize = maxValueDataSize(5);
-  // When given, set once the text has passed its check and the hive
-  // starts to change.
-  bool* applying = nullptr;
 };
 
 class RegFileUtil {
@@ -114,8 +111,9 @@ class RegFileUtil {
   // checked first, and an error of the text (reported once, with the first
   // line of its item) leaves the hive untouched. A failure of the hive
   // itself while applying (no space, a damaged key) is reported the same
-  // way and stops the import there. `trace` reports each key the import
-  // creates.
+  // way and stops the import there; callers that want the hive untouched
+  // then run the import as one change (RegistryHiveObj::beginChange).
+  // `trace` reports each key the import creates.
   static bool importRegFile(const Ref<RegistryHive>& hive, const Ref<Interfaces::Stripe>& source,
                             const Ref<String>& prefix, const RegFileDiagnostics& errors = {},
                             bool trace = false, const ImportControl& control = {});

@@ -33,10 +33,8 @@ std::vector<u8> SecurityDescriptorObj::get() {
   Mon::Lock lock(_hive->mon());
   const hive_record* rec = _hive->cacheLoadRecord(_offset);
   HK_ASSERT(sdLog, rec != nullptr, {});
-  HK_ASSERT_AS(sdLog, "B16ToHost(rec->common.type) == hive_record_sk::SIGNATURE",
-               rec->signature() == hive_record_sk::SIGNATURE, {});
-  HK_ASSERT_AS(sdLog, "-L32ToHost(rec->common.size) >= sizeof(hive_record_sk)",
-               rec->length() >= hive_record_sk::OFS_DESCRIPTOR, {});
+  HK_ASSERT(sdLog, rec->signature() == hive_record_sk::SIGNATURE, {});
+  HK_ASSERT(sdLog, rec->length() >= hive_record_sk::OFS_DESCRIPTOR, {});
   if (!descriptorFits(rec)) {
     HK_LOG(sdLog, 3) << "Descriptor exceeds its record at " << Log::hex(_offset);
     return {};
@@ -57,10 +55,8 @@ bool SecurityDescriptorObj::set(const u8* bytes, u32 length) {
   }
   const hive_record* rec = _hive->cacheLoadRecord(_offset);
   HK_ASSERT(sdLog, rec != nullptr, false);
-  HK_ASSERT_AS(sdLog, "B16ToHost(rec->common.type) == hive_record_sk::SIGNATURE",
-               rec->signature() == hive_record_sk::SIGNATURE, false);
-  HK_ASSERT_AS(sdLog, "-L32ToHost(rec->common.size) >= sizeof(hive_record_sk)",
-               rec->length() >= hive_record_sk::OFS_DESCRIPTOR, false);
+  HK_ASSERT(sdLog, rec->signature() == hive_record_sk::SIGNATURE, false);
+  HK_ASSERT(sdLog, rec->length() >= hive_record_sk::OFS_DESCRIPTOR, false);
   // The record is never resized or moved here: keys point at it by offset
   // and the list links it by offset, so only a same-length rewrite is safe.
   if (rec->u32At(hive_record_sk::OFS_LENGTH) != length || !descriptorFits(rec)) {

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/key/key_obj.h"
 #include "hive/value/value_obj.h"
 #include "platform/error.h"

@@ -56,14 +56,4 @@ u64 StripeValue::seek(u64 position) {
   return _position;
 }
 
-u64 StripeValue::trim(u64) {
-  Error::set(Errors::NOT_SUPPORTED);
-  return 0;
-}
-
-u64 StripeValue::clear(u64) {
-  Error::set(Errors::NOT_SUPPORTED);
-  return 0;
-}
-
 }  // namespace Libraries::Files::Hive

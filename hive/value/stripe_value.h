@@ -18,9 +18,6 @@ class StripeValue : public Interfaces::Stripe {
   u64 writeAt(u64 position, const void* buffer, u64 count) override;
   // Position becomes min(position, size).
   u64 seek(u64 position) override;
-  // Not supported on value data (0x10002).
-  u64 trim(u64 count);
-  u64 clear(u64 count);
 
  private:
   Ref<ValueObj> _value;

@@ -2,7 +2,7 @@
 // what an import or a set must refuse before it changes anything.
 #pragma once
 
-#include "hive/format.h"
+#include "hive/format/format.h"
 
 namespace Libraries::Files::Hive {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "hive/key/key_obj.h"
+#include "hive/allocation_rollback.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -24,7 +24,7 @@ u32 fragmentsFor(u32 size) {
 
 }  // namespace
 
-ValueObj::ValueObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent)
+ValueObj::ValueObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<ValueOwner> parent)
     : _hive(std::move(hive)), _parent(std::move(parent)), _offset(offset) {
   _readOnly = _hive->readonly();
   Mon::Lock lock(_hive->mon());
@@ -59,13 +59,6 @@ const Ref<String>& ValueObj::nameRef() {
   return _name;
 }
 
-Ref<KeyObj> ValueObj::parent() const {
-  return _parent;
-}
-void ValueObj::setParent(Ref<KeyObj> parent) {
-  _parent = std::move(parent);
-}
-
 u32 ValueObj::datasizeFormType(ValueType type) {
   namespace T = Interfaces::Config::Hive::ValueTypes;
   switch (type) {
@@ -79,7 +72,7 @@ u32 ValueObj::datasizeFormType(ValueType type) {
   }
 }
 
-Ref<ValueObj> ValueObj::createValue(Ref<RegistryHiveObj> hive, Ref<KeyObj> parent, Ref<String> name,
+Ref<ValueObj> ValueObj::createValue(Ref<RegistryHiveObj> hive, Ref<ValueOwner> parent, Ref<String> name,
                                     ValueType type) {
   if (!hive || !name) {
     Error::set(Errors::NULL_ARGUMENT);
@@ -291,60 +284,11 @@ u32 ValueObj::size(u32 newSize) {
     return _dataSize;
   }
   const u32 keep = std::min(_dataSize, newSize);
-  std::vector<u32> old;
 
-  if (newSize <= 4) {
-    u8 bytes[4] = {};
-    if (keep && read(bytes, 0, keep) != keep) {
-      HK_LOG(hiveLog, 4) << "Read data for resize to resident failed. record: " << Log::hex(_offset);
-      return _dataSize;
-    }
-    if (!storageRecords(old)) {
-      HK_LOG(hiveLog, 4) << "Failed to free some data reords for resize to resident. record: "
-                         << Log::hex(_offset);
-      return _dataSize;
-    }
-    _extents.clear();
-    _dbListDataRecord = INVALID_RECORD;
-    _dataResident = true;
-    std::memcpy(_recordData + VK::OFS_DATA, bytes, 4);
-    commitSize(newSize, "Failed to update vk record for resize. record: ");
-    freeRecords(old);
-    return _dataSize;
-  }
-
+  if (newSize <= 4) return resizeToResident(newSize, keep);
   if (!_isV13 && newSize > CHUNK) return resizeDbList(newSize);
 
-  if (_dataResident || inDbForm()) {
-    if (!storageRecords(old)) {
-      HK_LOG(hiveLog, 4) << "Failed to free some data records for resize to single extent. record: "
-                         << Log::hex(_offset);
-      return _dataSize;
-    }
-    const u32 record = _hive->allocateRecord(newSize + 4);
-    if (record == INVALID_RECORD) {
-      HK_LOG(hiveLog, 4) << "Failed to allocate new record for resize to single extent. record: "
-                         << Log::hex(_offset);
-      return _dataSize;
-    }
-    if (keep) {
-      std::vector<u8> data(keep);
-      const u32 got = read(data.data(), 0, keep);
-      if (got != keep)
-        HK_LOG(hiveLog, 4) << "Read data for resize to single extent failed. record: " << Log::hex(_offset);
-      if (got && !_hive->writeRecord(record, data.data(), 4, got))
-        HK_LOG(hiveLog, 4) << "Restore data for resize to single extent failed. record: "
-                           << Log::hex(_offset);
-    }
-    _extents.assign(1, record);
-    _dbListDataRecord = INVALID_RECORD;
-    _dataResident = false;
-    W32(_recordData + VK::OFS_DATA, record);
-    commitSize(newSize, "Failed to update vk record for resize. record: ");
-    freeRecords(old);
-    return _dataSize;
-  }
-
+  if (_dataResident || inDbForm()) return moveToOneRecord(newSize, keep);
   if (!initExtents() || _extents.size() != 1) {
     HK_LOG(hiveLog, 4) << "Failed to initExtents() for resize to single extent. record: "
                        << Log::hex(_offset);
@@ -358,6 +302,60 @@ u32 ValueObj::size(u32 newSize) {
   _extents[0] = record;
   W32(_recordData + VK::OFS_DATA, record);
   return commitSize(newSize, "Failed to update vk record for resize. record: ");
+}
+
+// Data of at most 4 bytes moves into the vk record; the records that held
+// it are freed.
+u32 ValueObj::resizeToResident(u32 newSize, u32 keep) {
+  std::vector<u32> old;
+  u8 bytes[4] = {};
+  if (keep && read(bytes, 0, keep) != keep) {
+    HK_LOG(hiveLog, 4) << "Read data for resize to resident failed. record: " << Log::hex(_offset);
+    return _dataSize;
+  }
+  if (!storageRecords(old)) {
+    HK_LOG(hiveLog, 4) << "Failed to free some data reords for resize to resident. record: "
+                       << Log::hex(_offset);
+    return _dataSize;
+  }
+  _extents.clear();
+  _dbListDataRecord = INVALID_RECORD;
+  _dataResident = true;
+  std::memcpy(_recordData + VK::OFS_DATA, bytes, 4);
+  commitSize(newSize, "Failed to update vk record for resize. record: ");
+  freeRecords(old);
+  return _dataSize;
+}
+
+// Resident data, or a db list, moves into one data record of `newSize`.
+u32 ValueObj::moveToOneRecord(u32 newSize, u32 keep) {
+  std::vector<u32> old;
+  if (!storageRecords(old)) {
+    HK_LOG(hiveLog, 4) << "Failed to free some data records for resize to single extent. record: "
+                       << Log::hex(_offset);
+    return _dataSize;
+  }
+  const u32 record = _hive->allocateRecord(newSize + 4);
+  if (record == INVALID_RECORD) {
+    HK_LOG(hiveLog, 4) << "Failed to allocate new record for resize to single extent. record: "
+                       << Log::hex(_offset);
+    return _dataSize;
+  }
+  if (keep) {
+    std::vector<u8> data(keep);
+    const u32 got = read(data.data(), 0, keep);
+    if (got != keep)
+      HK_LOG(hiveLog, 4) << "Read data for resize to single extent failed. record: " << Log::hex(_offset);
+    if (got && !_hive->writeRecord(record, data.data(), 4, got))
+      HK_LOG(hiveLog, 4) << "Restore data for resize to single extent failed. record: " << Log::hex(_offset);
+  }
+  _extents.assign(1, record);
+  _dbListDataRecord = INVALID_RECORD;
+  _dataResident = false;
+  W32(_recordData + VK::OFS_DATA, record);
+  commitSize(newSize, "Failed to update vk record for resize. record: ");
+  freeRecords(old);
+  return _dataSize;
 }
 
 u32 ValueObj::commitSize(u32 newSize, const char* failure) {
@@ -389,80 +387,72 @@ bool ValueObj::writeDbList(u32 dbRecord, u32 listRecord, const std::vector<u32>&
 u32 ValueObj::resizeDbList(u32 newSize) {
   HK_ASSERT(hiveLog, !_isV13, _dataSize);
   HK_ASSERT(hiveLog, newSize > CHUNK, _dataSize);
-  const u32 needed = fragmentsFor(newSize);
-  std::vector<u32> made;    // records made here, given back on failure
-  std::vector<u32> retire;  // records to free once nothing points to them
-  auto allocate = [&](u32 size, const char* failure) {
-    const u32 r = _hive->allocateRecord(size);
-    if (r == INVALID_RECORD) {
-      HK_LOG(hiveLog, 4) << failure;
-      for (u32 m : made) _hive->freeRecord(m);
-    } else {
-      made.push_back(r);
-    }
-    return r;
-  };
+  if (inDbForm()) return resizeDbForm(newSize);
+  return convertToDbForm(newSize);
+}
 
-  if (inDbForm()) {
-    if (!initExtents()) {
-      HK_LOG(hiveLog, 4) << "Failed to initExtents() during resize of db list";
-      return _dataSize;
-    }
-    const u32 db = L32(_recordData + VK::OFS_DATA);
-    std::vector<u32> fragments = _extents;
-    const size_t have = fragments.size();
-    const char* noFragment = "Failed to allocate new fragment data record for existing db list.";
-    // The last fragment may have been made for less data; once data grows
-    // into it or past it, it must be a full fragment.
-    if (newSize > _dataSize) {
-      const hive_record* last = _hive->cacheLoadRecord(fragments.back());
-      if (!last) return _dataSize;
-      if (last->length() != VK::FRAGMENT_CELL) {
-        std::vector<u8> data(last->bytes() + 4, last->bytes() + 4 + std::min(last->length() - 4, CHUNK));
-        const u32 r = allocate(FRAGMENT_RECORD, noFragment);
-        if (r == INVALID_RECORD) return _dataSize;
-        if (!_hive->writeRecord(r, data.data(), 4, static_cast<u32>(data.size()))) {
-          for (u32 m : made) _hive->freeRecord(m);
-          return _dataSize;
-        }
-        retire.push_back(fragments.back());
-        fragments.back() = r;
-      }
-    }
-    for (size_t i = have; i < needed; ++i) {
-      const u32 r = allocate(FRAGMENT_RECORD, noFragment);
-      if (r == INVALID_RECORD) return _dataSize;
-      fragments.push_back(r);
-    }
-    if (needed < have) {
-      retire.insert(retire.end(), fragments.begin() + needed, fragments.end());
-      fragments.resize(needed);
-    }
-    u32 list = _dbListDataRecord;
-    if (fragments.size() > have) {
-      const hive_record* hr = _hive->cacheLoadRecord(list);
-      if (!hr || hr->length() < 4 * needed + 4) {
-        list = allocate(4 * needed + 4, "Failed to resize fragment list during resize of db list");
-        if (list == INVALID_RECORD) return _dataSize;
-        retire.push_back(_dbListDataRecord);
-      }
-    }
-    if (fragments != _extents || list != _dbListDataRecord) {
-      if (!writeDbList(db, list, fragments)) {
-        for (u32 m : made) _hive->freeRecord(m);
-        return _dataSize;
-      }
-    }
-    // A shorter list shrinks in place.
-    if (fragments.size() < have && list == _dbListDataRecord)
-      _hive->resizeRecord(list, 4 * needed + 4, false);
-    _extents = std::move(fragments);
-    _dbListDataRecord = list;
-    commitSize(newSize, "Failed to update vk record for resize to db list. record: ");
-    freeRecords(retire);
+// Grows or shrinks a db list in place: fragments added or retired, the
+// last one made full before data grows into it, the fragment list moved
+// when it is too small.
+u32 ValueObj::resizeDbForm(u32 newSize) {
+  const u32 needed = fragmentsFor(newSize);
+  AllocationRollback made(*_hive);
+  std::vector<u32> retire;  // records to free once nothing points to them
+  if (!initExtents()) {
+    HK_LOG(hiveLog, 4) << "Failed to initExtents() during resize of db list";
     return _dataSize;
   }
+  const u32 db = L32(_recordData + VK::OFS_DATA);
+  std::vector<u32> fragments = _extents;
+  const size_t have = fragments.size();
+  const char* noFragment = "Failed to allocate new fragment data record for existing db list.";
+  // The last fragment may have been made for less data; once data grows
+  // into it or past it, it must be a full fragment.
+  if (newSize > _dataSize) {
+    const hive_record* last = _hive->cacheLoadRecord(fragments.back());
+    if (!last) return _dataSize;
+    if (last->length() != VK::FRAGMENT_CELL) {
+      std::vector<u8> data(last->bytes() + 4, last->bytes() + 4 + std::min(last->length() - 4, CHUNK));
+      const u32 r = made.allocate(FRAGMENT_RECORD, noFragment);
+      if (r == INVALID_RECORD) return _dataSize;
+      if (!_hive->writeRecord(r, data.data(), 4, static_cast<u32>(data.size()))) return _dataSize;
+      retire.push_back(fragments.back());
+      fragments.back() = r;
+    }
+  }
+  for (size_t i = have; i < needed; ++i) {
+    const u32 r = made.allocate(FRAGMENT_RECORD, noFragment);
+    if (r == INVALID_RECORD) return _dataSize;
+    fragments.push_back(r);
+  }
+  if (needed < have) {
+    retire.insert(retire.end(), fragments.begin() + needed, fragments.end());
+    fragments.resize(needed);
+  }
+  u32 list = _dbListDataRecord;
+  if (fragments.size() > have) {
+    const hive_record* hr = _hive->cacheLoadRecord(list);
+    if (!hr || hr->length() < 4 * needed + 4) {
+      list = made.allocate(4 * needed + 4, "Failed to resize fragment list during resize of db list");
+      if (list == INVALID_RECORD) return _dataSize;
+      retire.push_back(_dbListDataRecord);
+    }
+  }
+  if ((fragments != _extents || list != _dbListDataRecord) && !writeDbList(db, list, fragments))
+    return _dataSize;
+  made.keep();
+  // A shorter list shrinks in place.
+  if (fragments.size() < have && list == _dbListDataRecord) _hive->resizeRecord(list, 4 * needed + 4, false);
+  _extents = std::move(fragments);
+  _dbListDataRecord = list;
+  commitSize(newSize, "Failed to update vk record for resize to db list. record: ");
+  freeRecords(retire);
+  return _dataSize;
+}
 
+// Moves data of up to one fragment (resident or in one record) into a new
+// db list.
+u32 ValueObj::convertToDbForm(u32 newSize) {
   HK_ASSERT(hiveLog, _dataSize <= CHUNK, _dataSize);
   HK_ASSERT(hiveLog, _dataSize < newSize, _dataSize);
   std::vector<u32> old;
@@ -470,14 +460,16 @@ u32 ValueObj::resizeDbList(u32 newSize) {
     HK_LOG(hiveLog, 4) << "Failed to initExtents() during resize to db list. record: " << Log::hex(_offset);
     return _dataSize;
   }
-  const u32 db = allocate(DB::SIZE, "Failed to allocate record for new db list.");
+  const u32 needed = fragmentsFor(newSize);
+  AllocationRollback made(*_hive);
+  const u32 db = made.allocate(DB::SIZE, "Failed to allocate record for new db list.");
   if (db == INVALID_RECORD) return _dataSize;
-  const u32 list = allocate(4 * needed + 4, "Failed to allocate fragment list record for new db list.");
+  const u32 list = made.allocate(4 * needed + 4, "Failed to allocate fragment list record for new db list.");
   if (list == INVALID_RECORD) return _dataSize;
   std::vector<u32> fragments;
   fragments.reserve(needed);
   for (u32 i = 0; i < needed; ++i) {
-    const u32 r = allocate(FRAGMENT_RECORD, "Failed to allocate fragment data record for new db list.");
+    const u32 r = made.allocate(FRAGMENT_RECORD, "Failed to allocate fragment data record for new db list.");
     if (r == INVALID_RECORD) return _dataSize;
     fragments.push_back(r);
   }
@@ -489,10 +481,8 @@ u32 ValueObj::resizeDbList(u32 newSize) {
     if (got && !_hive->writeRecord(fragments[0], data.data(), 4, got))
       HK_LOG(hiveLog, 4) << "Failed to restore old data during resize to db list (from single or resident)";
   }
-  if (!writeDbList(db, list, fragments)) {
-    for (u32 m : made) _hive->freeRecord(m);
-    return _dataSize;
-  }
+  if (!writeDbList(db, list, fragments)) return _dataSize;
+  made.keep();
   _extents = std::move(fragments);
   _dbListDataRecord = list;
   _dataResident = false;

@@ -10,11 +10,10 @@
 #include <vector>
 
 #include "hive/registry_hive.h"
+#include "hive/value/value_owner.h"
 #include "hive/value/value_record.h"
 
 namespace Libraries::Files::Hive {
-
-class KeyObj;
 
 class ValueObj : public Value {
  public:
@@ -22,11 +21,11 @@ class ValueObj : public Value {
   static constexpr u32 MAX_VALUE_NAME_LENGTH = 16383;
 
   // Always makes the object; valid() tells whether it may be used.
-  ValueObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent);
+  ValueObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<ValueOwner> parent);
   ~ValueObj() override;
 
   // Makes a new vk record (not yet linked into a key's list); null on failure.
-  static Ref<ValueObj> createValue(Ref<RegistryHiveObj> hive, Ref<KeyObj> parent, Ref<String> name,
+  static Ref<ValueObj> createValue(Ref<RegistryHiveObj> hive, Ref<ValueOwner> parent, Ref<String> name,
                                    ValueType type);
   // Initial data size of a new value of this type (4, 8 or 0).
   static u32 datasizeFormType(ValueType type);
@@ -75,9 +74,8 @@ class ValueObj : public Value {
     return _resizable;
   }
   const Ref<RegistryHiveObj>& hive() const { return _hive; }
-  // Out of line: KeyObj is incomplete here.
-  Ref<KeyObj> parent() const;
-  void setParent(Ref<KeyObj> parent);
+  const Ref<ValueOwner>& parent() const { return _parent; }
+  void setParent(Ref<ValueOwner> parent) { _parent = std::move(parent); }
 
  private:
   bool initExtents();
@@ -88,6 +86,13 @@ class ValueObj : public Value {
   bool storageHolds();
   bool freeAllExtents();
   u32 resizeDbList(u32 newSize);
+  // The two cases of resizeDbList: a db list already, or data of at most
+  // one fragment moving into one.
+  u32 resizeDbForm(u32 newSize);
+  u32 convertToDbForm(u32 newSize);
+  // The other cases of size(newSize); `keep` bytes of data carry over.
+  u32 resizeToResident(u32 newSize, u32 keep);
+  u32 moveToOneRecord(u32 newSize, u32 keep);
   bool writeRecordData();  // the 20 bytes from offset 4 of the vk record
   u32 extentCapacity() const;
   // The data lies in a db list (minor version 4 and up, above 16344 bytes).
@@ -105,7 +110,7 @@ class ValueObj : public Value {
 
   std::vector<u32> _extents;
   Ref<RegistryHiveObj> _hive;
-  Ref<KeyObj> _parent;
+  Ref<ValueOwner> _parent;
   Ref<String> _name;
   u8 _recordData[hive_record_vk::HEADER_SIZE] = {};  // the fixed part as on disk
   u32 _offset;

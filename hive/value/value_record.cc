@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "hive/key/key_record.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -21,7 +20,8 @@ bool badRecord() {
 }
 
 // A db list: the db record at `dataCell`, its fragment list and fragments.
-bool loadDbExtents(RegistryHiveObj& hive, const ValueRecord& value, const hive_record* hr, ValueExtents& out) {
+bool loadDbExtents(RegistryHiveObj& hive, const ValueRecord& value, const hive_record* hr,
+                   ValueExtents& out) {
   const u32 dataCell = value.dataCell();
   if (hr->length() < DB::SIZE) {
     HK_LOG(hiveLog, 4) << "Size too small for db record: " << hr->length();
@@ -99,7 +99,7 @@ bool readValueRecord(RegistryHiveObj& hive, u32 offset, ValueRecord& out) {
     HK_LOG(hiveLog, 4) << "Value record is no vk record:" << Log::hex(hr->signature());
     return false;
   }
-  HK_CHECK_AS(hiveLog, "value record in use", hr->used());
+  HK_CHECK(hiveLog, hr->used());
   if (hr->u16At(VK::OFS_NAME_LENGTH) + VK::HEADER_SIZE > hr->length()) {
     HK_LOG(hiveLog, 4) << "Name of value exceeds length of record";
     return false;
@@ -214,8 +214,8 @@ ValueDataPlace locateValueData(RegistryHiveObj& hive, const ValueRecord& value, 
   return ValueDataPlace::inPlace;
 }
 
-u32 readValueData(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents, u32 offset,
-                  void* buffer, u32 size) {
+u32 readValueData(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents,
+                  u32 offset, void* buffer, u32 size) {
   if (offset >= value.dataSize) return 0;
   const u32 count = std::min(size, value.dataSize - offset);
   u8* out = static_cast<u8*>(buffer);

@@ -27,15 +27,36 @@
 //    still names them behind its count (a value deleted from a live key),
 //    else below "\?"; then security descriptors;
 //  - each with a state, intact or partial, and the records it came from,
-//    so that a report can be checked by hand.
+//    so that a report can be checked by hand;
+//  - with DeletedScanOptions::logs, last, the previous versions of keys
+//    and values that the hive's transaction logs hold (see below).
 // A value's data is given when its records are intact and of the right
 // size (one data record, or a db record with its list and fragments);
 // otherwise the value is partial and its data unavailable.
 //
-// Cost: linear in the size of the hive bins data; memory the live tree's
+// Previous versions: every entry of the logs the hive was opened with (and
+// the dirty pages of an old-format log) holds pages as they were when it
+// was written, so older entries keep keys and values as they stood before
+// later ones changed or deleted them. Each key and value record found in
+// them (with the same checks) that the hive as it reads now does not show
+// is listed with state `previous`, the log and entry it came from:
+//  - a key that is gone, renamed or moved (a key whose counts or time
+//    alone changed is not listed), with its path rebuilt through the live
+//    tree and the keys of the same entry, else below "\?";
+//  - a value that is gone or holds another name, type or data, under the
+//    key of the same entry whose list names it, else the live key that
+//    lists it, else below "\?"; its data from the same entry, else from
+//    hive records nothing live uses, else unavailable.
+// Entries are read oldest first; a version several entries hold is listed
+// once, from the oldest. The logs are only read, never written or applied
+// again.
+//
+// Cost: linear in the size of the hive bins data (and of the logs); memory the live tree's
 // record marks (one bit per 8 bytes of hive bins data) and what the tree
 // walk keeps per key, never the recovered items (they are handed over one
-// at a time). On hostile input the work is bounded by the hive's size.
+// at a time; with logs also one log entry's pages and a hash per version
+// listed). On hostile input the work is bounded by the size of the hive
+// and its logs.
 #pragma once
 
 #include <cstddef>
@@ -66,8 +87,10 @@ struct DeletedCell {
 struct DeletedItem {
   enum class Kind { key, value, security };
   enum class State {
-    intact,   // every record it came from is free of the live tree and sound
-    partial,  // some are lost: a key's value list or values, a value's data
+    intact,    // every record it came from is free of the live tree and sound
+    partial,   // some are lost: a key's value list or values, a value's data
+    previous,  // an older version a transaction log holds (data_available
+               // says whether a value's data could be recovered)
   };
   Kind kind = Kind::key;
   State state = State::intact;
@@ -91,11 +114,23 @@ struct DeletedItem {
   std::span<const std::byte> data;
   std::uint32_t references = 0;
   std::vector<DeletedCell> cells;
+  // State::previous: the log it came from (0 .LOG, 1 .LOG1, 2 .LOG2, -1
+  // for other states), the entry's sequence number (an old-format log: its
+  // header's), and where the record's first byte stands in that log.
+  int log = -1;
+  std::uint32_t sequence = 0;
+  std::uint64_t log_offset = 0;
+};
+
+struct DeletedScanOptions {
+  // Also list the previous versions the transaction logs hold.
+  bool logs = false;
 };
 
 struct DeletedScanSummary {
   std::uint32_t keys = 0, values = 0, security = 0;
-  bool stopped = false;  // the visitor returned false
+  std::uint32_t previous_keys = 0, previous_values = 0;  // from the logs
+  bool stopped = false;                                  // the visitor returned false
 };
 
 // Hands every recovered item of `hive` to `visit`, which returns false to
@@ -104,7 +139,8 @@ struct DeletedScanSummary {
 // its size can hold. A writable hive is scanned as it reads now, unflushed
 // changes included.
 HIVEKIT_EXPORT Result<DeletedScanSummary> scan_deleted(const Hive& hive,
-                                                       const std::function<bool(const DeletedItem&)>& visit);
+                                                       const std::function<bool(const DeletedItem&)>& visit,
+                                                       const DeletedScanOptions& options = {});
 
 // The item's key path as text: "\" and the names joined by "\" ("\" alone
 // for the root), below "\?" for orphans; names as they are (a "\" inside

@@ -79,7 +79,8 @@ struct ImportOptions {
 // long, value data beyond what a value of this hive's version can hold)
 // fails with invalid_argument, naming the first line of the entry, and the
 // hive stays as it was. A failure of the hive itself while applying (no
-// space left, a damaged key) stops the import there.
+// space left, an I/O error, a damaged key) is taken back: the hive stays
+// as it was then too.
 HIVEKIT_EXPORT Status import_reg(Hive& hive, std::string_view path, const ImportOptions& options = {});
 // The same from the file's bytes in memory.
 HIVEKIT_EXPORT Status import_reg_text(Hive& hive, std::string_view text, const ImportOptions& options = {});

@@ -88,7 +88,7 @@ TEST(Atomicity, FailedChangesLeaveTheHiveAsItWas) {
     Key key = hive->root().create_key(paths[pick(5)]).value();
     const std::string name = names[pick(3)];
     const std::string before = listing(*hive);
-    const int kind = static_cast<int>(pick(8));
+    const int kind = static_cast<int>(pick(9));
     // Half the steps run with no room to grow the file.
     const bool full = pick(2) == 0;
     Status s;
@@ -126,6 +126,14 @@ TEST(Atomicity, FailedChangesLeaveTheHiveAsItWas) {
         case 6:
           s = key.rename(std::string(150 + pick(100), 'r'));
           break;
+        case 7: {  // many keys and values from one file: all of them or none
+          std::string text = "Windows Registry Editor Version 5.00\r\n";
+          for (int k = 0; k < 40; ++k)
+            text += "\r\n[ROOT\\i" + std::to_string(step) + "\\" + std::to_string(k) + "]\r\n\"v\"=\"" +
+                    std::string(pick(3000), 'i') + "\"\r\n";
+          s = import_reg_text(*hive, text);
+          break;
+        }
         default:
           if (Result<Value> v = key.value(name))
             s = v->set_multi_string(std::vector<std::string>{std::string(pick(30000), 'm')});

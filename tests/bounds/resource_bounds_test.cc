@@ -30,7 +30,7 @@
 #include <string>
 #include <vector>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/hive_file.h"
 #include "hive/key/key_obj.h"
 #include "hive/regfile/reg_file_util.h"
@@ -665,18 +665,17 @@ class ResourceBounds : public ::testing::Test {
   // Every reading command of the tool on the hive.
   Runs readAll(const Crafted& c, rlim_t stack = 0) {
     const std::string file = copyOf(c, "");
-    std::vector<std::vector<std::string>> commands = {
-        {"info", file},
-        {"dump", file},
-        {"dump", "--unsafe", file},
-        {"export", file},
-        {"sd", file},
-        {"dump", "--json", file},
-        {"ls", "-r", "-l", file},
-        {"find", file, "--data", "A", "--key", "."},
-        {"timeline", "--csv", file},
-        {"diff", "--json", file, file},
-        {"diff", "--reg", file, file}};
+    std::vector<std::vector<std::string>> commands = {{"info", file},
+                                                      {"dump", file},
+                                                      {"dump", "--unsafe", file},
+                                                      {"export", file},
+                                                      {"sd", file},
+                                                      {"dump", "--json", file},
+                                                      {"ls", "-r", "-l", file},
+                                                      {"find", file, "--data", "A", "--key", "."},
+                                                      {"timeline", "--csv", file},
+                                                      {"diff", "--json", file, file},
+                                                      {"diff", "--reg", file, file}};
     for (const std::string& k : c.keys) {
       commands.push_back({"ls", file, k});
       commands.push_back({"info", "--json", file, k});

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "hive/format.h"
+#include "hive/format/format.h"
 #include "tests/support/hive_builder.h"
 #include "tests/support/test_files.h"
 
@@ -25,8 +25,8 @@ namespace hivekit::cli_test {
 namespace fs = std::filesystem;
 namespace Hive = Libraries::Files::Hive;
 using hivekit::test::HiveBuilder;
-using hivekit::test::u32;
 using hivekit::test::u16;
+using hivekit::test::u32;
 using hivekit::test::u64;
 using hivekit::test::u8;
 

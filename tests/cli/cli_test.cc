@@ -287,6 +287,7 @@ TEST_F(CliTest, ReadingLeavesHiveAndLogsUntouchedAndFindsLogsInAnyCase) {
   EXPECT_EQ(field(r.out, "Log (.LOG2)").rfind(path("H.Log2").string(), 0), 0u) << r.out;
   for (const char* cmd : {"dump", "sd", "ls", "find", "timeline"}) hivekit({cmd, "--dirty", h});
   hivekit({"diff", "--dirty", h, h});
+  hivekit({"deleted", "--logs", "--json", h});
   hivekit({"export", "--dirty", h, "-o", path("out.reg").string()});
   EXPECT_EQ(files(), before);
   EXPECT_EQ(field(hivekit({"info", "--dirty", "--no-logs", h}).out, "Log (.LOG1)"), "none");

@@ -91,5 +91,56 @@ TEST_F(CliTest, DeletedExportImportsIntoAFreshHive) {
   EXPECT_EQ(hivekit({"deleted", "--json", path("empty.hiv").string()}).out, "");
 }
 
+// Previous versions from the logs of the shared dirty hives. Checked by
+// hand in NewDirtyHive1.LOG1 (one entry, sequence 2, logging hive bins data
+// 0x0-0x5000 from log offset 0x230): nk 0x268 "Key1" (log 0x498, parent
+// the root 0x20) is gone from the hive (another record covers 0x268 now);
+// its value list 0x258 names vk 0x2c0, the default value of 12002 bytes at
+// 0x1020. vk 0x430 "v" of Key2 (log 0x660) has its data record 0x3b0 in the
+// entry ("testTEST" in UTF-16), which the hive has reused: its own scan
+// lists that value with its data unavailable. The .LOG2 entries 3 to 5 then
+// delete Key2's subkeys (entry 4 holds Key2 without them) and Key2.
+TEST_F(CliTest, DeletedListsPreviousVersionsFromTheLogs) {
+  REQUIRE_TESTDATA();
+  const fs::path hives = testdata() / "hives";
+  const Result r = hivekit({"deleted", "--logs", (hives / "NewDirtyHive1" / "NewDirtyHive").string()});
+  ASSERT_EQ(r.status, 0) << r.err;
+  std::string previous;
+  for (size_t at = 0, end; (end = r.out.find('\n', at)) != std::string::npos; at = end + 1)
+    if (r.out.find("\tprevious ", at) < end) previous += r.out.substr(at, end + 1 - at);
+  EXPECT_EQ(previous,
+            "K\t\\Key1\t01d295292d661d02\t0\t1\tprevious .LOG1 entry 2 @0x498\tnk@0x268\n"
+            "K\t\\Key2\t01d295293715acb1\t2\t1\tprevious .LOG1 entry 2 @0x588\tnk@0x358\n"
+            "V\t\\Key1\t\t1\t12002\tsha256:ad5c911105652040930cc4c510646710bd5fdd01dd31b020149667c57979966f\t"
+            "previous .LOG1 entry 2 @0x4f0\tvk@0x2c0 data@0x1020\n"
+            "V\t\\Key2\tv\t1\t18\t740065007300740054004500530054000000\tprevious .LOG1 entry 2 @0x660\t"
+            "vk@0x430 data@0x3b0\n"
+            "K\t\\Key2\t01d2952975e238b0\t0\t1\tprevious .LOG2 entry 4 @0x2388\tnk@0x358\n");
+  // The others by count: an old-format log whose pages are all applied
+  // holds nothing older; KEYPATH and --export take previous versions too.
+  const struct {
+    const char* hive;
+    size_t keys, values;
+  } counts[] = {{"NewDirtyHive2/NewDirtyHive", 3, 2},
+                {"OldDirtyHive/OldDirtyHive", 0, 0},
+                {"UsrClass/UsrClass.dat", 61, 168}};
+  for (const auto& c : counts) {
+    const std::string out = hivekit({"deleted", "--logs", (hives / c.hive).string()}).out;
+    size_t keys = 0, values = 0;
+    for (size_t at = 0, end; (end = out.find('\n', at)) != std::string::npos; at = end + 1)
+      if (out.find("\tprevious ", at) < end) ++(out[at] == 'K' ? keys : values);
+    EXPECT_EQ(keys, c.keys) << c.hive;
+    EXPECT_EQ(values, c.values) << c.hive;
+  }
+  const std::string reg = path("prev.reg").string();
+  ASSERT_EQ(hivekit({"deleted", "--logs", (hives / "NewDirtyHive1" / "NewDirtyHive").string(), "Key2",
+                     "--export", reg})
+                .status,
+            0);
+  std::string want;  // the file is UTF-16
+  for (char c : std::string("\"v\"=\"testTEST\"")) want += {c, '\0'};
+  EXPECT_NE(readFile(reg).find(want), std::string::npos);
+}
+
 }  // namespace
 }  // namespace hivekit::cli_test

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/registry_hive.h"
 #include "platform/error.h"
 #include "platform/memory_stripe.h"

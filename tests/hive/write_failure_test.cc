@@ -7,7 +7,7 @@
 
 #include <functional>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/hive_file.h"
 #include "hive/util/util.h"
 #include "hive/value/value_obj.h"

@@ -44,7 +44,7 @@
 #include <vector>
 
 #include "fuzz/fuzz_walk.h"
-#include "hive/format.h"
+#include "hive/format/format.h"
 #include "hive/log/marvin32.h"
 #include "hive/regfile/reg_file_util.h"
 #include "platform/memory_stripe.h"
@@ -590,7 +590,8 @@ TEST_F(TestdataMutation, ToolReadingCommands) {
     for (u32 k = 0; k < count; ++k) {
       Mutator cut(seedOf(s.name, "cut", k)), bytes(seedOf(s.name, "bytes", k));
       const u64 length = cut.cutLength(hive.size());
-      variants.push_back({"cut #" + std::to_string(k), Bytes(hive.begin(), hive.begin() + static_cast<std::ptrdiff_t>(length))});
+      variants.push_back({"cut #" + std::to_string(k),
+                          Bytes(hive.begin(), hive.begin() + static_cast<std::ptrdiff_t>(length))});
       variants.push_back({"bytes #" + std::to_string(k), hive});
       bytes.changeHive(variants.back().second, layout);
     }
@@ -605,7 +606,8 @@ TEST_F(TestdataMutation, ToolReadingCommands) {
         if (logs[i]) {
           fs::path log = file;
           log += suffixes[i];
-          std::ofstream(log, std::ios::binary).write(reinterpret_cast<const char*>(logs[i]->data()), logs[i]->size());
+          std::ofstream(log, std::ios::binary)
+              .write(reinterpret_cast<const char*>(logs[i]->data()), logs[i]->size());
         }
       // Every other variant is also read whole into memory (--unsafe).
       const std::string h = file.string(), mode = v % 2 ? "--unsafe" : "--codepage=latin1";

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/key/key_iterator.h"
 #include "hive/key/key_obj.h"
 #include "hive/registry_hive.h"

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <vector>
 
-#include "hive/format.h"
+#include "hive/format/format.h"
 #include "hive/log/marvin32.h"
 
 namespace hivekit::test {

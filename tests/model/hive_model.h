@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "hive/format.h"
+#include "hive/format/format.h"
 #include "hive/interfaces.h"
 #include "platform/string.h"
 #include "tests/support/hive_builder.h"

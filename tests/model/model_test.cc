@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <random>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/hive_file.h"
 #include "hive/util/util.h"
 #include "hive/value/value_obj.h"

@@ -20,7 +20,7 @@ def hive_of(listing_file: pathlib.Path) -> pathlib.Path:
     return TESTDATA / "hives" / listing_file.parent.relative_to(TESTDATA / "expected") / name
 
 
-@pytest.mark.parametrize("expected", LISTINGS, ids=lambda p: str(p.relative_to(TESTDATA / "expected")))
+@pytest.mark.parametrize("expected", LISTINGS, ids=[str(p.relative_to(TESTDATA / "expected")) for p in LISTINGS])
 def test_walk_matches_the_expected_listing(testdata, expected, tmp_path):
     want = expected.read_text(encoding="utf-8")
     if ".recovered." not in expected.name:

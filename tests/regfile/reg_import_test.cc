@@ -3,7 +3,7 @@
 // trip export -> import -> export.
 #include <gtest/gtest.h>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/regfile/reg_file_reader.h"
 #include "tests/regfile/reg_test_util.h"
 

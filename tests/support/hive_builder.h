@@ -23,7 +23,7 @@
 #include <string>
 #include <vector>
 
-#include "hive/format.h"
+#include "hive/format/format.h"
 
 namespace hivekit::test {
 

@@ -24,7 +24,7 @@
 #include <thread>
 #include <vector>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/hive_file.h"
 #include "hive/regfile/reg_file_util.h"
 #include "hive/util/util.h"

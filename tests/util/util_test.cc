@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "hive/errors.h"
+#include "hive/format/errors.h"
 #include "hive/hive_file.h"
 #include "platform/error.h"
 #include "platform/memory_stripe.h"

@@ -76,10 +76,6 @@ TEST(StripeValue, WritesAndResizes) {
   Error::set(0);
   EXPECT_EQ(s->setElementCount(0x100000000ull), 0u);
   EXPECT_EQ(Error::get(), Errors::INVALID_ARGUMENT);
-  EXPECT_EQ(s->trim(1), 0u);
-  EXPECT_EQ(Error::get(), Errors::NOT_SUPPORTED);
-  EXPECT_EQ(s->clear(1), 0u);
-  EXPECT_EQ(Error::get(), Errors::NOT_SUPPORTED);
 
   // A string value keeps its size through the stripe; it becomes
   // resizable when its type turns binary.

@@ -1,7 +1,15 @@
-// Error codes a client reads with Platform::Error::get() after a failed call.
+// How the engine reports a failure: the error code a client reads with
+// Platform::Error::get() after a failed call, and the log channel the
+// reason goes to. Every layer of the engine uses both, the log layer too,
+// so they sit here beside the on-disk layouts.
 #pragma once
 
+#include "platform/log.h"
 #include "platform/types.h"
+
+namespace Libraries::Files::Hive {
+extern const Platform::Log::Channel hiveLog;  // "Hive"
+}  // namespace Libraries::Files::Hive
 
 namespace Libraries::Files::Hive::Errors {
 using Platform::u32;

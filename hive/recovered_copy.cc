@@ -21,8 +21,7 @@ bool RegistryHiveObj::writeRecoveredCopy(Ref<Interfaces::Stripe> target) {
     Error::set(Errors::NOT_SUPPORTED);
     return false;
   }
-  bool own = target == _file || target.get() == _stripe.get();
-  for (const LogFileInfo& log : _logs) own = own || (log.stripe && target == log.stripe);
+  const bool own = target == _file || target.get() == _stripe.get() || _log.isLog(target.get());
   if (own) {
     HK_LOG(hiveLog, 4) << "The recovered copy cannot overwrite the hive or one of its logs";
     Error::set(Errors::INVALID_ARGUMENT);
@@ -41,8 +40,8 @@ bool RegistryHiveObj::writeRecoveredCopy(Ref<Interfaces::Stripe> target) {
   // copy, and whatever writes the copy next goes on from there.
   u64 sequence =
       std::max(L32(_header + hive_header::OFS_PRIMARY_SEQ), L32(_header + hive_header::OFS_SECONDARY_SEQ));
-  if (_appliedLog != NO_LOG && _logs[_appliedLog].newFormat())
-    sequence = std::max<u64>(sequence, u64{_appliedSequence} + 1);
+  if (appliedLog() != NO_LOG && logFile(appliedLog()).newFormat())
+    sequence = std::max<u64>(sequence, u64{appliedSequence()} + 1);
   sequence = std::min<u64>(sequence, 0xffffffffu);
   u8 block[hive_header::SIZE];
   std::copy(_header, _header + hive_header::SIZE, block);

@@ -64,7 +64,9 @@ struct hive_hbin {
 };
 
 // A request of n bytes becomes a record of n rounded up to a multiple of 8.
-inline u32 roundRecordSize(u32 n) { return ((n - 1) & ~7u) + 8; }
+inline u32 roundRecordSize(u32 n) {
+  return ((n - 1) & ~7u) + 8;
+}
 
 // A record in the record store. The type is opaque: it only gives typed
 // access to the bytes it starts, so pointers into the store read as records.
