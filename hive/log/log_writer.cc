@@ -75,7 +75,7 @@ std::vector<u8> LogEngine::logEntryHead(const std::vector<LogPage>& pages, u32 s
 }
 
 bool LogEngine::writeLogEntryBody(Interfaces::Stripe& stripe, u64 position, const std::vector<u8>& head,
-                                        const std::vector<LogPage>& pages, u64 size, u64 extraZeros) const {
+                                  const std::vector<LogPage>& pages, u64 size, u64 extraZeros) const {
   u64 at = position + hive_log_entry::SIZE;
   const u64 refs = head.size() - hive_log_entry::SIZE;
   if (stripe.writeAt(at, head.data() + hive_log_entry::SIZE, refs) != refs) return false;
