@@ -66,7 +66,11 @@ std::vector<u8> LogEngine::logEntryHead(const std::vector<LogPage>& pages, u32 s
   // The body's hash covers the references, the pages and the zeros behind.
   Marvin32 body;
   body.update(refs, 8ull * pages.size());
-  for (const LogPage& p : pages) body.update(p.data, p.length);
+  for (const LogPage& p : pages)
+    eachPiece(p, _release, [&body](const u8* data, u64 n) {
+      body.update(data, n);
+      return true;
+    });
   static const u8 zeros[512] = {};
   body.update(zeros, size - used);
   W64(h + hive_log_entry::OFS_HASH1, body.finish());
@@ -81,8 +85,12 @@ bool LogEngine::writeLogEntryBody(Interfaces::Stripe& stripe, u64 position, cons
   if (stripe.writeAt(at, head.data() + hive_log_entry::SIZE, refs) != refs) return false;
   at += refs;
   for (const LogPage& p : pages) {
-    if (stripe.writeAt(at, p.data, p.length) != p.length) return false;
-    at += p.length;
+    const bool written = eachPiece(p, _release, [&stripe, &at](const u8* data, u64 n) {
+      if (stripe.writeAt(at, data, n) != n) return false;
+      at += n;
+      return true;
+    });
+    if (!written) return false;
   }
   static const u8 zeros[1024] = {};
   for (u64 left = position + size + extraZeros - at; left > 0;) {
