@@ -72,13 +72,22 @@ bool RegistryHiveObj::loadHiveBins() {
     }
     _bins = _binsMem->map();
   }
+  // Reading a page of a file mapping maps its neighbours too: the walk over
+  // the hbin headers maps nearly all of a spilling block unless it gives
+  // back what it has passed as it goes.
+  u64 kept = 0;
   for (u64 position = 0; position < length;) {
     HbinEntry entry{};
     if (!checkHbinHeader(static_cast<u32>(position), entry)) break;
     if (!readonly()) scanFreeSpace(entry);
     appendHbin(entry);
     position += entry.size;
+    if (_binsMem && position - kept >= LogEngine::RELEASE_PIECE) {
+      _binsMem->giveBack(_binsMem->map() + kept, position - kept);
+      kept = position;
+    }
   }
+  if (_binsMem) _binsMem->giveBack(_binsMem->map() + kept, length - kept);
   return true;
 }
 
