@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "platform/error.h"
@@ -37,12 +38,20 @@ int temporaryFile(u64 size) {
 
 Ref<ShMem> ShMem::create(u64 size) {
   if (size == 0) size = 1;
+  if (size < HEAP_LIMIT) {
+    void* p = std::calloc(size, 1);
+    if (!p) {
+      Error::set(Error::IO_ERROR | ENOMEM);
+      return nullptr;
+    }
+    return Ref<ShMem>(new ShMem(static_cast<u8*>(p), size, -1, true));
+  }
   void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (p == MAP_FAILED) {
     Error::set(Error::IO_ERROR | static_cast<u32>(errno));
     return nullptr;
   }
-  return Ref<ShMem>(new ShMem(static_cast<u8*>(p), size, -1));
+  return Ref<ShMem>(new ShMem(static_cast<u8*>(p), size, -1, false));
 }
 
 Ref<ShMem> ShMem::createSpilling(u64 size) {
@@ -54,12 +63,13 @@ Ref<ShMem> ShMem::createSpilling(u64 size) {
     close(fd);
     return create(size);
   }
-  return Ref<ShMem>(new ShMem(static_cast<u8*>(p), size, fd));
+  return Ref<ShMem>(new ShMem(static_cast<u8*>(p), size, fd, false));
 }
 
 bool ShMem::resize(u64 size) {
   if (size == 0) size = 1;
   if (size == _size) return true;
+  if (_heap) return resizeHeap(size);
   // A spilling block's file grows before its mapping and shrinks after it:
   // no mapped page ever lies beyond the file's end.
   if (_fd >= 0 && size > _size && ftruncate(_fd, static_cast<off_t>(size)) != 0) {
@@ -82,6 +92,31 @@ bool ShMem::resize(u64 size) {
   return true;
 }
 
+bool ShMem::resizeHeap(u64 size) {
+  if (size < HEAP_LIMIT) {
+    void* p = std::realloc(_data, size);
+    if (!p) {
+      Error::set(Error::IO_ERROR | ENOMEM);
+      return false;
+    }
+    if (size > _size) std::memset(static_cast<u8*>(p) + _size, 0, size - _size);
+    _data = static_cast<u8*>(p);
+    _size = size;
+    return true;
+  }
+  void* p = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (p == MAP_FAILED) {
+    Error::set(Error::IO_ERROR | static_cast<u32>(errno));
+    return false;
+  }
+  std::memcpy(p, _data, _size);
+  std::free(_data);
+  _data = static_cast<u8*>(p);
+  _size = size;
+  _heap = false;
+  return true;
+}
+
 void ShMem::giveBack(const void* data, u64 length) {
   if (_fd < 0) return;
   const u8* from = static_cast<const u8*>(data);
@@ -96,6 +131,10 @@ void ShMem::giveBack(const void* data, u64 length) {
 }
 
 ShMem::~ShMem() {
+  if (_heap) {
+    std::free(_data);
+    return;
+  }
   munmap(_data, _size);
   if (_fd >= 0) close(_fd);
 }

@@ -4,6 +4,10 @@
 // buffers live in such blocks. Allocation failure is a result (null), never
 // an exception.
 //
+// Blocks under HEAP_LIMIT bytes come from the heap: a small hive opened
+// many times over (a fuzzer, a test) costs no mapping and no fresh pages
+// per open. Larger ones are mappings, which grow without a copy.
+//
 // A spilling block is backed by an unlinked temporary file instead of
 // anonymous memory: its pages can be given back (giveBack) and come back
 // from the file, unchanged, on the next touch. On a machine without swap
@@ -17,6 +21,7 @@ namespace Platform {
 
 class ShMem : public Object {
  public:
+  static constexpr u64 HEAP_LIMIT = u64{1} << 20;
   // Null when the memory cannot be had (error code set).
   static Ref<ShMem> create(u64 size);
   // A spilling block; an anonymous one when no temporary file can be made
@@ -37,10 +42,14 @@ class ShMem : public Object {
   void giveBack(const void* data, u64 length);
 
  private:
-  ShMem(u8* data, u64 size, int fd) : _data(data), _size(size), _fd(fd) {}
+  ShMem(u8* data, u64 size, int fd, bool heap) : _data(data), _size(size), _fd(fd), _heap(heap) {}
+  // A heap block's resize; it becomes a mapping when it grows past
+  // HEAP_LIMIT.
+  bool resizeHeap(u64 size);
   u8* _data;
   u64 _size;
-  int _fd;  // the spilling block's file, or -1
+  int _fd;     // the spilling block's file, or -1
+  bool _heap;  // from calloc, else a mapping
 };
 
 }  // namespace Platform
