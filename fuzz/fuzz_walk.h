@@ -38,6 +38,11 @@ struct WalkLimits {
   // Hives up to this size (hive bins data) are also compared with
   // themselves through the public diff, which walks all of them (0: none).
   u64 maxDiffed = 1u << 20;
+  // The checks over the whole hive rather than its tree: the scan for
+  // deleted records and the decoding of every security descriptor. A run
+  // that walks the same bytes twice (a hive and its reopened or recovered
+  // copy) does them once.
+  bool wholeHive = true;
 };
 
 // The public diff of the hive against itself: nothing differs, but every
@@ -61,7 +66,7 @@ inline void diffWithItself(const Ref<HiveFile>& hive, const WalkLimits& limits) 
 // then every page image of the logs, for previous versions.
 inline void scanDeletedRecords(const Ref<HiveFile>& hive, const WalkLimits& limits) {
   Ref<Libraries::Files::Hive::RegistryHiveObj> obj = hive.cast<Libraries::Files::Hive::RegistryHiveObj>();
-  if (!obj) return;
+  if (!obj || !limits.wholeHive) return;
   u32 seen = 0;
   u64 sum = 0;
   auto visit = [&](const Libraries::Files::Hive::DeletedItem& item) {
@@ -86,7 +91,7 @@ inline void touchValue(const Ref<Value>& v, const WalkLimits& limits) {
   if (Ref<Interfaces::Stripe> data = v->binary()) {
     u64 n = data->elementCount();
     if (n > limits.maxBinary) n = limits.maxBinary;
-    std::vector<u8> buffer(4096);
+    static std::vector<u8> buffer(4096);  // one per process: no allocation per value
     for (u64 at = 0; at < n; at += buffer.size()) {
       u64 want = n - at < buffer.size() ? n - at : buffer.size();
       if (data->readAt(at, buffer.data(), want) != want) break;
@@ -167,7 +172,7 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
         if (!sd) break;
         --budget;
         const std::vector<u8> bytes = sd->get();
-        if (n > 0) continue;
+        if (n > 0 || !limits.wholeHive) continue;
         Result<hivekit::ParsedSecurityDescriptor> parsed =
             hivekit::parse_security_descriptor(std::as_bytes(std::span<const u8>(bytes)));
         if (parsed) (void)hivekit::to_sddl(*parsed);

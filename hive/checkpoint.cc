@@ -51,7 +51,7 @@ bool Checkpoint::run(Interfaces::Stripe& file, const std::vector<LogPage>& runs,
   _open = true;
   _sequence = sequence;
   // 3. The hbins in place.
-  if (!writeRuns(file, runs)) return false;
+  if (!writeRuns(file, runs, _log.pageRelease())) return false;
   if (!file.sync()) {
     HK_LOG(hiveLog, 4) << "Failed to sync the hive's hbins; error: " << Log::hex(Error::get());
     return false;
@@ -73,10 +73,16 @@ bool Checkpoint::writeBaseBlock(Interfaces::Stripe& file, u8* block, u32 primary
   return file.writeAt(0, block, hive_header::SIZE) == hive_header::SIZE;
 }
 
-bool Checkpoint::writeRuns(Interfaces::Stripe& file, const std::vector<LogPage>& runs) {
+bool Checkpoint::writeRuns(Interfaces::Stripe& file, const std::vector<LogPage>& runs,
+                           const LogEngine::PageRelease& release) {
   for (const LogPage& run : runs) {
-    const u64 filePosition = u64{hive_header::SIZE} + run.offset;
-    if (file.writeAt(filePosition, run.data, run.length) != run.length) {
+    u64 filePosition = u64{hive_header::SIZE} + run.offset;
+    const bool written = LogEngine::eachPiece(run, release, [&file, &filePosition](const u8* data, u64 n) {
+      if (file.writeAt(filePosition, data, n) != n) return false;
+      filePosition += n;
+      return true;
+    });
+    if (!written) {
       HK_LOG(hiveLog, 4) << "Failed to flush hbins at offset " << run.offset << ", " << run.length
                          << " bytes; error: " << Log::hex(Error::get());
       return false;

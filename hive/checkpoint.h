@@ -48,7 +48,8 @@ class Checkpoint {
   bool open() const { return _open; }
 
   // Writes each run in place; false at the first that fails.
-  static bool writeRuns(Interfaces::Stripe& file, const std::vector<LogPage>& runs);
+  static bool writeRuns(Interfaces::Stripe& file, const std::vector<LogPage>& runs,
+                        const LogEngine::PageRelease& release);
 
  private:
   // The secondary sequence number a new chain starts from: past the file's

@@ -75,7 +75,7 @@ std::vector<RegistryHiveObj::LogPage> RegistryHiveObj::dirtyRuns(const std::vect
 bool RegistryHiveObj::flushWriteThrough(const std::vector<u32>& dirtyHbins) {
   bool ok = true;
   for (u32 index : dirtyHbins) {
-    if (Checkpoint::writeRuns(*_file, dirtyRuns({index})))
+    if (Checkpoint::writeRuns(*_file, dirtyRuns({index}), _log.pageRelease()))
       _dirty[index] = 0;
     else
       ok = false;

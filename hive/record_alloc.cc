@@ -357,6 +357,7 @@ bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data
   if (_changeDepth && !_replaying) noteUndo(hbin_idx, offsetInHbin, length);
   noteHbinWrite(hbin_idx, offsetInHbin, length);
   std::memcpy(_binsMem->map() + entry.offset + offsetInHbin, data, length);
+  if (_binsMem->spilling()) noteSpilledWrite(u64{entry.offset} + offsetInHbin, length);
   if ((_mode & modeWriteThrough) == 0) {
     _dirty[hbin_idx] = 1;
     return true;

@@ -49,12 +49,22 @@ bool RegistryHiveObj::loadHiveBins() {
   if (_binsView) {
     _bins = _binsView->data();
   } else {
-    _binsMem = ShMem::create(length);
+    _binsMem = length >= SPILL_BINS ? ShMem::createSpilling(length) : ShMem::create(length);
     if (!_binsMem) {
       HK_LOG(hiveLog, 4) << "Failed to allocate memory for the hive bins, size: " << length;
       return false;
     }
-    const u64 got = _stripe->readAt(HIVE_HEADER_SIZE, _binsMem->map(), length);
+    // In pieces, each given back once read when the block spills.
+    u64 got = 0;
+    for (u64 n = 0; got < length; got += n) {
+      const u64 want = std::min<u64>(length - got, LogEngine::RELEASE_PIECE);
+      n = _stripe->readAt(HIVE_HEADER_SIZE + got, _binsMem->map() + got, want);
+      _binsMem->giveBack(_binsMem->map() + got, n);
+      if (n != want) {
+        got += n;
+        break;
+      }
+    }
     if (got != length) {
       HK_LOG(hiveLog, 4) << "Failed to read the hive bins, size: " << length << ", got: " << got
                          << "; error: " << Log::hex(Error::get());
@@ -62,13 +72,22 @@ bool RegistryHiveObj::loadHiveBins() {
     }
     _bins = _binsMem->map();
   }
+  // Reading a page of a file mapping maps its neighbours too: the walk over
+  // the hbin headers maps nearly all of a spilling block unless it gives
+  // back what it has passed as it goes.
+  u64 kept = 0;
   for (u64 position = 0; position < length;) {
     HbinEntry entry{};
     if (!checkHbinHeader(static_cast<u32>(position), entry)) break;
     if (!readonly()) scanFreeSpace(entry);
     appendHbin(entry);
     position += entry.size;
+    if (_binsMem && position - kept >= LogEngine::RELEASE_PIECE) {
+      _binsMem->giveBack(_binsMem->map() + kept, position - kept);
+      kept = position;
+    }
   }
+  if (_binsMem) _binsMem->giveBack(_binsMem->map() + kept, length - kept);
   return true;
 }
 
@@ -132,6 +151,7 @@ bool RegistryHiveObj::reserveBins(u64 length) {
     // Room for more than this hbin: growth comes in runs (an import), and
     // untouched pages cost nothing.
     const u64 room = std::max(length, std::min<u64>(2 * _binsMem->size(), length + (64u << 20)));
+    if (room >= SPILL_BINS && !_binsMem->spilling()) spillBins(room);
     if (!_binsMem->resize(room) && !_binsMem->resize(length)) {
       HK_LOG(hiveLog, 4) << "Failed to grow the hive bins in memory to " << length
                          << " bytes; error: " << Log::hex(Error::get());
@@ -140,6 +160,28 @@ bool RegistryHiveObj::reserveBins(u64 length) {
   }
   _bins = _binsMem->map();
   return true;
+}
+
+void RegistryHiveObj::spillBins(u64 room) {
+  Ref<ShMem> spilling = ShMem::createSpilling(room);
+  if (!spilling || !spilling->spilling()) return;  // stays in memory
+  std::memcpy(spilling->map(), _binsMem->map(), std::min(room, _binsMem->size()));
+  spilling->giveBack(spilling->map(), room);
+  _binsMem = spilling;
+  _bins = _binsMem->map();
+  _spillFrom = _spillTo = _spillWritten = 0;
+}
+
+void RegistryHiveObj::noteSpilledWrite(u64 offset, u64 length) {
+  if (_spillWritten == 0 || offset < _spillFrom) _spillFrom = offset;
+  if (_spillWritten == 0 || offset + length > _spillTo) _spillTo = offset + length;
+  // A write costs at least the page it lands on: many small ones spread
+  // over a growing hive (an hbin header each) hold as many pages as they
+  // touch.
+  _spillWritten += std::max<u64>(length, PAGE);
+  if (_spillWritten < SPILL_WRITTEN) return;
+  _binsMem->giveBack(_binsMem->map() + _spillFrom, _spillTo - _spillFrom);
+  _spillWritten = 0;
 }
 
 void RegistryHiveObj::appendHbin(const HbinEntry& entry) {

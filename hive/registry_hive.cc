@@ -19,6 +19,11 @@ RegistryHiveObj::RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& l
       _codepage(codepage),
       _sync(std::move(sync)) {
   if (!readonly()) _log.setCreateLog1(logs.createLog1);
+  // A flush reads the hbins once, front to back: spilled ones go back to
+  // their file as it goes.
+  _log.setPageRelease([this](const u8* data, u64 length) {
+    if (_binsMem) _binsMem->giveBack(data, length);
+  });
   _valid = construct(logs);
 }
 

@@ -326,6 +326,16 @@ class RegistryHiveObj : public HiveFile {
   void appendHbin(const HbinEntry& entry);
   // Makes the buffer hold at least `length` bytes of hive bins.
   bool reserveBins(u64 length);
+  // Hive bins of SPILL_BINS bytes and more are held in a spilling block
+  // (platform/shmem.h): the ranges written go back to its file every
+  // SPILL_WRITTEN bytes, and a flush gives back what it has read, so a
+  // hive grown by a value of hundreds of megabytes is never resident whole.
+  static constexpr u64 SPILL_BINS = u64{64} << 20;
+  static constexpr u64 SPILL_WRITTEN = u64{16} << 20;
+  // Moves the bins into a spilling block of `room` bytes (they stay where
+  // they are when none can be made).
+  void spillBins(u64 room);
+  void noteSpilledWrite(u64 offset, u64 length);
   // allocateRecord when no hbin has room: a new hbin at the end.
   u32 growForRecord(u32 length);
   bool appendEmptyHbin(u32 offset, u32 size);
@@ -357,11 +367,17 @@ class RegistryHiveObj : public HiveFile {
   Checkpoint _checkpoint{_header, _diskHeader, _log};
 
   // The hive bins area, record offset 0 on: _binsView's pages, or
-  // _binsMem's buffer (whose size may run ahead of the hive's). Null in
+  // _binsMem's buffer (whose size may run ahead of the hive's; spilling
+  // from SPILL_BINS bytes on). Null in
   // unsafe mode, which reads records from _unsafeCache.
   const u8* _bins = nullptr;
   Ref<FileView> _binsView;
   Ref<ShMem> _binsMem;
+  // The range written since a spilling _binsMem last gave pages back, and
+  // how many bytes that was.
+  u64 _spillFrom = 0;
+  u64 _spillTo = 0;
+  u64 _spillWritten = 0;
   std::vector<HbinEntry> _hbins;
   // Indexed like _hbins: changed since the last flush, and the record-start
   // index.

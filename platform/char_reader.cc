@@ -10,14 +10,17 @@ namespace Platform {
 namespace {
 constexpr char16_t REPLACEMENT = 0xFFFD;
 
-void appendCodePoint(std::u16string& out, char32_t cp) {
+// Writes one code point at `out` (one unit, or two as a surrogate pair);
+// returns the position behind it.
+char16_t* putCodePoint(char16_t* out, char32_t cp) {
   if (cp < 0x10000) {
-    out.push_back(static_cast<char16_t>(cp));
+    *out++ = static_cast<char16_t>(cp);
   } else {
     cp -= 0x10000;
-    out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-    out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
+    *out++ = static_cast<char16_t>(0xD800 + (cp >> 10));
+    *out++ = static_cast<char16_t>(0xDC00 + (cp & 0x3FF));
   }
+  return out;
 }
 // Windows-1252 at 0x80-0x9F (the rest is Latin-1); the five unassigned
 // bytes map to the C1 controls of the same number, as Windows does.
@@ -102,12 +105,18 @@ void CharReader::decode() {
     decodeWindows1252();
     return;
   }
+  // Decoding writes into room made beforehand, not unit by unit: text is
+  // read a chunk at a time, and appending each unit costs more than it does.
   const u8* b = _raw.data();
   size_t i = _rawBegin;
-  _units.reserve(_units.size() + (_rawEnd - i) / 2);
-  for (; i + 2 <= _rawEnd; i += 2) _units.push_back(static_cast<char16_t>(L16(b + i)));
-  if (_eof && i < _rawEnd) {
-    _units.push_back(REPLACEMENT);
+  const size_t pairs = (_rawEnd - i) / 2;
+  const bool odd = _eof && i + 2 * pairs < _rawEnd;
+  const size_t old = _units.size();
+  _units.resize(old + pairs + (odd ? 1 : 0));
+  char16_t* out = _units.data() + old;
+  for (size_t k = 0; k < pairs; ++k, i += 2) out[k] = static_cast<char16_t>(L16(b + i));
+  if (odd) {
+    out[pairs] = REPLACEMENT;
     i = _rawEnd;
   }
   _rawBegin = i;
@@ -117,11 +126,14 @@ void CharReader::decodeUtf8() {
   const u8* b = _raw.data();
   size_t i = _rawBegin;
   const size_t end = _rawEnd;
-  _units.reserve(_units.size() + (end - i));
+  // No sequence gives more units than it has bytes.
+  const size_t old = _units.size();
+  _units.resize(old + (end - i));
+  char16_t* out = _units.data() + old;
   while (i < end) {
     u8 c = b[i];
     if (c < 0x80) {
-      _units.push_back(c);
+      *out++ = c;
       ++i;
       continue;
     }
@@ -144,7 +156,7 @@ void CharReader::decodeUtf8() {
       if (c == 0xF0) lo = 0x90;
       if (c == 0xF4) hi = 0x8F;
     } else {
-      _units.push_back(REPLACEMENT);
+      *out++ = REPLACEMENT;
       ++i;
       continue;
     }
@@ -156,24 +168,27 @@ void CharReader::decodeUtf8() {
       cp = (cp << 6) | (t & 0x3F);
     }
     if (k == n) {
-      appendCodePoint(_units, cp);
+      out = putCodePoint(out, cp);
       i += n;
     } else if (i + k >= end && !_eof) {
       break;  // the sequence goes on in the next chunk
     } else {
       // The valid prefix is one replacement; the byte that broke it starts anew.
-      _units.push_back(REPLACEMENT);
+      *out++ = REPLACEMENT;
       i += k;
     }
   }
+  _units.resize(static_cast<size_t>(out - _units.data()));
   _rawBegin = i;
 }
 
 void CharReader::decodeWindows1252() {
   const u8* b = _raw.data();
-  _units.reserve(_units.size() + (_rawEnd - _rawBegin));
+  const size_t old = _units.size();
+  _units.resize(old + (_rawEnd - _rawBegin));
+  char16_t* out = _units.data() + old;
   for (size_t i = _rawBegin; i < _rawEnd; ++i)
-    _units.push_back(b[i] >= 0x80 && b[i] < 0xA0 ? WINDOWS_1252_HIGH[b[i] - 0x80] : b[i]);
+    *out++ = b[i] >= 0x80 && b[i] < 0xA0 ? WINDOWS_1252_HIGH[b[i] - 0x80] : b[i];
   _rawBegin = _rawEnd;
 }
 

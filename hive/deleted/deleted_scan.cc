@@ -153,9 +153,11 @@ bool Scanner::valueAt(u32 offset, ValueRecord& value) const {
 
 bool Scanner::scanPass(bool keys) {
   for (const Region& region : _regions) {
-    for (u32 at = region.dataStart; at + GRANULE <= region.end; at += GRANULE) {
-      if (_live.liveAt(at)) continue;
-      const u8* sig = _hive.binsBytes(at + 4, 2);
+    // The region's bytes at once; only candidates read more.
+    const u8* bytes = _hive.binsBytes(region.start, region.end - region.start);
+    for (u32 at = _live.nextUnused(region.dataStart, region.end); at + GRANULE <= region.end;
+         at = _live.nextUnused(at + GRANULE, region.end)) {
+      const u8* sig = bytes ? bytes + (at - region.start) + 4 : _hive.binsBytes(at + 4, 2);
       const u16 signature = sig ? B16(sig) : 0;
       bool ok = true;
       if (keys && signature == N::SIGNATURE) {

@@ -47,6 +47,10 @@ class LiveRecords {
   // lies beyond the hive bins data.
   bool touches(u32 offset, u32 length) const;
   bool liveAt(u32 offset) const { return touches(offset, 1); }
+  // The first multiple of GRANULE at or after `offset` (itself a multiple
+  // of GRANULE) and below `end` that no live record uses; `end` when there
+  // is none. Skips live stretches a word of marks at a time.
+  u32 nextUnused(u32 offset, u32 end) const;
 
   // The key at `nk` was reached by the walk; its parent as reached (the
   // root's parent is INVALID_RECORD).

@@ -23,6 +23,7 @@
 // Callers hold the hive's monitor for everything but the open.
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -46,6 +47,24 @@ class LogEngine : public MappedStripe::Hook {
     u32 length;
     const u8* data;
   };
+
+  // The owner of the pages handed in may give their memory back once they
+  // are read: every pass over them (hashing, writing) goes in pieces of at
+  // most RELEASE_PIECE bytes and calls this after each.
+  using PageRelease = std::function<void(const u8* data, u64 length)>;
+  static constexpr u64 RELEASE_PIECE = u64{8} << 20;
+  // `use(data, length)` on each piece of `page` in order, `release` (when
+  // set) after it; false as soon as `use` is.
+  template <class Use>
+  static bool eachPiece(const LogPage& page, const PageRelease& release, Use&& use) {
+    for (u64 done = 0; done < page.length;) {
+      const u64 n = std::min<u64>(page.length - done, RELEASE_PIECE);
+      if (!use(page.data + done, n)) return false;
+      if (release) release(page.data + done, n);
+      done += n;
+    }
+    return true;
+  }
 
   // `header` is the hive's base block (hive_header::SIZE bytes); it must
   // outlive the engine.
@@ -91,12 +110,22 @@ class LogEngine : public MappedStripe::Hook {
   // --- Writing ----------------------------------------------------------
   // Appends one entry holding `pages` to the current log and maps them.
   bool appendLogEntry(const std::vector<LogPage>& pages);
-  // One entry holding `pages`, as its bytes: header, references, pages,
-  // zeros to a multiple of 512. Empty when it would not fit a u32 size.
-  std::vector<u8> buildLogEntry(const std::vector<LogPage>& pages, u32 sequence, u32 flags) const;
+  // One entry holding `pages`: header, references, pages, zeros to a
+  // multiple of 512. Its head (header and references, both hashes set) is
+  // built here; the pages are written from where they are
+  // (writeLogEntryBody), so an entry never costs a copy of its pages.
+  // `size` is the whole entry's; an empty head when it would not fit a u32
+  // size.
+  std::vector<u8> logEntryHead(const std::vector<LogPage>& pages, u32 sequence, u32 flags, u64& size) const;
+  // Writes all of the entry but its header at `position` (where the entry
+  // starts), and `extraZeros` zero bytes behind it.
+  bool writeLogEntryBody(Interfaces::Stripe& stripe, u64 position, const std::vector<u8>& head,
+                         const std::vector<LogPage>& pages, u64 size, u64 extraZeros) const;
   // The log a flush writes its pages to first (.LOG1, made through
   // createLog1 when missing, else .LOG2); null when there is none.
   LogFileInfo* flushLog();
+  void setPageRelease(PageRelease release) { _release = std::move(release); }
+  const PageRelease& pageRelease() const { return _release; }
   void setCreateLog1(std::function<Ref<Interfaces::Stripe>()> create) { _createLog1 = std::move(create); }
   u32 indexOf(const LogFileInfo* log) const { return log ? static_cast<u32>(log - _logs) : NO_LOG; }
   // One entry of a checkpoint (see flush.cc) at `position` of `log`, 0
@@ -136,6 +165,7 @@ class LogEngine : public MappedStripe::Hook {
   u32 _appliedSequence = 0;
   u32 _appliedLog = NO_LOG;
   std::function<Ref<Interfaces::Stripe>()> _createLog1;
+  PageRelease _release;
 };
 
 }  // namespace Libraries::Files::Hive

@@ -42,68 +42,97 @@ bool LogEngine::startLog(LogFileInfo& log, u32 sequence) {
   return true;
 }
 
-std::vector<u8> LogEngine::buildLogEntry(const std::vector<LogPage>& pages, u32 sequence, u32 flags) const {
+std::vector<u8> LogEngine::logEntryHead(const std::vector<LogPage>& pages, u32 sequence, u32 flags,
+                                        u64& size) const {
   u64 dataSize = 0;
   for (const LogPage& p : pages) dataSize += p.length;
-  const u64 used = hive_log_entry::SIZE + 8ull * pages.size() + dataSize;
-  const u64 entrySize = (used + 511) & ~511ull;
-  if (entrySize > 0xFFFFFFFFull) return {};
-  std::vector<u8> entry(entrySize, 0);
-  u8* h = entry.data();
+  const u64 headSize = hive_log_entry::SIZE + 8ull * pages.size();
+  const u64 used = headSize + dataSize;
+  size = (used + 511) & ~511ull;
+  if (size > 0xFFFFFFFFull) return {};
+  std::vector<u8> head(headSize, 0);
+  u8* h = head.data();
   std::memcpy(h, "HvLE", 4);
-  W32(h + hive_log_entry::OFS_SIZE, static_cast<u32>(entrySize));
+  W32(h + hive_log_entry::OFS_SIZE, static_cast<u32>(size));
   W32(h + hive_log_entry::OFS_FLAGS, flags);
   W32(h + hive_log_entry::OFS_SEQ, sequence);
   W32(h + hive_log_entry::OFS_LENGTH, hiveLength());
   W32(h + hive_log_entry::OFS_COUNT, static_cast<u32>(pages.size()));
   u8* refs = h + hive_log_entry::SIZE;
-  u8* data = refs + 8 * pages.size();
   for (size_t i = 0; i < pages.size(); ++i) {
     W32(refs + 8 * i, pages[i].offset);
     W32(refs + 8 * i + 4, pages[i].length);
-    std::memcpy(data, pages[i].data, pages[i].length);
-    data += pages[i].length;
   }
-  W64(h + hive_log_entry::OFS_HASH1, marvin32(refs, entrySize - hive_log_entry::SIZE));
+  // The body's hash covers the references, the pages and the zeros behind.
+  Marvin32 body;
+  body.update(refs, 8ull * pages.size());
+  for (const LogPage& p : pages)
+    eachPiece(p, _release, [&body](const u8* data, u64 n) {
+      body.update(data, n);
+      return true;
+    });
+  static const u8 zeros[512] = {};
+  body.update(zeros, size - used);
+  W64(h + hive_log_entry::OFS_HASH1, body.finish());
   W64(h + hive_log_entry::OFS_HASH2, marvin32(h, 32));
-  return entry;
+  return head;
+}
+
+bool LogEngine::writeLogEntryBody(Interfaces::Stripe& stripe, u64 position, const std::vector<u8>& head,
+                                  const std::vector<LogPage>& pages, u64 size, u64 extraZeros) const {
+  u64 at = position + hive_log_entry::SIZE;
+  const u64 refs = head.size() - hive_log_entry::SIZE;
+  if (stripe.writeAt(at, head.data() + hive_log_entry::SIZE, refs) != refs) return false;
+  at += refs;
+  for (const LogPage& p : pages) {
+    const bool written = eachPiece(p, _release, [&stripe, &at](const u8* data, u64 n) {
+      if (stripe.writeAt(at, data, n) != n) return false;
+      at += n;
+      return true;
+    });
+    if (!written) return false;
+  }
+  static const u8 zeros[1024] = {};
+  for (u64 left = position + size + extraZeros - at; left > 0;) {
+    const u64 n = std::min<u64>(left, sizeof zeros);
+    if (stripe.writeAt(at, zeros, n) != n) return false;
+    at += n;
+    left -= n;
+  }
+  return true;
 }
 
 // The first entry of a checkpoint starts the log afresh: header, entry and
 // a zero block that ends the scan before anything an earlier, longer entry
-// left behind, in one write (the file is clean, so nothing reads the log
-// until the base block says otherwise). A later entry of the same
-// checkpoint (one before it failed) extends the chain the dirty file
-// depends on: its body and the zero block behind it are synced before its
-// header is written.
+// left behind, all written before the one sync (the file is clean, so
+// nothing reads the log until the base block says otherwise). A later
+// entry of the same checkpoint (one before it failed) extends the chain the
+// dirty file depends on: its body and the zero block behind it are synced
+// before its header is written.
 u64 LogEngine::writeCheckpointEntry(LogFileInfo& log, const std::vector<LogPage>& pages, u32 sequence,
                                     u64 position) {
-  std::vector<u8> entry = buildLogEntry(pages, sequence, 0);
-  if (entry.empty()) return 0;
+  u64 size = 0;
+  const std::vector<u8> head = logEntryHead(pages, sequence, 0, size);
+  if (head.empty()) return 0;
   const std::string name = nameOf(log);
-  const u64 size = entry.size();
   const bool first = position == 0;
   if (first) position = hive_header::BASE_SIZE;
+  Interfaces::Stripe& stripe = *log.stripe;
   bool ok;
   if (first) {
     u8 header[hive_header::BASE_SIZE];
     logHeader(header, sequence);
-    entry.insert(entry.begin(), header, header + sizeof header);
-    entry.resize(entry.size() + 512, 0);
-    ok = log.stripe->writeAt(0, entry.data(), entry.size()) == entry.size() && log.stripe->sync();
+    ok = stripe.writeAt(0, header, sizeof header) == sizeof header &&
+         stripe.writeAt(position, head.data(), hive_log_entry::SIZE) == hive_log_entry::SIZE &&
+         writeLogEntryBody(stripe, position, head, pages, size, 512) && stripe.sync();
     if (ok) {
       std::memcpy(log.header, header, sizeof header);
       log.entries.clear();
       log.state.clear();
     }
   } else {
-    const u64 body = size - hive_log_entry::SIZE;
-    entry.resize(size + 512, 0);
-    ok = log.stripe->writeAt(position + hive_log_entry::SIZE, entry.data() + hive_log_entry::SIZE,
-                             body + 512) == body + 512 &&
-         log.stripe->sync() &&
-         log.stripe->writeAt(position, entry.data(), hive_log_entry::SIZE) == hive_log_entry::SIZE &&
-         log.stripe->sync();
+    ok = writeLogEntryBody(stripe, position, head, pages, size, 512) && stripe.sync() &&
+         stripe.writeAt(position, head.data(), hive_log_entry::SIZE) == hive_log_entry::SIZE && stripe.sync();
   }
   if (!ok) {
     HK_LOG(hiveLog, 4) << "Failed to write log entry " << sequence << " to " << name
@@ -112,7 +141,7 @@ u64 LogEngine::writeCheckpointEntry(LogFileInfo& log, const std::vector<LogPage>
   }
   LogEntryInfo info;
   info.position = position;
-  std::memcpy(info.header, entry.data() + (first ? hive_header::BASE_SIZE : 0), hive_log_entry::SIZE);
+  std::memcpy(info.header, head.data(), hive_log_entry::SIZE);
   log.entries.push_back(info);
   return position + size;
 }
@@ -167,10 +196,10 @@ bool LogEngine::appendLogEntry(const std::vector<LogPage>& pages) {
   u64 position;
   if (!placeNextEntry(*log, name, sequence, flags, position)) return false;
 
-  std::vector<u8> entry = buildLogEntry(pages, sequence, flags);
-  if (entry.empty()) return false;
-  const u64 entrySize = entry.size();
-  const u8* h = entry.data();
+  u64 entrySize = 0;
+  const std::vector<u8> head = logEntryHead(pages, sequence, flags, entrySize);
+  if (head.empty()) return false;
+  const u8* h = head.data();
 
   // The entry's header goes last, after its references and pages: until
   // then nothing at the position reads as an entry, so a write that fails
@@ -187,9 +216,7 @@ bool LogEngine::appendLogEntry(const std::vector<LogPage>& pages) {
     return false;
   }
   HK_LOG(hiveLog, 1) << "Writing new log entry at " << position;
-  const u64 body = entrySize - hive_log_entry::SIZE;
-  if (log->stripe->writeAt(position + hive_log_entry::SIZE, h + hive_log_entry::SIZE, body) != body ||
-      !log->stripe->sync() ||
+  if (!writeLogEntryBody(*log->stripe, position, head, pages, entrySize, 0) || !log->stripe->sync() ||
       log->stripe->writeAt(position, h, hive_log_entry::SIZE) != hive_log_entry::SIZE) {
     HK_LOG(hiveLog, 4) << "Failed to write data to log " << name << "; error: " << Error::get();
     if (log->stripe->setElementCount(oldSize) != oldSize)

@@ -73,7 +73,11 @@ bool RegFileImportHandler::take(const RegItem& item) {
         report(item.line, u"Invalid regfile, first value before first key");
         return false;
       }
-      if (!_apply) return true;
+      if (!_apply) {
+        if (item.kind == RegItem::Kind::value && item.size >= RegFileReader::DATA_PIECE)
+          _largeSizes[item.line] = item.size;
+        return true;
+      }
       if (item.kind == RegItem::Kind::value) return setValue(item);
       return deleteValue(item, String::fromUtf16(item.name));
   }
@@ -218,7 +222,7 @@ bool RegFileImportHandler::deleteValue(const RegItem& item, const Ref<String>& n
   return true;
 }
 
-bool RegFileImportHandler::setValue(const RegItem& item) {
+bool RegFileImportHandler::openValue(const RegItem& item, u64 size) {
   HK_ASSERT(regImporterLog, _current != nullptr, false);
   const Ref<String> name = String::fromUtf16(item.name);
   Ref<Value> old = mayExist(name, true) ? _current->value(name) : nullptr;
@@ -228,26 +232,64 @@ bool RegFileImportHandler::setValue(const RegItem& item) {
   }
   // Made as binary, the one type whose data every hive lets a stripe
   // resize, and given its real type once the bytes are in.
-  Ref<Value> value = _current->createValue(name, Binary);
-  if (!value) {
+  _value = _current->createValue(name, Binary);
+  if (!_value) {
     report(item.line, u"Failed to create value: " + quoted(item.name) + u" of type: " + hexNumber(item.type));
     return false;
   }
-  Ref<Interfaces::Stripe> stripe = value->binary();
-  const u64 size = item.data.size();
-  if (!stripe || stripe->setElementCount(size) != size) {
+  _stripe = _value->binary();
+  if (!_stripe || _stripe->setElementCount(size) != size) {
     report(item.line, u"Failed to resize value: " + quoted(item.name) + u" to " + decimal(size) + u" bytes");
     return false;
   }
-  if (size != 0 && stripe->writeAt(0, item.data.data(), size) != size) {
+  return true;
+}
+
+bool RegFileImportHandler::writePiece(const RegItem& item) {
+  const u64 length = item.data.size();
+  if (length != 0 && _stripe->writeAt(item.size - length, item.data.data(), length) != length) {
     report(item.line, u"Failed to write data of value: " + quoted(item.name));
     return false;
   }
-  if (item.type != Binary && !value->setType(item.type)) {
+  return true;
+}
+
+bool RegFileImportHandler::takePiece(const RegItem& item) {
+  if (!item.streamed) {
+    if (!_inKey) {
+      report(item.line, u"Invalid regfile, first value before first key");
+      return false;
+    }
+    // The size the checking pass found; without one the value grows with
+    // each piece.
+    auto known = _largeSizes.find(item.line);
+    if (!openValue(item, known != _largeSizes.end() ? known->second : item.size)) return false;
+  } else if (_stripe->elementCount() < item.size && _stripe->setElementCount(item.size) != item.size) {
+    report(item.line,
+           u"Failed to resize value: " + quoted(item.name) + u" to " + decimal(item.size) + u" bytes");
+    return false;
+  }
+  return writePiece(item);
+}
+
+bool RegFileImportHandler::setValue(const RegItem& item) {
+  if (!item.streamed && !openValue(item, item.size)) return false;
+  // A streamed value made from the checked size must come out at it (the
+  // file could have changed between the passes).
+  if (item.streamed && _stripe->elementCount() != item.size &&
+      _stripe->setElementCount(item.size) != item.size) {
+    report(item.line,
+           u"Failed to resize value: " + quoted(item.name) + u" to " + decimal(item.size) + u" bytes");
+    return false;
+  }
+  if (!writePiece(item)) return false;
+  if (item.type != Binary && !_value->setType(item.type)) {
     report(item.line,
            u"Failed to set type of value: " + quoted(item.name) + u" of type: " + hexNumber(item.type));
     return false;
   }
+  _value = nullptr;
+  _stripe = nullptr;
   return true;
 }
 

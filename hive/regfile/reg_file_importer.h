@@ -24,10 +24,16 @@
 // Speed: the handler keeps the current key open between entries and the key
 // chain of the last section, so a section that shares a leading part of its
 // path with the one before walks only the rest.
+//
+// Memory: data of RegFileReader::DATA_PIECE bytes or more comes in pieces
+// (takePiece), each written into the value where it belongs. The checking
+// form notes the size of each such value by its line, so that the applying
+// one, given those sizes, makes the value's room once.
 #pragma once
 
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -50,6 +56,14 @@ class RegFileImportHandler {
 
   // False at an error, which has been reported.
   bool take(const RegItem& item);
+  // A piece of a value's data ahead of the item itself (the reader's data
+  // sink); the item that follows brings the rest.
+  bool takePiece(const RegItem& item);
+
+  // Checking form: the data size of every value of DATA_PIECE bytes or more,
+  // by the line of its entry. Applying form: sizes to make such values with.
+  const std::unordered_map<u64, u64>& largeSizes() const { return _largeSizes; }
+  void setLargeSizes(std::unordered_map<u64, u64> sizes) { _largeSizes = std::move(sizes); }
 
   // Reports `message` for `line` as every error of the import is reported.
   void report(u64 line, std::u16string_view message, int level = 3) const;
@@ -60,6 +74,11 @@ class RegFileImportHandler {
   bool openSection(const RegItem& item, const std::vector<std::u16string_view>& parts);
   bool deleteSection(const RegItem& item, const std::vector<std::u16string_view>& parts);
   bool setValue(const RegItem& item);
+  // Replaces the current key's value of the item's name with a binary one
+  // of `size` bytes (_stripe): its data is written next.
+  bool openValue(const RegItem& item, u64 size);
+  // Writes the item's `data` at its place in the value being set.
+  bool writePiece(const RegItem& item);
   bool deleteValue(const RegItem& item, const Ref<String>& name);
   bool root(u64 line);
   // False when the current key cannot hold a value of that name: it was
@@ -84,6 +103,10 @@ class RegFileImportHandler {
   // the root) and the path names that led to them (one fewer).
   std::vector<Ref<Key>> _chain;
   std::vector<std::u16string> _chainNames;
+  std::unordered_map<u64, u64> _largeSizes;
+  // The value whose data is being written, and its data.
+  Ref<Value> _value;
+  Ref<Interfaces::Stripe> _stripe;
 };
 
 }  // namespace Libraries::Files::Hive

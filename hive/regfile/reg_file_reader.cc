@@ -45,12 +45,13 @@ std::u16string quotedForMessage(std::u16string_view text) {
   return std::u16string(text.substr(0, cut)) + u"...";
 }
 
-RegFileReader::RegFileReader(Ref<Interfaces::Stripe> source, u64 maxDataSize, bool keepData)
+RegFileReader::RegFileReader(Ref<Interfaces::Stripe> source, u64 maxDataSize, bool keepData, DataSink sink)
     : _source(std::move(source)),
       _start(_source ? _source->pos() : 0),
       _reader(CharReader::create(_source)),
       _maxDataSize(maxDataSize),
-      _keepData(keepData) {}
+      _keepData(keepData),
+      _sink(std::move(sink)) {}
 
 bool RegFileReader::fail(u64 line, std::u16string message) {
   if (!_failed) {
@@ -221,7 +222,13 @@ bool RegFileReader::addByte(RegItem& item, u8 byte) {
   if (++item.size > _maxDataSize)
     return fail(item.line, u"Value data larger than the hive allows (" + decimal(_maxDataSize) + u" bytes): ",
                 item.name);
-  if (_keepData) item.data.push_back(byte);
+  if (!_keepData) return true;
+  item.data.push_back(byte);
+  if (_sink && item.data.size() == DATA_PIECE) {
+    if (!_sink(item)) return fail(item.line, std::u16string());
+    item.streamed = true;
+    item.data.clear();  // keeps its room for the next piece
+  }
   return true;
 }
 

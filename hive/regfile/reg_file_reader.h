@@ -26,12 +26,15 @@
 // MAX_PATH_UNITS and a value name up to MAX_VALUE_NAME units (longer ones
 // are errors); value data is refused as soon as it passes the size limit
 // given at construction, and is held only when asked for (the checking
-// pass of an import counts it only).
+// pass of an import counts it only). With a data sink, kept data is handed
+// over in pieces of DATA_PIECE bytes as it is decoded, so that no more than
+// one piece of a value is held.
 //
 // Errors name the first line of the item and quote at most
 // MAX_QUOTED_UNITS units of the input, followed by "..." when cut.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -53,8 +56,11 @@ struct RegItem {
   std::u16string path;   // sections: the text between "[" ("[-") and "]"
   std::u16string name;   // entries: the name, escapes undone; "" for "@"
   u32 type = 0;          // values
-  u64 size = 0;          // values: bytes of data
+  u64 size = 0;          // values: bytes of data (so far, in a data sink)
   std::vector<u8> data;  // values: the data, when the reader keeps it
+  // Pieces of the data went to the data sink already; `data` holds the
+  // rest, which starts at byte size - data.size().
+  bool streamed = false;
 };
 
 // At most 200 units of `text`, then "..." when there were more.
@@ -66,10 +72,17 @@ class RegFileReader {
   // Longest path of a section: 512 levels of 255 units and a prefix.
   static constexpr size_t MAX_PATH_UNITS = 512 * 256 + 4096;
   static constexpr size_t MAX_VALUE_NAME = 16383;
+  static constexpr size_t DATA_PIECE = 1 << 20;
+
+  // Receives a value entry whose `data` holds DATA_PIECE bytes, the piece
+  // ending at byte `size` of its data (kind, line, name and type are set).
+  // False stops the reading as an error the sink has reported itself
+  // (failed() true, error() empty).
+  using DataSink = std::function<bool(const RegItem& item)>;
 
   // Reads `source` from its position. Data longer than `maxDataSize` bytes
-  // is an error; `keepData` fills RegItem::data.
-  RegFileReader(Ref<Interfaces::Stripe> source, u64 maxDataSize, bool keepData);
+  // is an error; `keepData` fills RegItem::data, through `sink` when given.
+  RegFileReader(Ref<Interfaces::Stripe> source, u64 maxDataSize, bool keepData, DataSink sink = {});
 
   // The next item; false at the end of the text or at an error (then
   // failed() is true). Nothing is read after an error.
@@ -113,6 +126,7 @@ class RegFileReader {
   Ref<Platform::CharReader> _reader;
   u64 _maxDataSize;
   bool _keepData;
+  DataSink _sink;
   bool _versionSeen = false;
 
   std::u16string _piece;  // the part of the current line read so far

@@ -38,15 +38,19 @@ std::string utf8(const Ref<String>& s) {
 
 // One pass of an import over the whole text: the items one by one to
 // `handler`. False at the first error, reported through the handler.
+// Kept data reaches the handler in pieces: a long value is never held whole.
 bool runPass(const Ref<Interfaces::Stripe>& source, u64 start, RegFileImportHandler& handler, u64 maxDataSize,
              bool keepData) {
   source->seek(start);
-  RegFileReader reader(source, maxDataSize, keepData);
+  RegFileReader::DataSink sink;
+  if (keepData) sink = [&handler](const RegItem& piece) { return handler.takePiece(piece); };
+  RegFileReader reader(source, maxDataSize, keepData, std::move(sink));
   RegItem item;
   while (reader.next(item))
     if (!handler.take(item)) return false;
   if (!reader.failed()) return true;
-  handler.report(reader.errorLine(), reader.error());
+  // An error of the handler's own (in a piece) has been reported.
+  if (!reader.error().empty()) handler.report(reader.errorLine(), reader.error());
   return false;
 }
 
@@ -106,12 +110,15 @@ bool RegFileUtil::importRegFile(const Ref<RegistryHive>& hive, const Ref<Interfa
     return fail(errors, "Failed to create reader", "Failed to create reader");
   // Two passes over the text: the first checks all of it and holds no
   // value data, so that the hive changes only for a file that is right
-  // throughout and memory stays bounded whatever the length of its lines.
+  // throughout and memory stays bounded whatever the length of its lines;
+  // the second writes data a piece at a time into values made at their
+  // checked size.
   const u64 start = source->pos();
   RegFileImportHandler checker(nullptr, prefix, errors, false, false);
   if (!runPass(source, start, checker, control.maxDataSize, false)) return false;
   if (control.dryRun) return true;
   RegFileImportHandler applier(hive, prefix, errors, trace, true);
+  applier.setLargeSizes(checker.largeSizes());
   return runPass(source, start, applier, control.maxDataSize, true);
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "hive/format/errors.h"
+#include "hive/regfile/reg_file_reader.h"
 #include "tests/regfile/reg_test_util.h"
 
 namespace hivekit::test {
@@ -125,6 +126,39 @@ TEST(RegImport, AppliesEveryDataFormAndDeletion) {
   EXPECT_FALSE(b->value(str("gone")));
   EXPECT_FALSE(root->key(str("C")));
   EXPECT_TRUE(d.lines.empty()) << d.all();
+}
+
+// Data of a megabyte and more is written into the value a piece at a time
+// as it is read: pieces end at every boundary (a value of exactly one
+// piece, several pieces and a partial one, a list continued over lines),
+// and a value replaced by one written that way keeps nothing of the old.
+TEST(RegImport, LargeDataArrivesWholeFromPieces) {
+  const size_t piece = Hive::RegFileReader::DATA_PIECE;
+  const std::string exact(piece / 2 - 1, 'e');  // and the zero unit: one piece
+  std::string many;
+  for (size_t i = 0; i < piece + piece / 2; ++i) many += static_cast<char>('a' + i % 26);
+  std::string hex = "\"h\"=hex:";
+  std::vector<u8> hexBytes;
+  for (size_t i = 0; i < 2 * piece + 3; ++i) {
+    hexBytes.push_back(static_cast<u8>(i * 7));
+    hex += "0123456789abcdef"[hexBytes.back() >> 4];
+    hex += "0123456789abcdef"[hexBytes.back() & 15];
+    hex += i + 1 == 2 * piece + 3 ? "\r\n" : i % 100000 == 99999 ? ",\\\r\n  " : ",";
+  }
+  const std::string file = HEADER + "[ROOT\\A]\r\n\"m\"=dword:1\r\n\"x\"=\"" + exact + "\"\r\n\"m\"=\"" +
+                           many + "\"\r\n" + hex + "\"after\"=dword:2\r\n";
+  Ref<Hive::HiveFile> hive = newHive();
+  Diagnostics d;
+  ASSERT_TRUE(importText(hive, std::vector<u8>(file.begin(), file.end()), "ROOT", &d)) << d.all();
+  Ref<Key> a = hive->root()->key(str("A"));
+  ASSERT_TRUE(a);
+  EXPECT_EQ(bytesOf(a->value(str("x"))), sz(std::u16string(exact.begin(), exact.end())));
+  Ref<Value> m = a->value(str("m"));
+  EXPECT_EQ(m->type(), 1u);
+  EXPECT_EQ(bytesOf(m), sz(std::u16string(many.begin(), many.end())));
+  EXPECT_EQ(bytesOf(a->value(str("h"))), hexBytes);
+  EXPECT_EQ(a->value(str("after"))->number(), 2u);
+  ASSERT_TRUE(hive->flush());
 }
 
 // A file as regedit writes it (UTF-16, escapes, continued hex lists,
