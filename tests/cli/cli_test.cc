@@ -58,8 +58,8 @@ TEST_F(CliTest, HelpEverywhere) {
   Result r = hivekit({"--help"});
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("hivekit --version"), std::string::npos);
-  for (const char* c : {"info", "ls", "get", "find", "timeline", "diff", "export", "dump", "sd", "recover", "new",
-                        "mkkey", "set", "rm", "mv", "import"}) {
+  for (const char* c : {"info", "ls", "get", "find", "timeline", "diff", "export", "dump", "sd", "recover",
+                        "new", "mkkey", "set", "rm", "mv", "import"}) {
     EXPECT_NE(r.out.find(std::string("  ") + c + " "), std::string::npos) << c;
     Result h = hivekit({c, "--help"});
     EXPECT_EQ(h.status, 0) << c;
@@ -93,7 +93,7 @@ TEST_F(CliTest, FailuresNameTheirCause) {
 
   const std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> cases = {
       {{"info", path("nope").string()}, {"nope", "no such file"}},
-      {{"ls", _dir.string()}, {"is a directory"}},
+      {{"ls", _temp.path().string()}, {"is a directory"}},
       {{"dump", path("other").string()}, {"not a registry hive"}},
       {{"sd", path("cut").string()}, {"truncated"}},
       {{"export", path("badsum").string()}, {"checksum is wrong"}},

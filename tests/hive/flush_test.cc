@@ -94,17 +94,6 @@ TEST_F(Flush, WritesTheLogThenTheHiveAndMarksItClean) {
   EXPECT_EQ(hive->cacheLoadRecord(record)->bytes()[4], 0x5a);
 }
 
-TEST_F(Flush, WithoutALogWritesInPlaceBetweenDirtyAndCleanMarks) {
-  Ref<RegistryHiveObj> hive = open(0);
-  ASSERT_TRUE(change(*hive, 0x5a));
-  EXPECT_TRUE(hive->flush());
-  EXPECT_EQ(stored(), 0x5a);
-  EXPECT_EQ(syncs, 1);
-  const u32 sequence = L32(image.data() + hive_header::OFS_PRIMARY_SEQ) + 1;
-  EXPECT_EQ(L32(stripe->bytes().data() + hive_header::OFS_PRIMARY_SEQ), sequence);
-  EXPECT_EQ(L32(stripe->bytes().data() + hive_header::OFS_SECONDARY_SEQ), sequence);
-}
-
 TEST_F(Flush, WithNothingToWriteOnlyAWritableHiveSyncs) {
   for (const auto& [mode, want] : {std::pair{0x0u, 1}, {0x1u, 0}, {0x5u, 0}}) {
     syncs = 0;

@@ -265,25 +265,5 @@ TEST_F(LogReplay, StartsALogThatHasNoEntryToContinue) {
   EXPECT_EQ(numbers(reopen()), P(7, 3));
 }
 
-TEST_F(LogReplay, AHiveGrowsThroughTheLog) {
-  Ref<RegistryHiveObj> hive = open(0, log(2, {{2, {set(v1, 2)}}}), {});
-  ASSERT_TRUE(hive);
-  std::vector<u8> big(6000);
-  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<u8>(i * 7);
-  Ref<Value> v = hive->root()->key(String::create("k"))->createValue(String::create("big"), 3);
-  Ref<Interfaces::Stripe> data = v ? v->binary() : nullptr;
-  ASSERT_TRUE(data && data->setElementCount(big.size()) == big.size());
-  ASSERT_EQ(data->writeAt(0, big.data(), big.size()), big.size());
-  ASSERT_TRUE(hive->flush());
-  data = nullptr, v = nullptr, hive = nullptr;
-  EXPECT_EQ(file->bytes(), image) << "neither grown nor written";
-
-  hive = reopen();
-  ASSERT_TRUE(hive);
-  EXPECT_GT(hive->hiveLength(), 2 * PAGE);
-  EXPECT_EQ(dataOf(value(hive, "big")), big);
-  EXPECT_EQ(numbers(hive), P(2, 1));
-}
-
 }  // namespace
 }  // namespace Libraries::Files::Hive

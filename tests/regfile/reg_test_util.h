@@ -1,5 +1,5 @@
-// Shared helpers of the registry text file tests: hives in memory, text in
-// and out of UTF-16, and a diagnostics sink that keeps what it is told.
+// Shared helpers of the registry text file tests: text in and out of
+// UTF-16, and a diagnostics sink that keeps what it is told.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@
 #include "hive/util/util.h"
 #include "platform/memory_stripe.h"
 #include "platform/string.h"
-#include "tests/support/hive_builder.h"
+#include "tests/support/hives.h"
 
 namespace hivekit::test {
 
@@ -24,18 +24,6 @@ using Interfaces::Config::Hive::Value;
 using Platform::MemoryStripe;
 using Platform::Ref;
 using Platform::String;
-
-inline Ref<String> str(std::string_view utf8) {
-  return String::create(utf8);
-}
-
-inline Ref<Hive::HiveFile> openImage(std::vector<u8> image, u32 mode = Hive::modeReadOnly) {
-  return Hive::HiveFile::open(MemoryStripe::create(std::move(image)), mode, Hive::latin1, {});
-}
-
-inline Ref<Hive::HiveFile> newHive() {
-  return Hive::HiveFile::create(MemoryStripe::create(), 5, Hive::latin1, {});
-}
 
 // UTF-8 text as UTF-16LE bytes, with a byte order mark when asked.
 inline std::vector<u8> utf16(std::string_view utf8, bool bom = true) {

@@ -31,6 +31,9 @@
 #include "platform/error.h"
 #include "platform/log.h"
 #include "platform/memory_stripe.h"
+#include "tests/support/api_tree.h"
+#include "tests/support/hives.h"
+#include "tests/support/test_files.h"
 
 namespace hivekit::test {
 namespace {
@@ -64,10 +67,6 @@ struct Watchdog {
   Watchdog() { alarm(300); }
   ~Watchdog() { alarm(0); }
 };
-
-Ref<String> str(const std::string& s) {
-  return String::create(s);
-}
 
 std::string name(const char* prefix, u32 worker, u32 j = 0) {
   char buffer[32];
@@ -519,45 +518,18 @@ TEST(ConcurrencyTest, ReadersOfOneHiveAgree) {
   }
 }
 
-// Every key, value name and datum as the public API reads them.
-std::string apiListing(const hivekit::Key& key) {
-  std::string out;
-  std::vector<hivekit::Key> pending{key};
-  while (!pending.empty()) {
-    const hivekit::Key k = pending.back();
-    pending.pop_back();
-    out += k.path() + "\n";
-    for (const hivekit::Value& v : k.values()) {
-      auto data = v.data();
-      out += " " + v.name() + " " + std::to_string(static_cast<u32>(v.type())) + " ";
-      for (std::byte b : *data) out += static_cast<char>('a' + (std::to_integer<int>(b) & 15));
-      out += "\n";
-    }
-    for (const hivekit::Key& sub : k.subkeys()) pending.push_back(sub);
-  }
-  return out;
-}
-
 // Readers of a read-only file through the public API, which takes no lock
 // for them: each builds the record-start bits of whatever hbin it reaches
 // first, racing the others, and finds its keys by name.
 TEST(ConcurrencyTest, ApiReadersOfOneFileAgree) {
-  namespace fs = std::filesystem;
   const Outcome& expected = serial();
-  const fs::path dir = fs::temp_directory_path() / ("hivekit-readers-" + std::to_string(::getpid()));
-  fs::create_directories(dir);
-  const std::string path = (dir / "hive").string();
-  {
-    std::FILE* f = std::fopen(path.c_str(), "wb");
-    ASSERT_TRUE(f);
-    ASSERT_EQ(std::fwrite(expected.image.data(), 1, expected.image.size(), f), expected.image.size());
-    std::fclose(f);
-  }
+  TempDir dir;
+  const std::string path = dir.write("hive", expected.image);
   std::string reference;
   {
     auto hive = hivekit::Hive::open(path);
     ASSERT_TRUE(hive) << hive.status().message();
-    reference = apiListing(hive->root());
+    reference = apiTree(hive->root());
   }
   auto hive = hivekit::Hive::open(path);
   ASSERT_TRUE(hive);
@@ -568,14 +540,13 @@ TEST(ConcurrencyTest, ApiReadersOfOneFileAgree) {
     threads.emplace_back([&, w] {
       auto own = hive->key(name("W", w));
       found[w] = own ? own->path() : own.status().message();
-      listings[w] = apiListing(hive->root());
+      listings[w] = apiTree(hive->root());
     });
   for (std::thread& t : threads) t.join();
   for (u32 w = 0; w < WORKERS; ++w) {
     EXPECT_EQ(found[w], "\\" + name("W", w)) << "reader " << w;
     EXPECT_EQ(listings[w], reference) << "reader " << w;
   }
-  fs::remove_all(dir);
 }
 
 }  // namespace
