@@ -1,5 +1,6 @@
 // The library's analyst calls: patterns, security descriptors decoded,
-// registry text written piece by piece, ISO 8601 times, and diff.
+// ISO 8601 times, and diff. Registry text written piece by piece is met by
+// the tool's diff --reg, whose patches cli/analyst_test.cc imports back.
 #include <hivekit/hivekit.h>
 #include <unistd.h>
 
@@ -173,7 +174,7 @@ TEST(SddlTest, DecodesEntriesNamesWellKnownSidsAndRefusesWhatDoesNotFit) {
     }
 }
 
-// ---- Registry text and diff over hives made in a temporary folder.
+// ---- Diff over hives made in a temporary folder.
 
 class HiveFiles : public ::testing::Test {
  protected:
@@ -182,39 +183,6 @@ class HiveFiles : public ::testing::Test {
   }
   test::TempDir _dir;
 };
-
-// The writer's value lines are the exporter's, for every form a value
-// takes: strings (and the ones that must go as hex), dwords (and ones of
-// the wrong size), binary with continuation lines, other types.
-TEST_F(HiveFiles, RegTextWriterWritesWhatTheExporterWrites) {
-  HiveBuilder b(5);
-  const test::u32 k = b.key(b.root(), u"K");
-  const std::vector<std::pair<std::u16string, std::pair<test::u32, std::vector<u8>>>> values = {
-      {u"", {1, {'t', 0, 'x', 0, 0, 0}}},
-      {u"empty", {1, {}}},
-      {u"odd", {1, {'a', 0, 'b'}}},
-      {u"open", {1, {'a', 0, 'b', 0}}},
-      {u"d", {4, {1, 2, 3, 4}}},
-      {u"d3", {4, {1, 2, 3}}},
-      {u"bin", {3, std::vector<u8>(60, 0xab)}},
-      {u"m", {7, {'a', 0, 0, 0, 0, 0}}},
-      {u"n", {0, {}}},
-      {u"t", {0x20, {9}}}};
-  for (const auto& [name, v] : values) b.value(k, name, v.first, v.second);
-  Result<Hive> hive = Hive::open(file("h", b.build()));
-  ASSERT_TRUE(hive);
-  const Key key = *hive->key("K");
-  for (bool binaryOnly : {false, true}) {
-    RegTextWriter w;
-    w.header();
-    w.key("ROOT\\K");
-    for (const Value& v : key.values()) w.value(v.name(), v.type(), *v.data(), binaryOnly);
-    w.finish();
-    Result<std::string> exported = export_reg_to_string(key, {.binary_only = binaryOnly});
-    ASSERT_TRUE(exported);
-    EXPECT_TRUE(w.text() == *exported) << "binary only: " << binaryOnly;
-  }
-}
 
 TEST_F(HiveFiles, DiffReportsClassNamesAndTimesAndStopsWhenAsked) {
   auto image = [](const std::u16string& cls) {

@@ -9,7 +9,7 @@
 #include <filesystem>
 
 #include "gtest/gtest.h"
-#include "tests/support/hive_builder.h"
+#include "tests/support/hives.h"
 #include "tests/support/test_files.h"
 
 namespace hivekit {
@@ -20,12 +20,6 @@ using test::HiveBuilder;
 
 using test::TempDir;
 
-std::vector<test::u8> utf16z(std::u16string_view s) {
-  std::vector<test::u8> out = HiveBuilder::utf16le(std::u16string(s));
-  out.insert(out.end(), {0, 0});
-  return out;
-}
-
 TEST(PublicApi, ReadsEveryFormAsStored) {
   HiveBuilder b(5);
   const auto root = b.root();
@@ -34,12 +28,12 @@ TEST(PublicApi, ReadsEveryFormAsStored) {
   const std::u16string lone = std::u16string(u"Odd") + char16_t(0xD800);  // an unpaired surrogate
   b.key(sw, lone, test::NameForm::utf16);
   b.key(sw, u"a/b");
-  b.value(app, u"", 1, utf16z(u"default"));
-  b.value(app, u"Text", 2, utf16z(u"%SystemRoot%"));
+  b.value(app, u"", 1, test::sz(u"default"));
+  b.value(app, u"Text", 2, test::sz(u"%SystemRoot%"));
   b.value(app, u"List", 7, [] {
-    std::vector<test::u8> d = utf16z(u"one");
+    std::vector<test::u8> d = test::sz(u"one");
     for (auto s : {u"", u"three"}) {
-      auto p = utf16z(s);
+      auto p = test::sz(s);
       d.insert(d.end(), p.begin(), p.end());
     }
     d.insert(d.end(), {0, 0});
@@ -79,6 +73,10 @@ TEST(PublicApi, ReadsEveryFormAsStored) {
   EXPECT_TRUE(std::equal(data->begin(), data->end(), big.begin(), big.end(),
                          [](std::byte x, test::u8 y) { return std::to_integer<test::u8>(x) == y; }));
   EXPECT_EQ(key->value("Big")->string().status().code(), Code::wrong_type);
+  // The key as registry text in memory: UTF-16 behind its byte order mark.
+  Result<std::string> text = export_reg_to_string(*key);
+  ASSERT_TRUE(text.ok()) << text.status().to_string();
+  EXPECT_EQ(text->rfind("\xFF\xFE", 0), 0u);
   EXPECT_EQ(key->value("Q")->dword().status().code(), Code::wrong_type);
 
   // A name that is not valid UTF-16 comes out as WTF-8 and finds its key again.
@@ -99,7 +97,7 @@ TEST(PublicApi, ValueDataOutlivesTheHive) {
   HiveBuilder b(5);
   const auto app = b.key(b.root(), u"App");
   const std::vector<test::u8> number = {1, 2, 3, 4};
-  const std::vector<test::u8> text = utf16z(u"longer than the bytes kept in place");
+  const std::vector<test::u8> text = test::sz(u"longer than the bytes kept in place");
   b.value(app, u"Le", 4, number);
   b.value(app, u"Text", 1, text);
   TempDir dir;

@@ -36,20 +36,6 @@ std::string run(const std::string& command) {
   return status == 0 ? out : out + "<exit status " + std::to_string(status) + ">";
 }
 
-// "" when equal, else the first line that differs.
-std::string firstDifference(const std::string& expected, const std::string& actual) {
-  size_t line = 1, at = 0;
-  while (at < expected.size() && at < actual.size() && expected[at] == actual[at])
-    line += expected[at++] == '\n';
-  if (expected == actual) return "";
-  auto lineAt = [&](const std::string& s) {
-    const size_t start = s.rfind('\n', at == 0 ? 0 : at - 1);
-    const size_t from = start == std::string::npos || at == 0 ? 0 : start + 1;
-    return s.substr(from, s.find('\n', from) - from);
-  };
-  return "line " + std::to_string(line) + ":\n  peer: " + lineAt(expected) + "\n  ours: " + lineAt(actual);
-}
-
 Ref<ValueObj> setData(const Ref<Key>& key, const std::u16string& name, u32 type, u32 size) {
   Ref<Hive::Value> made = key->value(str(name));
   if (!made) made = key->createValue(str(name), type);
@@ -119,7 +105,8 @@ TEST(PeerListing, AgreesAfterChanges) {
     }
     const std::string ours = run(std::string(HIVEKIT_CLI) + " dump " + file);
     EXPECT_GT(ours.size(), 30000u);  // the whole tree, not an error message
-    EXPECT_EQ(firstDifference(run("/usr/bin/python3 " + kTool.string() + " " + file), ours), "");
+    EXPECT_EQ(hivekit::test::firstDifference(run("/usr/bin/python3 " + kTool.string() + " " + file), ours),
+              "");
   }
 }
 

@@ -8,7 +8,6 @@
 // hive's own free space) may be listed, and no version twice.
 // The files are only read: they keep their bytes.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <map>

@@ -28,15 +28,11 @@ using Platform::MemoryStripe;
 using test::FAULT_KINDS;
 using test::FaultSpec;
 using test::FaultStripe;
+using test::pattern;
 namespace Error = Platform::Error;
 namespace Log = Platform::Log;
 namespace T = Cfg::ValueTypes;
 
-std::vector<u8> pattern(size_t n, u8 seed) {
-  std::vector<u8> d(n);
-  for (size_t i = 0; i < n; ++i) d[i] = static_cast<u8>(i * 31 + seed);
-  return d;
-}
 std::vector<u8>& bytesOf(const Ref<FaultStripe>& s) {
   return s->inner().cast<MemoryStripe>()->bytes();
 }
@@ -101,11 +97,7 @@ bool setData(const Ref<HiveFile>& hive, const char* key, const char* value, cons
 }
 std::vector<u8> dataOf(const Ref<HiveFile>& hive, const char* key, const char* value) {
   Ref<Cfg::Key> k = keyAt(hive, key);
-  Ref<Cfg::Value> v = k ? k->value(str(value)) : nullptr;
-  Ref<Interfaces::Stripe> b = v ? v->binary() : nullptr;
-  std::vector<u8> d(b ? b->elementCount() : 0);
-  d.resize(b ? b->readAt(0, d.data(), d.size()) : 0);
-  return d;
+  return test::dataOf(k ? k->value(str(value)) : nullptr);
 }
 
 const std::vector<u8> BLOB = pattern(20000, 1), MID = pattern(5000, 2);

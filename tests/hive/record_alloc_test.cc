@@ -170,22 +170,6 @@ TEST_F(Layout, GrowingUsesTheFreeSpaceBehindOrMoves) {
   for (u32 i = 4; i < 32; ++i) EXPECT_EQ(r->bytes()[i], i);
 }
 
-TEST_F(Layout, KeepIfLargerAndFreeing) {
-  HiveBuilder b = start();
-  const u32 r = b.cell(64);
-  const u32 behind = b.cell(16);
-  b.cell(4096 - 32 - 80);
-  b.freeCell(behind);
-  open(b);
-  EXPECT_EQ(hive->resizeRecord(r, 16, false, nullptr, true), r);
-  EXPECT_EQ(lengthOf(*hive, r, false), 64u);
-  EXPECT_EQ(hive->resizeRecord(r, 64, false), r);
-  EXPECT_TRUE(hive->freeRecord(r));
-  EXPECT_EQ(lengthOf(*hive, r, true), 80u);
-  EXPECT_EQ(hive->cacheLoadRecord(r), nullptr);
-  EXPECT_FALSE(hive->freeRecord(r)) << "a free record cannot be freed";
-}
-
 TEST_F(Layout, WriteRecordChecksPositionAndBounds) {
   HiveBuilder b = start();
   const u32 r = b.cell(16);

@@ -223,21 +223,5 @@ TEST(KeyListRead, LinearFallbackWhenAProbedNameIsEmpty) {
   EXPECT_TRUE(hive->root()->key(str("gamma")));
 }
 
-// The hashes of every name the model test stores are checked by its byte
-// walk; here, padding and names the codepage cannot hold.
-TEST(KeyListRead, MakeHash) {
-  Ref<RegistryHiveObj> hive = newHive(5);
-  ASSERT_TRUE(hive);
-  Ref<KeyObj> root = hive->rootObj();
-  u32 hash = 0;
-  ASSERT_TRUE(root->makeHash(Hive::keyListLF, str("ab"), true, false, hash));
-  EXPECT_EQ(hash, 0x00006261u);  // zero padded
-  // A character outside the codepage: refused unless allowed (then 0).
-  const Ref<String> wide = String::fromUtf16(u"a\u4e2d", 2);
-  EXPECT_FALSE(root->makeHash(Hive::keyListLH, wide, true, false, hash));
-  ASSERT_TRUE(root->makeHash(Hive::keyListLH, wide, true, true, hash));
-  EXPECT_EQ(hash, u32{'A'} * 37);
-}
-
 }  // namespace
 }  // namespace hivekit::test

@@ -13,14 +13,10 @@ namespace Error = Platform::Error;
 using Hive::ValueObj;
 using Platform::W32;
 
-u32 valueListOf(RegistryHiveObj& hive, const KeyObj& key) {
-  return hive.cacheLoadRecord(key.offset())->u32At(hive_record_nk::OFS_VALUE_LIST);
-}
-
 // The model test covers values coming, going and moving with their
 // records and error codes, in keys of hundreds of values (found by name
-// through an index); here, list record sizes and held objects.
-TEST(ValueList, ListRecordSizesAndHeldObjects) {
+// through an index); here, the objects held for them.
+TEST(ValueList, HeldObjectsFollowTheirValues) {
   Ref<RegistryHiveObj> hive = newHive(5);
   ASSERT_TRUE(hive);
   Ref<KeyObj> a = hive->rootObj()->createKey(str("a")).cast<KeyObj>();
@@ -28,9 +24,7 @@ TEST(ValueList, ListRecordSizesAndHeldObjects) {
   ASSERT_TRUE(a && b);
   Ref<Hive::Value> x = a->createValue(str("x"), 4);
   ASSERT_TRUE(x);
-  EXPECT_EQ(hive->cacheLoadRecord(valueListOf(*hive, *a))->length(), 8u);
   ASSERT_TRUE(a->createValue(str("y"), 4));
-  EXPECT_EQ(hive->cacheLoadRecord(valueListOf(*hive, *a))->length(), 16u);  // 12 rounded up
   ASSERT_TRUE(a->createValue(str("z"), 4));
   EXPECT_EQ(a->value(str("X")).get(), x.get());
   EXPECT_EQ(a->value(2).get(), a->value(str("z")).get());

@@ -12,22 +12,16 @@
 #include "hive/registry_hive.h"
 #include "platform/memory_stripe.h"
 #include "tests/log/log_builder.h"
-#include "tests/support/hive_builder.h"
+#include "tests/support/hives.h"
 
 namespace Libraries::Files::Hive {
 namespace {
 
+using hivekit::test::dataOf;
 using hivekit::test::LoggedPage;
 using P = std::pair<u32, u32>;
 using Entries = std::vector<std::pair<u32, std::vector<LoggedPage>>>;
 constexpr u32 PAGE = 4096;
-
-std::vector<u8> dataOf(const Ref<Value>& v) {
-  Ref<Interfaces::Stripe> s = v ? v->binary() : nullptr;
-  std::vector<u8> out(s ? s->elementCount() : 0);
-  out.resize(s ? s->readAt(0, out.data(), out.size()) : 0);
-  return out;
-}
 
 class LogReplay : public ::testing::Test {
  protected:

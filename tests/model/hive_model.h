@@ -114,11 +114,7 @@ inline void readListing(const Ref<Cfg::Key>& key, const std::string& path, Listi
   Ref<Cfg::ValueIterator> values = key->valueIterator();
   out.push_back(keyLine(path, keys ? keys->count() : 0, values ? values->count() : 0));
   while (Ref<Cfg::Value> v = values ? values->next() : nullptr) {
-    MValue m{v->name()->units(), v->type(), {}};
-    Ref<Interfaces::Stripe> data = v->binary();
-    m.data.resize(data->elementCount());
-    m.data.resize(data->readAt(0, m.data.data(), m.data.size()));
-    out.push_back(valueLine(path, m));
+    out.push_back(valueLine(path, MValue{v->name()->units(), v->type(), test::dataOf(v)}));
   }
   while (Ref<Cfg::Key> s = keys ? keys->next() : nullptr)
     readListing(s, path + "\\" + utf8(s->name()->units()), out);

@@ -44,15 +44,6 @@ auto& nth(Map& m, size_t i) {
   return std::next(m.begin(), i)->second;
 }
 
-std::vector<u8> utf16z(const std::vector<std::u16string>& parts) {
-  std::vector<u8> out;
-  for (const std::u16string& p : parts) {
-    for (char16_t c : p) out.insert(out.end(), {u8(c), u8(c >> 8)});
-    out.insert(out.end(), {0, 0});
-  }
-  return out;
-}
-
 // A hive whose key S2 has a security record of its own (S1 and the root
 // share the other), so that counts of two records must stay right.
 std::vector<u8> twoSecurityHive(u32 minor) {
@@ -309,15 +300,18 @@ class ModelRun {
       case T::String:
       case T::ExpandString:
         ASSERT_TRUE(v->setString(str(text))) << Error::get();
-        mv->data = utf16z({text});
+        mv->data = test::sz(text);
         return;
       case T::MultiString: {
         auto list = Platform::TVector<Ref<String>>::create();
-        std::vector<std::u16string> parts;
-        for (u32 i = below(4); i > 0; --i) parts.push_back(newName());
-        for (const auto& p : parts) list->push_back(str(p));
+        mv->data.clear();
+        for (u32 i = below(4); i > 0; --i) {
+          const std::u16string part = newName();
+          list->push_back(str(part));
+          const std::vector<u8> z = test::sz(part);
+          mv->data.insert(mv->data.end(), z.begin(), z.end());
+        }
         ASSERT_TRUE(v->setStrings(list)) << Error::get();
-        mv->data = utf16z(parts);
         mv->data.insert(mv->data.end(), {0, 0});
         return;
       }

@@ -71,17 +71,6 @@ TEST(TextWriter, Utf8SurrogatesAndByteOrderMark) {
   EXPECT_EQ(stripe->bytes(), bytesOf("\xEF\xBB\xBF\xF0\x9F\x98\x80-\xEF\xBF\xBD-\xEF\xBF\xBD"));
 }
 
-TEST(TextWriter, WritesAtStripePositionWithoutMark) {
-  auto stripe = MemoryStripe::create(bytesOf("head"));
-  stripe->seek(4);
-  auto w = TextWriter::create(stripe, TextWriter::Encoding::Utf8, false);
-  ASSERT_TRUE(w);
-  w->print("tail");
-  w->endLine();
-  EXPECT_TRUE(w->flush());
-  EXPECT_EQ(stripe->bytes(), bytesOf("headtail\r\n"));
-}
-
 TEST(TextWriter, CreationRefusals) {
   EXPECT_FALSE(TextWriter::create(nullptr, TextWriter::Encoding::Utf8, false));
   EXPECT_FALSE(TextWriter::create(MemoryStripe::create(), static_cast<TextWriter::Encoding>(3), false));

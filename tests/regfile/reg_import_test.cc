@@ -13,13 +13,6 @@ using Hive::Util;
 
 const std::string HEADER = "Windows Registry Editor Version 5.00\r\n\r\n";
 
-std::vector<u8> bytesOf(const Ref<Value>& v) {
-  Ref<Interfaces::Stripe> s = v->binary();
-  std::vector<u8> out(s->elementCount());
-  out.resize(s->readAt(0, out.data(), out.size()));
-  return out;
-}
-
 // Every error names the first line of its entry, once, and leaves the
 // hive exactly as it was: the whole file is checked before anything
 // changes, so the bad line may come last.
@@ -122,7 +115,7 @@ TEST(RegImport, ReadsRegeditFiles) {
   EXPECT_EQ(textOf("Path"), "C:\\Windows\\System32");
   EXPECT_EQ(textOf("Quote"), "say \"hi\"");
   EXPECT_EQ(textOf("\\\\vm\\share\"="), "\\");
-  EXPECT_EQ(bytesOf(k->value(str("Multi"))), (std::vector<u8>{'a', 0, 0, 0, 'b', 0, 0, 0, 0, 0}));
+  EXPECT_EQ(dataOf(k->value(str("Multi"))), (std::vector<u8>{'a', 0, 0, 0, 'b', 0, 0, 0, 0, 0}));
   EXPECT_FALSE(k->value(str("Gone")));
   EXPECT_FALSE(k->key(str("Sub")));
   EXPECT_TRUE(k->key(str("Kept")));
@@ -131,11 +124,11 @@ TEST(RegImport, ReadsRegeditFiles) {
   EXPECT_EQ(loose->value(str("s"))->type(), 4u) << "imported again with another type";
   EXPECT_EQ(loose->value(str("s"))->number(), 5u);
   EXPECT_EQ(loose->value(str("d"))->number(), 0xABCDEF01u);
-  EXPECT_EQ(bytesOf(loose->value(str("h"))), (std::vector<u8>{1, 2, 3, 4, 5}));
+  EXPECT_EQ(dataOf(loose->value(str("h"))), (std::vector<u8>{1, 2, 3, 4, 5}));
   EXPECT_EQ(loose->value(str("e"))->type(), 3u);
-  EXPECT_TRUE(bytesOf(loose->value(str("e"))).empty());
+  EXPECT_TRUE(dataOf(loose->value(str("e"))).empty());
   EXPECT_EQ(loose->value(str("odd"))->type(), 0x1a2bu);
-  EXPECT_EQ(bytesOf(loose->value(str("odd"))), std::vector<u8>{0xFF});
+  EXPECT_EQ(dataOf(loose->value(str("odd"))), std::vector<u8>{0xFF});
 
   std::vector<u8> ansi;
   for (char c : std::string("REGEDIT4\r\n\r\n[ROOT\\Alt]\r\n\"N\xE4me\"=\"\x80\"\r\n"))

@@ -44,17 +44,6 @@ inline std::string text(const std::vector<u8>& bytes) {
   return Platform::utf16ToUtf8(units);
 }
 
-// A string as stored in a value: UTF-16LE units and a terminating zero.
-inline std::vector<u8> sz(std::u16string_view s) {
-  std::vector<u8> out;
-  for (char16_t c : s) {
-    out.push_back(static_cast<u8>(c));
-    out.push_back(static_cast<u8>(c >> 8));
-  }
-  out.insert(out.end(), {0, 0});
-  return out;
-}
-
 struct Diagnostics {
   std::vector<std::string> lines;
   Hive::RegFileDiagnostics sink() {

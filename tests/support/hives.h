@@ -41,6 +41,33 @@ inline Platform::Ref<Libraries::Files::Hive::RegistryHiveObj> newHive(
       .cast<Libraries::Files::Hive::RegistryHiveObj>();
 }
 
+// Bytes that differ from one position and one seed to the next.
+inline std::vector<u8> pattern(size_t n, u32 seed) {
+  std::vector<u8> v(n);
+  u32 x = seed * 2654435761u + 1;
+  for (size_t i = 0; i < n; ++i) {
+    x = x * 1103515245u + 12345u;
+    v[i] = static_cast<u8>(x >> 16);
+  }
+  return v;
+}
+
+// A string as a value stores it: UTF-16LE units and a terminating zero.
+inline std::vector<u8> sz(std::u16string_view s) {
+  std::vector<u8> out;
+  for (char16_t c : s) out.insert(out.end(), {static_cast<u8>(c), static_cast<u8>(c >> 8)});
+  out.insert(out.end(), {0, 0});
+  return out;
+}
+
+// A value's data, read whole through its stripe; empty when it has none.
+inline std::vector<u8> dataOf(const Platform::Ref<Interfaces::Config::Hive::Value>& v) {
+  Platform::Ref<Interfaces::Stripe> s = v ? v->binary() : nullptr;
+  std::vector<u8> out(s ? s->elementCount() : 0);
+  out.resize(s ? s->readAt(0, out.data(), out.size()) : 0);
+  return out;
+}
+
 // Flushes the hive and opens what reached the stripe as a new hive.
 inline Platform::Ref<Libraries::Files::Hive::RegistryHiveObj> reopen(
     const Platform::Ref<Libraries::Files::Hive::RegistryHiveObj>& hive,

@@ -68,6 +68,21 @@ inline std::filesystem::path testHives() {
   return testdata() / "hives";
 }
 
+// "" when two texts are equal, else the first line where they differ.
+inline std::string firstDifference(const std::string& expected, const std::string& actual) {
+  size_t line = 1, at = 0;
+  while (at < expected.size() && at < actual.size() && expected[at] == actual[at])
+    line += expected[at++] == '\n';
+  if (expected == actual) return "";
+  auto lineAt = [&](const std::string& s) {
+    const size_t start = s.rfind('\n', at == 0 ? 0 : at - 1);
+    const size_t from = start == std::string::npos || at == 0 ? 0 : start + 1;
+    return s.substr(from, s.find('\n', from) - from);
+  };
+  return "line " + std::to_string(line) + ":\n  expected: " + lineAt(expected) +
+         "\n  actual:   " + lineAt(actual);
+}
+
 // What a shell command writes to its standard output, and its status.
 inline std::string commandOutput(const std::string& command, int* status) {
   std::string out;

@@ -78,14 +78,6 @@ std::string utf8(const Ref<String>& s) {
   return s ? s->toUtf8() : "<null>";
 }
 
-std::vector<u8> dataOf(const Ref<Value>& value) {
-  Ref<Interfaces::Stripe> data = value->binary();
-  if (!data) return {};
-  std::vector<u8> bytes(data->elementCount());
-  bytes.resize(data->readAt(0, bytes.data(), bytes.size()));
-  return bytes;
-}
-
 // Names, types and data of a key tree; values sorted by name (their list
 // order is the order of creation), subkeys in list order (sorted by name).
 void listKey(const Ref<Key>& key, const std::string& path, std::string& out) {
