@@ -1,5 +1,6 @@
 // The library's analyst calls: patterns, security descriptors decoded,
-// registry text written piece by piece, ISO 8601 times, and diff.
+// ISO 8601 times, and diff. Registry text written piece by piece is met by
+// the tool's diff --reg, whose patches cli/analyst_test.cc imports back.
 #include <hivekit/hivekit.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 
 #include "gtest/gtest.h"
 #include "tests/support/hive_builder.h"
+#include "tests/support/test_files.h"
 
 namespace hivekit {
 namespace {
@@ -23,17 +25,26 @@ TEST(PatternTest, MatchesLikeECMAScriptWithoutBacktracking) {
     bool ignoreCase, match;
   };
   const Case cases[] = {
-      {"run", "CurrentVersion\\Run", true, true},      {"^run$", "RunOnce", true, false},
-      {"^Run(Once)?$", "runonce", true, true},         {"^Run(Once)?$", "runonce", false, false},
-      {"\xC3\xA4rger", "\xC3\x84RGER", true, true},    {"^[a-c]+$", "ABCA", true, true},
-      {"^[^a]$", "A", true, false},                    {"^\\d{3,4}$", "12345", true, false},
-      {"^\\d{3,4}$", "1234", true, true},              {"\\bnet\\b", "a net b", true, true},
-      {"\\bnet\\b", "internet", true, false},          {"^a.c$", "a\nc", true, false},
-      {"^(?:ab|cd)*$", "abcdab", true, true},          {"x{", "x{", true, true},
-      {"^\\x41\\u00e4$", "A\xC3\xA4", false, true},    {"^[\\w.]+@", "john.doe@host", true, true},
-      {"^$", "", true, true},                          {"a|", "zzz", true, true},
+      {"run", "CurrentVersion\\Run", true, true},
+      {"^run$", "RunOnce", true, false},
+      {"^Run(Once)?$", "runonce", true, true},
+      {"^Run(Once)?$", "runonce", false, false},
+      {"\xC3\xA4rger", "\xC3\x84RGER", true, true},
+      {"^[a-c]+$", "ABCA", true, true},
+      {"^[^a]$", "A", true, false},
+      {"^\\d{3,4}$", "12345", true, false},
+      {"^\\d{3,4}$", "1234", true, true},
+      {"\\bnet\\b", "a net b", true, true},
+      {"\\bnet\\b", "internet", true, false},
+      {"^a.c$", "a\nc", true, false},
+      {"^(?:ab|cd)*$", "abcdab", true, true},
+      {"x{", "x{", true, true},
+      {"^\\x41\\u00e4$", "A\xC3\xA4", false, true},
+      {"^[\\w.]+@", "john.doe@host", true, true},
+      {"^$", "", true, true},
+      {"a|", "zzz", true, true},
       {"^\xF0\x9F\x98\x80.$", "\xF0\x9F\x98\x80x", false, true},  // by character, not byte
-      {"^.$", "\xED\xA0\x80", false, true},            // a lone surrogate is one character
+      {"^.$", "\xED\xA0\x80", false, true},                       // a lone surrogate is one character
   };
   for (const Case& c : cases) {
     Result<Pattern> p = Pattern::compile(c.pattern, c.ignoreCase);
@@ -129,14 +140,13 @@ TEST(SddlTest, DecodesEntriesNamesWellKnownSidsAndRefusesWhatDoesNotFit) {
   EXPECT_EQ(to_sddl(*sample), "O:BAG:SYD:(A;CI;KA;;;WD)");
   EXPECT_EQ(sid_name(*sample->owner), "Administrators");
 
-  ByteList guidAce = {1, 0, 0, 0, 0x53, 0x1a, 0x72, 0xab, 0x2f, 0x1e, 0xd0, 0x11,
-                      0x98, 0x19, 0x00, 0xaa, 0x00, 0x40, 0x52, 0x9b};
+  ByteList guidAce = {1,    0,    0,    0,    0x53, 0x1a, 0x72, 0xab, 0x2f, 0x1e,
+                      0xd0, 0x11, 0x98, 0x19, 0x00, 0xaa, 0x00, 0x40, 0x52, 0x9b};
   const ByteList everyone = sid(1, {0}), user = sid(5, {21, 1, 2, 3, 500});
   guidAce.insert(guidAce.end(), everyone.begin(), everyone.end());
-  const ByteList rich = descriptor(
-      0x9414, sid(5, {18}), user, acl({ace(0x11, 0, 1, sid(16, {12288}))}),
-      acl({ace(0, 0x13, 0xF003F, sid(5, {32, 544})), ace(1, 0, 0x10001, user), ace(5, 0, 0x100, guidAce),
-           ace(0, 0, 0x200000, sid(5, {11}))}));
+  const ByteList rich = descriptor(0x9414, sid(5, {18}), user, acl({ace(0x11, 0, 1, sid(16, {12288}))}),
+                                   acl({ace(0, 0x13, 0xF003F, sid(5, {32, 544})), ace(1, 0, 0x10001, user),
+                                        ace(5, 0, 0x100, guidAce), ace(0, 0, 0x200000, sid(5, {11}))}));
   Result<ParsedSecurityDescriptor> sd = parse(rich);
   ASSERT_TRUE(sd) << sd.status().message();
   EXPECT_EQ(to_sddl(*sd),
@@ -164,50 +174,15 @@ TEST(SddlTest, DecodesEntriesNamesWellKnownSidsAndRefusesWhatDoesNotFit) {
     }
 }
 
-// ---- Registry text and diff over hives made in a temporary folder.
+// ---- Diff over hives made in a temporary folder.
 
 class HiveFiles : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string tmpl = (fs::temp_directory_path() / "hivekit-analyst-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(tmpl.data()), nullptr);
-    _dir = tmpl;
-  }
-  void TearDown() override { fs::remove_all(_dir); }
   std::string file(const std::string& name, const std::vector<u8>& bytes) const {
-    const fs::path p = _dir / name;
-    std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    return p.string();
+    return _dir.write(name, bytes);
   }
-  fs::path _dir;
+  test::TempDir _dir;
 };
-
-// The writer's value lines are the exporter's, for every form a value
-// takes: strings (and the ones that must go as hex), dwords (and ones of
-// the wrong size), binary with continuation lines, other types.
-TEST_F(HiveFiles, RegTextWriterWritesWhatTheExporterWrites) {
-  HiveBuilder b(5);
-  const test::u32 k = b.key(b.root(), u"K");
-  const std::vector<std::pair<std::u16string, std::pair<test::u32, std::vector<u8>>>> values = {
-      {u"", {1, {'t', 0, 'x', 0, 0, 0}}}, {u"empty", {1, {}}},     {u"odd", {1, {'a', 0, 'b'}}},
-      {u"open", {1, {'a', 0, 'b', 0}}},   {u"d", {4, {1, 2, 3, 4}}}, {u"d3", {4, {1, 2, 3}}},
-      {u"bin", {3, std::vector<u8>(60, 0xab)}}, {u"m", {7, {'a', 0, 0, 0, 0, 0}}}, {u"n", {0, {}}},
-      {u"t", {0x20, {9}}}};
-  for (const auto& [name, v] : values) b.value(k, name, v.first, v.second);
-  Result<Hive> hive = Hive::open(file("h", b.build()));
-  ASSERT_TRUE(hive);
-  const Key key = *hive->key("K");
-  for (bool binaryOnly : {false, true}) {
-    RegTextWriter w;
-    w.header();
-    w.key("ROOT\\K");
-    for (const Value& v : key.values()) w.value(v.name(), v.type(), *v.data(), binaryOnly);
-    w.finish();
-    Result<std::string> exported = export_reg_to_string(key, {.binary_only = binaryOnly});
-    ASSERT_TRUE(exported);
-    EXPECT_TRUE(w.text() == *exported) << "binary only: " << binaryOnly;
-  }
-}
 
 TEST_F(HiveFiles, DiffReportsClassNamesAndTimesAndStopsWhenAsked) {
   auto image = [](const std::u16string& cls) {

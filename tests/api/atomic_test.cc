@@ -14,6 +14,7 @@
 #include <random>
 
 #include "gtest/gtest.h"
+#include "tests/support/api_tree.h"
 
 namespace hivekit {
 namespace {
@@ -35,25 +36,6 @@ class FileSizeLimit {
   rlimit _saved;
 };
 
-void listing(const Key& key, const std::string& path, std::string& out) {
-  out += path + " @" + std::to_string(key.last_write()) + "\n";
-  for (const Value& v : key.values()) {
-    Result<Bytes> data = v.data();
-    out += path + ":" + v.name() + " " + std::to_string(static_cast<int>(v.type())) + " " +
-           std::to_string(data ? data->size() : 0) + " ";
-    std::uint64_t hash = 14695981039346656037ull;  // FNV-1a of the data
-    if (data)
-      for (std::byte b : *data) hash = (hash ^ std::to_integer<std::uint64_t>(b)) * 1099511628211ull;
-    out += std::to_string(hash) + "\n";
-  }
-  for (const Key& sub : key.subkeys()) listing(sub, path + "\\" + sub.name(), out);
-}
-std::string listing(const Hive& hive) {
-  std::string out;
-  listing(hive.root(), "", out);
-  return out;
-}
-
 TEST(Atomicity, FailedChangesLeaveTheHiveAsItWas) {
   signal(SIGXFSZ, SIG_IGN);  // a write past the limit then fails with EFBIG
   std::string tmpl = (fs::temp_directory_path() / "hivekit-atomic-XXXXXX").string();
@@ -69,7 +51,7 @@ TEST(Atomicity, FailedChangesLeaveTheHiveAsItWas) {
   const char* const paths[] = {"a", "a\\b", "c", "c\\d\\e", "f"};
   const char* const names[] = {"x", "y", "z"};
   const size_t sizes[] = {2, 60, 5000, 40000, 120000};
-  std::string flushed = listing(*hive);
+  std::string flushed = test::apiTree(*hive);
   int failures = 0, failedFlushes = 0;
 
   // The files as they stand, copied and opened read-only with their logs.
@@ -80,14 +62,14 @@ TEST(Atomicity, FailedChangesLeaveTheHiveAsItWas) {
     for (const auto& e : fs::directory_iterator(dir))
       if (e.is_regular_file()) fs::copy_file(e.path(), copy / e.path().filename());
     Result<Hive> h = Hive::open((copy / "hive").string());
-    return h ? listing(*h) : "does not open: " + h.status().to_string();
+    return h ? test::apiTree(*h) : "does not open: " + h.status().to_string();
   };
 
   for (int step = 0; step < 160 && !::testing::Test::HasFailure(); ++step) {
     SCOPED_TRACE("step " + std::to_string(step));
     Key key = hive->root().create_key(paths[pick(5)]).value();
     const std::string name = names[pick(3)];
-    const std::string before = listing(*hive);
+    const std::string before = test::apiTree(*hive);
     const int kind = static_cast<int>(pick(9));
     // Half the steps run with no room to grow the file.
     const bool full = pick(2) == 0;
@@ -104,13 +86,13 @@ TEST(Atomicity, FailedChangesLeaveTheHiveAsItWas) {
         }
         case 2: {  // more than a 1.3 hive holds, over a value of another type or a new one
           (void)key.set_string(name, "text");
-          const std::string at = listing(*hive);
+          const std::string at = test::apiTree(*hive);
           s = key.set_value(name, ValueType::binary, std::vector<std::byte>(1048576)).status();
           EXPECT_EQ(s.code(), Code::too_large) << s.to_string();
-          EXPECT_EQ(listing(*hive), at) << "no half-made value, no changed type";
+          EXPECT_EQ(test::apiTree(*hive), at) << "no half-made value, no changed type";
           s = key.set_value("new" + std::to_string(step), ValueType::binary, std::vector<std::byte>(1048576))
                   .status();
-          EXPECT_EQ(listing(*hive), at);
+          EXPECT_EQ(test::apiTree(*hive), at);
           break;
         }
         case 3:
@@ -142,13 +124,13 @@ TEST(Atomicity, FailedChangesLeaveTheHiveAsItWas) {
     }
     if (kind != 2 && !s.ok()) {
       ++failures;
-      ASSERT_EQ(listing(*hive), before) << "after a failed change: " << s.to_string();
+      ASSERT_EQ(test::apiTree(*hive), before) << "after a failed change: " << s.to_string();
     }
     if (step % 10 != 9) continue;
     // A flush with no room fails and leaves the last flush on disk; with
     // room it writes everything.
     if (pick(2) == 0) {
-      const std::string now = listing(*hive);
+      const std::string now = test::apiTree(*hive);
       Status f;
       {
         FileSizeLimit limit(2048);  // not even the log's first entry fits
@@ -156,13 +138,13 @@ TEST(Atomicity, FailedChangesLeaveTheHiveAsItWas) {
       }
       if (!f.ok()) {
         ++failedFlushes;
-        EXPECT_EQ(listing(*hive), now);
+        EXPECT_EQ(test::apiTree(*hive), now);
         const std::string disk = onDisk();
         EXPECT_TRUE(disk == flushed || disk == now) << disk.substr(0, 300);
       }
     }
     ASSERT_TRUE(hive->flush().ok());
-    flushed = listing(*hive);
+    flushed = test::apiTree(*hive);
     ASSERT_EQ(onDisk(), flushed);
   }
   EXPECT_GT(failures, 15) << "the limits must make changes fail";

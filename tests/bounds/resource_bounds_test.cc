@@ -144,10 +144,6 @@ CliRun runCli(const fs::path& dir, const std::vector<std::string>& args, rlim_t 
   return r;
 }
 
-void writeFile(const fs::path& p, const std::vector<u8>& bytes) {
-  std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-}
-
 // ---------------------------------------------------------------- hives
 
 // A crafted hive and what to ask of it: keys to list and values to read,
@@ -647,19 +643,12 @@ void expectRun(const Runs& runs, const std::string& label, int status, const std
 
 class ResourceBounds : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string tmpl = (fs::temp_directory_path() / "hivekit-bounds-XXXXXX").string();
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    _dir = tmpl;
+  CliRun cli(const std::vector<std::string>& args, rlim_t stack = 0) {
+    return runCli(_dir.path(), args, stack);
   }
-  void TearDown() override { fs::remove_all(_dir); }
-
-  CliRun cli(const std::vector<std::string>& args, rlim_t stack = 0) { return runCli(_dir, args, stack); }
 
   std::string copyOf(const Crafted& c, const std::string& suffix) {
-    const std::string file = (_dir / (c.name + suffix)).string();
-    writeFile(file, c.image);
-    return file;
+    return _dir.write(c.name + suffix, c.image);
   }
 
   // Every reading command of the tool on the hive.
@@ -729,7 +718,7 @@ class ResourceBounds : public ::testing::Test {
   }
 
   static inline long _basePeakKb = -1;
-  fs::path _dir;
+  hivekit::test::TempDir _dir;
 };
 
 // Sizes, counts and lengths claiming up to 2^32 - 1 over records of a few

@@ -3,14 +3,10 @@
 // with the test builder. Nothing under the test data is ever written.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <numeric>
 #include <sstream>
 #include <string>
@@ -18,6 +14,7 @@
 
 #include "hive/format/format.h"
 #include "tests/support/hive_builder.h"
+#include "tests/support/run_tool.h"
 #include "tests/support/test_files.h"
 
 namespace hivekit::cli_test {
@@ -30,21 +27,13 @@ using hivekit::test::u32;
 using hivekit::test::u64;
 using hivekit::test::u8;
 
-struct Result {
-  int status = -1;
-  std::string out, err;
-};
+using Result = hivekit::test::ToolRun;
+using hivekit::test::runTool;
+using hivekit::test::TempDir;
 
 using hivekit::test::readFile;
-
-template <class Bytes>
-void writeFile(const fs::path& p, const Bytes& bytes) {
-  std::ofstream(p, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-}
-
-inline fs::path testdata() {
-  return fs::path(HIVEKIT_SOURCE_DIR) / ".." / "shared" / "testdata";
-}
+using hivekit::test::testdata;
+using hivekit::test::writeFile;
 
 #define REQUIRE_TESTDATA() \
   if (!fs::is_directory(testdata() / "expected")) GTEST_SKIP() << "no ../shared/testdata"
@@ -87,39 +76,17 @@ inline size_t countLines(const std::string& text, const std::string& prefix) {
 
 class CliTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string tmpl = (fs::temp_directory_path() / "hivekit-cli-XXXXXX").string();
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    _dir = tmpl;
-  }
-  void TearDown() override {
-    if (!_dir.empty()) fs::remove_all(_dir);
-  }
+  void SetUp() override { ASSERT_FALSE(_temp.path().empty()); }
 
-  fs::path path(const std::string& name) const { return _dir / name; }
+  fs::path path(const std::string& name) const { return _temp.path(name); }
 
-  // Runs the tool with the given standard input; output is collected
-  // through files so that neither pipe can fill up.
+  // Runs the tool with the given standard input.
   Result hivekit(const std::vector<std::string>& args, const std::string& input = "") {
-    const fs::path in = path(".stdin"), out = path(".stdout"), err = path(".stderr");
-    writeFile(in, input);
-    const pid_t pid = fork();
-    if (pid == 0) {
-      const int fds[3] = {open(in.c_str(), O_RDONLY), open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
-                          open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
-      for (int i = 0; i < 3; ++i) dup2(fds[i], i);
-      std::vector<char*> argv{const_cast<char*>(HIVEKIT_CLI)};
-      for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-      argv.push_back(nullptr);
-      execv(HIVEKIT_CLI, argv.data());
-      _exit(127);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), readFile(out), readFile(err)};
+    writeFile(path(".stdin"), input);
+    return runTool(args, path(".stdout"), path(".stderr"), path(".stdin"));
   }
 
-  fs::path _dir;
+  TempDir _temp;
 };
 
 // A hive of known content: names of every kind below \names, values of

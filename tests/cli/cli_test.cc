@@ -58,8 +58,8 @@ TEST_F(CliTest, HelpEverywhere) {
   Result r = hivekit({"--help"});
   EXPECT_EQ(r.status, 0);
   EXPECT_NE(r.out.find("hivekit --version"), std::string::npos);
-  for (const char* c : {"info", "ls", "get", "find", "timeline", "diff", "export", "dump", "sd", "recover", "new",
-                        "mkkey", "set", "rm", "mv", "import"}) {
+  for (const char* c : {"info", "ls", "get", "find", "timeline", "diff", "export", "dump", "sd", "recover",
+                        "new", "mkkey", "set", "rm", "mv", "import"}) {
     EXPECT_NE(r.out.find(std::string("  ") + c + " "), std::string::npos) << c;
     Result h = hivekit({c, "--help"});
     EXPECT_EQ(h.status, 0) << c;
@@ -93,7 +93,7 @@ TEST_F(CliTest, FailuresNameTheirCause) {
 
   const std::vector<std::pair<std::vector<std::string>, std::vector<std::string>>> cases = {
       {{"info", path("nope").string()}, {"nope", "no such file"}},
-      {{"ls", _dir.string()}, {"is a directory"}},
+      {{"ls", _temp.path().string()}, {"is a directory"}},
       {{"dump", path("other").string()}, {"not a registry hive"}},
       {{"sd", path("cut").string()}, {"truncated"}},
       {{"export", path("badsum").string()}, {"checksum is wrong"}},
@@ -174,9 +174,6 @@ TEST_F(BuiltHiveTest, LsAndGetShowTypedData) {
 
   EXPECT_EQ(hivekit({"get", hive, "data"}).out, "df\n");
   EXPECT_EQ(hivekit({"get", hive, "DATA", "DWORD"}).out, "305419896 (0x12345678)\n");  // names ignore case
-  EXPECT_EQ(hivekit({"get", hive, "data", "dwordbe"}).out, "305419896 (0x12345678)\n");
-  EXPECT_EQ(hivekit({"get", hive, "data", "qword"}).out, "9223372036854775809 (0x8000000000000001)\n");
-  EXPECT_EQ(hivekit({"get", hive, "\\data", "multi"}).out, "a\nbc\n");
   EXPECT_EQ(hivekit({"get", hive, "data", "a33"}).out,
             "00000000  61 61 61 61 61 61 61 61  61 61 61 61 61 61 61 61  |aaaaaaaaaaaaaaaa|\n"
             "00000010  61 61 61 61 61 61 61 61  61 61 61 61 61 61 61 61  |aaaaaaaaaaaaaaaa|\n"
@@ -191,8 +188,6 @@ TEST_F(BuiltHiveTest, InfoAndSecurityDescriptors) {
   EXPECT_EQ(field(r.out, "File name field"), "\\hivekit\\sample.hiv");
   const std::string bins = field(r.out, "Hive bins");  // 20000 bytes of data need more than one hbin
   EXPECT_GE(std::strtoul(bins.c_str(), nullptr, 10), 2u) << bins;
-  EXPECT_EQ(field(r.out, "Checksum").find("MISMATCH"), std::string::npos);
-  EXPECT_EQ(field(r.out, "Log mode"), "none");
   EXPECT_EQ(field(hivekit({"info", "--unsafe", hive}).out, "Hive bins"), "not counted in unsafe mode");
 
   r = hivekit({"sd", "--raw", hive});
@@ -262,12 +257,8 @@ TEST_F(CliTest, DumpMatchesEveryExpectedListing) {
     Result r = hivekit({"dump", "--dirty", "--no-logs", hive.string()});
     const std::string want = readFile(listing);
     if (r.status == 0 && r.out == want) continue;
-    std::istringstream got(r.out), exp(want);
-    std::string g, e;
-    size_t line = 1;
-    while (std::getline(got, g) && std::getline(exp, e) && g == e) ++line;
-    report += hive.filename().string() + " (exit " + std::to_string(r.status) + "): line " +
-              std::to_string(line) + "\n  got:      " + g + "\n  expected: " + e + "\n";
+    report += hive.filename().string() + " (exit " + std::to_string(r.status) +
+              "): " + hivekit::test::firstDifference(want, r.out) + "\n";
   }
   EXPECT_TRUE(report.empty()) << report;
 }
@@ -366,15 +357,10 @@ TEST_F(CliTest, ExportHeadingsAndImportRoundTrip) {
   EXPECT_EQ(hivekit({"export", h, "-o", h}).status, 1);  // would empty the hive it reads
   EXPECT_EQ(readFile(h), before);
 
-  // Export, import into a new hive, export again: the same text.
-  std::string reg = path("a.reg").string(), again = path("b.reg").string(), copy = path("copy.hiv").string();
-  ASSERT_EQ(hivekit({"export", h, "-o", reg}).status, 0);
+  // An --as export imports with the matching --prefix (the text's round
+  // trip is reg_import_test.cc's and reg_round_trip_test.cc's).
+  std::string reg = path("a.reg").string(), copy = path("copy.hiv").string();
   ASSERT_EQ(hivekit({"new", copy}).status, 0);
-  r = hivekit({"import", copy, reg});
-  ASSERT_EQ(r.status, 0) << r.err;
-  ASSERT_EQ(hivekit({"export", copy, "-o", again}).status, 0);
-  EXPECT_EQ(readFile(reg), readFile(again));
-  // An --as export imports with the matching --prefix.
   ASSERT_EQ(hivekit({"export", h, "Top", "--as", "HKLM\\Soft", "-o", reg}).status, 0);
   EXPECT_EQ(hivekit({"import", copy, reg}).status, 1);  // outside ROOT
   r = hivekit({"import", copy, reg, "--prefix", "HKLM\\Soft"});
@@ -394,7 +380,8 @@ TEST_F(CliTest, ExportHeadingsAndImportRoundTrip) {
   EXPECT_NE(r.err.find("line 5: Invalid dword value: u"), std::string::npos) << r.err;
   EXPECT_EQ(readFile(copy), before);
   EXPECT_EQ(hivekit({"import", "--dry-run", copy, "-"}, late).status, 1);
-  EXPECT_EQ(hivekit({"import", "--dry-run", copy, again}).status, 0);
+  ASSERT_EQ(hivekit({"export", h, "-o", reg}).status, 0);
+  EXPECT_EQ(hivekit({"import", "--dry-run", copy, reg}).status, 0);
   EXPECT_EQ(readFile(copy), before);
 
   // --append to a new file starts it like any export; --raw writes names

@@ -12,6 +12,8 @@
 #include "hive/hive_file.h"
 #include "hive/util/util.h"
 #include "hive/value/value_obj.h"
+#include "tests/support/hives.h"
+#include "tests/support/test_files.h"
 
 namespace {
 
@@ -20,6 +22,7 @@ namespace Hive = Libraries::Files::Hive;
 using Hive::Key;
 using Hive::Util;
 using Hive::ValueObj;
+using hivekit::test::str;
 using Platform::Ref;
 using Platform::String;
 using Platform::u32;
@@ -28,36 +31,14 @@ using Platform::u8;
 const fs::path kTool = fs::path(HIVEKIT_SOURCE_DIR) / ".." / "shared" / "tools" / "hive-listing";
 
 std::string run(const std::string& command) {
-  std::string out;
-  FILE* pipe = popen((command + " 2>/dev/null").c_str(), "r");
-  if (!pipe) return "<popen failed>";
-  char buffer[65536];
-  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
-  const int status = pclose(pipe);
+  int status = 0;
+  const std::string out = hivekit::test::commandOutput(command + " 2>/dev/null", &status);
   return status == 0 ? out : out + "<exit status " + std::to_string(status) + ">";
 }
 
-// "" when equal, else the first line that differs.
-std::string firstDifference(const std::string& expected, const std::string& actual) {
-  size_t line = 1, at = 0;
-  while (at < expected.size() && at < actual.size() && expected[at] == actual[at])
-    line += expected[at++] == '\n';
-  if (expected == actual) return "";
-  auto lineAt = [&](const std::string& s) {
-    const size_t start = s.rfind('\n', at == 0 ? 0 : at - 1);
-    const size_t from = start == std::string::npos || at == 0 ? 0 : start + 1;
-    return s.substr(from, s.find('\n', from) - from);
-  };
-  return "line " + std::to_string(line) + ":\n  peer: " + lineAt(expected) + "\n  ours: " + lineAt(actual);
-}
-
-Ref<String> S(const std::u16string& s) {
-  return String::fromUtf16(s);
-}
-
 Ref<ValueObj> setData(const Ref<Key>& key, const std::u16string& name, u32 type, u32 size) {
-  Ref<Hive::Value> made = key->value(S(name));
-  if (!made) made = key->createValue(S(name), type);
+  Ref<Hive::Value> made = key->value(str(name));
+  if (!made) made = key->createValue(str(name), type);
   Ref<ValueObj> v = made.cast<ValueObj>();
   EXPECT_TRUE(v) << size;
   if (!v) return v;
@@ -76,21 +57,21 @@ void change(Hive::HiveFile& hive) {
     setData(root, u"bin" + Platform::utf8ToUtf16(std::to_string(size)), 3, size);
   setData(root, u"shrunk", 0x20, 40000)->size(16345);
   setData(root, u"gone to 2", 3, 40000)->size(2);
-  root->createValue(S(u""), 1)->setString(S(u"default \u00e4\u0416"));
-  root->createValue(S(u"d"), 4)->setNumber(0x12345678);
-  root->createValue(S(u"be"), 5)->setNumber(0x12345678);
-  root->createValue(S(u"q"), 11)->setNumber(0x123456789abcdefull);
+  root->createValue(str(u""), 1)->setString(str(u"default \u00e4\u0416"));
+  root->createValue(str(u"d"), 4)->setNumber(0x12345678);
+  root->createValue(str(u"be"), 5)->setNumber(0x12345678);
+  root->createValue(str(u"q"), 11)->setNumber(0x123456789abcdefull);
   for (const char16_t* odd : {u"back\\slash", u"per%cent", u"tab\t", u"del\x7f", u"pair \U0001F600",
                               u"\u00e4\u00f6\u00fc\u00df\u00ff", u"\u4e2d\u6587"})
-    ASSERT_TRUE(root->createValue(S(odd), 1)) << Platform::utf16ToUtf8(odd);
+    ASSERT_TRUE(root->createValue(str(odd), 1)) << Platform::utf16ToUtf8(odd);
 
-  Ref<Key> many = root->createKey(S(u"Many"));
+  Ref<Key> many = root->createKey(str(u"Many"));
   for (u32 i = 0; i < 1300; ++i) {
     const std::u16string prefix = i % 3 == 0 ? u"\u00c4" : i % 3 == 1 ? u"\u0416" : u"k";
-    ASSERT_TRUE(many->createKey(S(prefix + Platform::utf8ToUtf16(std::to_string(i * 7919 % 10000)))));
+    ASSERT_TRUE(many->createKey(str(prefix + Platform::utf8ToUtf16(std::to_string(i * 7919 % 10000)))));
   }
   for (const char16_t* odd : {u"per%cent", u"a/b", u"ctl\x01", u"\u00ff\u00e4", u"\u03a9mega"})
-    ASSERT_TRUE(root->createKey(S(odd)));
+    ASSERT_TRUE(root->createKey(str(odd)));
 
   for (const char* path : {"Tmp/A/B/C", "Tmp/A/D", "From/Sub/Deep/Deeper", "From/Other", "To"})
     ASSERT_TRUE(Util::openOrCreatePath(root, String::create(path)));
@@ -99,11 +80,11 @@ void change(Hive::HiveFile& hive) {
   setData(Util::openPath(root, String::create("From/Sub")), u"z", 3, 100);
   ASSERT_TRUE(Util::recursiveKeyDelete(root, root->key(String::create("Tmp"))));
   Ref<Key> from = root->key(String::create("From")), to = root->key(String::create("To"));
-  ASSERT_TRUE(to->move(from->key(String::create("Sub")), S(u"Moved \u0416")));
-  ASSERT_TRUE(root->move(from, S(u"Renamed")));
-  Ref<Key> moved = to->key(S(u"moved \u0436"));
-  ASSERT_TRUE(moved && moved->move(moved->value(String::create("z")), S(u"z renamed")));
-  ASSERT_TRUE(to->move(moved->value(String::create("z renamed")), S(u"z moved")));
+  ASSERT_TRUE(to->move(from->key(String::create("Sub")), str(u"Moved \u0416")));
+  ASSERT_TRUE(root->move(from, str(u"Renamed")));
+  Ref<Key> moved = to->key(str(u"moved \u0436"));
+  ASSERT_TRUE(moved && moved->move(moved->value(String::create("z")), str(u"z renamed")));
+  ASSERT_TRUE(to->move(moved->value(String::create("z renamed")), str(u"z moved")));
   for (u32 i = 2; i < 1300; i += 3)
     ASSERT_TRUE(many->deleteKey(
         many->key(String::create(std::string("k").append(std::to_string(i * 7919 % 10000))))));
@@ -113,11 +94,10 @@ void change(Hive::HiveFile& hive) {
 TEST(PeerListing, AgreesAfterChanges) {
   if (system("/usr/bin/python3 -c 'import hivex' 2>/dev/null") != 0 || !fs::exists(kTool))
     GTEST_SKIP() << "python3-hivex or the listing tool is missing";
-  std::string dir = (fs::temp_directory_path() / "hivekit-peer-XXXXXX").string();
-  ASSERT_NE(mkdtemp(dir.data()), nullptr);
+  hivekit::test::TempDir dir;
   for (u32 minor : {3u, 5u}) {
     SCOPED_TRACE("minor " + std::to_string(minor));
-    const std::string file = dir + "/hive" + std::to_string(minor);
+    const std::string file = dir.path("hive" + std::to_string(minor)).string();
     {
       Ref<Hive::HiveFile> hive = Hive::HiveFile::create(String::create(file), minor, Hive::latin1);
       ASSERT_TRUE(hive);
@@ -125,9 +105,9 @@ TEST(PeerListing, AgreesAfterChanges) {
     }
     const std::string ours = run(std::string(HIVEKIT_CLI) + " dump " + file);
     EXPECT_GT(ours.size(), 30000u);  // the whole tree, not an error message
-    EXPECT_EQ(firstDifference(run("/usr/bin/python3 " + kTool.string() + " " + file), ours), "");
+    EXPECT_EQ(hivekit::test::firstDifference(run("/usr/bin/python3 " + kTool.string() + " " + file), ours),
+              "");
   }
-  fs::remove_all(dir);
 }
 
 }  // namespace

@@ -8,10 +8,8 @@
 // hive's own free space) may be listed, and no version twice.
 // The files are only read: they keep their bytes.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <random>
 
@@ -78,13 +76,8 @@ void writeLoggedHive(const fs::path& dir) {
   b.value(k, u"v", 4, {1, 0, 0, 0});
   b.value(b.key(k, u"Sub"), u"text", 1, {'a', 0, 'b', 0, 0, 0});
   const std::vector<test::u8> image = b.build();
-  test::LogBuilder log(image, 2);
-  log.entry(2, static_cast<test::u32>(image.size() - 4096),
-            {test::LoggedPage{0, std::vector<test::u8>(image.begin() + 4096, image.begin() + 8192)}});
-  std::ofstream(dir / "hive", std::ios::binary)
-      .write(reinterpret_cast<const char*>(image.data()), image.size());
-  std::ofstream(dir / "hive.LOG1", std::ios::binary)
-      .write(reinterpret_cast<const char*>(log.bytes.data()), log.bytes.size());
+  test::writeFile(dir / "hive", image);
+  test::writeFile(dir / "hive.LOG1", test::firstPageLog(image));
 }
 
 void change(Hive& hive, std::mt19937& rng, int step) {
@@ -123,9 +116,8 @@ bool sameVersion(const Version& a, const DeletedItem& item, const std::string& d
 // Returns how many versions it checked.
 size_t runModel(std::uint32_t seed) {
   SCOPED_TRACE("seed " + std::to_string(seed));
-  const fs::path dir = fs::temp_directory_path() / ("hivekit-dlogs-" + std::to_string(getpid()));
-  fs::remove_all(dir);
-  fs::create_directories(dir);
+  const test::TempDir temp;
+  const fs::path& dir = temp.path();
   writeLoggedHive(dir);
   std::mt19937 rng(seed);
   std::vector<Snapshot> states;  // after entry 2, 3, ... (a flush with no change adds none)
@@ -229,7 +221,6 @@ size_t runModel(std::uint32_t seed) {
   }
   hive = Hive();
   EXPECT_TRUE(test::readFile(dir / "hive") + test::readFile(dir / "hive.LOG1") == files);
-  fs::remove_all(dir);
   return checked;
 }
 

@@ -10,7 +10,6 @@
 // values no key lists, under \? or under a live key whose list still
 // names them, as are values deleted one by one.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <map>
@@ -21,6 +20,7 @@
 #include "hive/key/key_record.h"
 #include "hive/value/value_record.h"
 #include "hivekit/hivekit.h"
+#include "tests/support/test_files.h"
 
 namespace hivekit {
 namespace {
@@ -195,7 +195,8 @@ void liveRecords(const Key& key, std::map<std::uint32_t, std::string>& keys,
 
 void runModel(std::uint32_t seed, std::uint32_t minor, bool reuse) {
   SCOPED_TRACE("seed " + std::to_string(seed) + " minor " + std::to_string(minor) + (reuse ? " reuse" : ""));
-  const fs::path file = fs::temp_directory_path() / ("hivekit-deleted-" + std::to_string(getpid()) + ".hiv");
+  const test::TempDir temp;
+  const fs::path file = temp.path("hive");
   std::mt19937 rng(seed);
   Bytes8 after;
   std::vector<Expected> expected;
@@ -269,7 +270,6 @@ void runModel(std::uint32_t seed, std::uint32_t minor, bool reuse) {
     }
   }
   EXPECT_GT(checked, reuse ? 0u : 10u);
-  fs::remove(file);
 }
 
 TEST(DeletedModel, EveryUnreusedItemIsFoundExactly) {

@@ -21,6 +21,7 @@
 
 #include "hivekit/hivekit.h"
 #include "tests/log/log_builder.h"
+#include "tests/support/api_tree.h"
 #include "tests/support/hive_builder.h"
 #include "tests/support/test_files.h"
 
@@ -31,28 +32,6 @@ namespace fs = std::filesystem;
 using test::CrashPoint;
 using test::CrashRun;
 constexpr FileTime STAMP = 133537680000000000;  // 2024-03-01T12:00:00Z: the same bytes on every run
-
-// The tree as a string: every key with its last write time and every
-// value with its type and data.
-void listing(const Key& key, const std::string& path, std::string& out) {
-  out += path + " @" + std::to_string(key.last_write()) + "\n";
-  for (const Value& v : key.values()) {
-    out += path + ":" + v.name() + "=" + std::to_string(static_cast<int>(v.type())) + ":";
-    Result<Bytes> data = v.data();
-    if (!data) {
-      out += "<" + data.status().message() + ">\n";
-      continue;
-    }
-    for (std::byte b : *data) out += "0123456789abcdef"[std::to_integer<int>(b) >> 4];
-    out += "\n";
-  }
-  for (const Key& sub : key.subkeys()) listing(sub, path + "\\" + sub.name(), out);
-}
-std::string listing(const Hive& hive) {
-  std::string out;
-  listing(hive.root(), "", out);
-  return out;
-}
 
 std::string regFile(int keys) {
   std::string text = "Windows Registry Editor Version 5.00\r\n\r\n";
@@ -77,13 +56,8 @@ void prepare(const std::string& workload, const fs::path& dir) {
     const auto k = b.key(b.root(), u"Logged");
     b.value(k, u"v", 4, {1, 0, 0, 0});
     const std::vector<test::u8> image = b.build();
-    test::LogBuilder log(image, 2);
-    log.entry(2, static_cast<test::u32>(image.size() - 4096),
-              {test::LoggedPage{0, std::vector<test::u8>(image.begin() + 4096, image.begin() + 8192)}});
-    std::ofstream(dir / "hive", std::ios::binary)
-        .write(reinterpret_cast<const char*>(image.data()), image.size());
-    std::ofstream(dir / "hive.LOG1", std::ios::binary)
-        .write(reinterpret_cast<const char*>(log.bytes.data()), log.bytes.size());
+    test::writeFile(dir / "hive", image);
+    test::writeFile(dir / "hive.LOG1", test::firstPageLog(image));
   } else {
     Result<Hive> hive = Hive::create((dir / "hive").string(), {.fixed_time = STAMP});
     ASSERT_TRUE(hive.ok()) << hive.status().to_string();
@@ -163,25 +137,13 @@ std::string hivexProblems(const std::vector<fs::path>& files) {
       "  except Exception as e: print(p, e)\n"
       "'";
   for (const fs::path& f : files) command += " '" + f.string() + "'";
-  std::string out;
-  if (FILE* p = popen(command.c_str(), "r")) {
-    char buffer[4096];
-    size_t n;
-    while ((n = fread(buffer, 1, sizeof buffer, p)) > 0) out.append(buffer, n);
-    if (pclose(p) != 0 && out.empty()) out = "python failed";
-  }
-  return out;
+  int status = 0;
+  const std::string out = test::commandOutput(command, &status);
+  return status != 0 && out.empty() ? "python failed" : out;
 }
 
 class CrashSweep : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string tmpl = (fs::temp_directory_path() / "hivekit-sweep-XXXXXX").string();
-    ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-    root = tmpl;
-  }
-  void TearDown() override { fs::remove_all(root); }
-
   // Runs the workload at `limit` sampled points (crash points, or with
   // `diskFull` the first failing call) and checks each outcome.
   void sweep(const std::string& workload, long limit, long tail, bool diskFull) {
@@ -195,9 +157,9 @@ class CrashSweep : public ::testing::Test {
     {
       Result<Hive> before = Hive::open((reference / "hive").string());
       ASSERT_TRUE(before.ok()) << before.status().to_string();
-      states.push_back(listing(*before));
+      states.push_back(test::apiTree(*before));
     }
-    runWorkload(workload, reference, [&](Hive& h) { states.push_back(listing(h)); });
+    runWorkload(workload, reference, [&](Hive& h) { states.push_back(test::apiTree(h)); });
     ASSERT_GT(states.size(), 1u);
 
     // The calls it makes, from a run of the child to its end.
@@ -222,7 +184,7 @@ class CrashSweep : public ::testing::Test {
       ASSERT_EQ(run.status, diskFull ? 0 : test::CRASH_STATUS) << run.output;
       Result<Hive> hive = Hive::open((dir / "hive").string());
       ASSERT_TRUE(hive.ok()) << hive.status().to_string();
-      const std::string now = listing(*hive);
+      const std::string now = test::apiTree(*hive);
       const size_t k = static_cast<size_t>(run.flushes);
       ASSERT_LT(k, states.size());
       if (now == states[k]) {
@@ -248,7 +210,8 @@ class CrashSweep : public ::testing::Test {
               << "\n";
   }
 
-  fs::path root;
+  test::TempDir temp;
+  const fs::path& root = temp.path();
 };
 
 // About 130 child runs in all by default.

@@ -28,18 +28,11 @@ using Platform::MemoryStripe;
 using test::FAULT_KINDS;
 using test::FaultSpec;
 using test::FaultStripe;
+using test::pattern;
 namespace Error = Platform::Error;
 namespace Log = Platform::Log;
 namespace T = Cfg::ValueTypes;
 
-Ref<String> S(const char* s) {
-  return String::create(s);
-}
-std::vector<u8> pattern(size_t n, u8 seed) {
-  std::vector<u8> d(n);
-  for (size_t i = 0; i < n; ++i) d[i] = static_cast<u8>(i * 31 + seed);
-  return d;
-}
 std::vector<u8>& bytesOf(const Ref<FaultStripe>& s) {
   return s->inner().cast<MemoryStripe>()->bytes();
 }
@@ -51,7 +44,7 @@ struct Disk {
 };
 
 HiveFile::LogFiles logFiles(Ref<Interfaces::Stripe> log1) {
-  return {nullptr, std::move(log1), nullptr, nullptr, S("h.LOG1"), nullptr, {}};
+  return {nullptr, std::move(log1), nullptr, nullptr, str("h.LOG1"), nullptr, {}};
 }
 
 // The bytes opened read-only, a dirty hive accepted.
@@ -66,18 +59,13 @@ Ref<HiveFile> openDisk(const Disk& disk) {
 std::string opensAs(const Disk& disk, const MKey& model, bool walk = false) {
   Ref<HiveFile> hive = openDisk(disk);
   if (!hive) return "does not open, error " + std::to_string(Error::get());
-  Listing read;
-  readListing(hive->root(), "", read);
-  if (std::string d = diff(model, read); !d.empty() || !walk) return d;
-  RawReport report;
-  Listing raw;
-  if (!RawReader(disk.hive, report).read(raw)) return "byte walk: " + report.error;
-  return diff(model, raw);
+  const std::string d = diffTree(model, hive->root());
+  return d.empty() && walk ? diffBytes(model, disk.hive) : d;
 }
 
 // The key at a path of names ("" the root), in the hive or the model.
 Ref<Cfg::Key> keyAt(const Ref<HiveFile>& hive, const char* path) {
-  return hive->path(*path ? S(path) : nullptr);
+  return hive->path(*path ? str(path) : nullptr);
 }
 MKey& modelKey(MKey& root, const std::u16string& path) {
   MKey* k = &root;
@@ -102,18 +90,14 @@ struct Step {
 
 bool setData(const Ref<HiveFile>& hive, const char* key, const char* value, const std::vector<u8>& data) {
   Ref<Cfg::Key> k = keyAt(hive, key);
-  Ref<Cfg::Value> v = k ? k->value(S(value)) : nullptr;
+  Ref<Cfg::Value> v = k ? k->value(str(value)) : nullptr;
   Ref<Interfaces::Stripe> b = v ? v->binary() : nullptr;
   return b && b->setElementCount(data.size()) == data.size() &&
          b->writeAt(0, data.data(), data.size()) == data.size();
 }
 std::vector<u8> dataOf(const Ref<HiveFile>& hive, const char* key, const char* value) {
   Ref<Cfg::Key> k = keyAt(hive, key);
-  Ref<Cfg::Value> v = k ? k->value(S(value)) : nullptr;
-  Ref<Interfaces::Stripe> b = v ? v->binary() : nullptr;
-  std::vector<u8> d(b ? b->elementCount() : 0);
-  d.resize(b ? b->readAt(0, d.data(), d.size()) : 0);
-  return d;
+  return test::dataOf(k ? k->value(str(value)) : nullptr);
 }
 
 const std::vector<u8> BLOB = pattern(20000, 1), MID = pattern(5000, 2);
@@ -129,7 +113,7 @@ std::vector<Step> workload() {
         "create key",
         [=](const Ref<HiveFile>& h) {
           Ref<Cfg::Key> p = keyAt(h, parent);
-          return p && p->createKey(S(name));
+          return p && p->createKey(str(name));
         },
         [=](MKey& m) { insertKey(modelKey(m, Platform::utf8ToUtf16(parent)), Platform::utf8ToUtf16(name)); }};
   };
@@ -137,7 +121,7 @@ std::vector<Step> workload() {
     return Step{"create value",
                 [=](const Ref<HiveFile>& h) {
                   Ref<Cfg::Key> k = keyAt(h, key);
-                  return k && k->createValue(S(name), type);
+                  return k && k->createValue(str(name), type);
                 },
                 [=](MKey& m) {
                   modelKey(m, Platform::utf8ToUtf16(key))
@@ -175,7 +159,7 @@ std::vector<Step> workload() {
       {"delete value",
        [](const Ref<HiveFile>& h) {
          Ref<Cfg::Key> k = keyAt(h, "alpha");
-         Ref<Cfg::Value> v = k ? k->value(S("n")) : nullptr;
+         Ref<Cfg::Value> v = k ? k->value(str("n")) : nullptr;
          return v && k->deleteValue(v);
        },
        [](MKey& m) { m.subkeys.at(u"alpha").values.erase(m.subkeys.at(u"alpha").values.begin()); }},
@@ -188,7 +172,7 @@ std::vector<Step> workload() {
       {"rename key",
        [](const Ref<HiveFile>& h) {
          Ref<Cfg::Key> k = keyAt(h, "alpha");
-         return k && h->root()->move(k, S("beta"));
+         return k && h->root()->move(k, str("beta"));
        },
        [](MKey& m) {
          MKey k = m.subkeys.at(u"alpha");
@@ -199,7 +183,7 @@ std::vector<Step> workload() {
       {"move key",
        [](const Ref<HiveFile>& h) {
          Ref<Cfg::Key> top = keyAt(h, "top"), k = keyAt(h, "beta");
-         return top && k && top->move(k, S("gamma"));
+         return top && k && top->move(k, str("gamma"));
        },
        [](MKey& m) {
          MKey k = m.subkeys.at(u"beta");
@@ -224,24 +208,24 @@ Start makeStart(bool logged, bool padded, bool big) {
   Start s;
   Ref<MemoryStripe> file = MemoryStripe::create();
   Ref<HiveFile> hive = HiveFile::create(file, 5, Hive::latin1, {});
-  Ref<Cfg::Key> top = hive->root()->createKey(S("top"));
+  Ref<Cfg::Key> top = hive->root()->createKey(str("top"));
   insertKey(s.model, u"top");
   for (const char* name : {"t0", "t1", "t2"}) {
-    top->createKey(S(name));
+    top->createKey(str(name));
     insertKey(s.model.subkeys.at(u"top"), Platform::utf8ToUtf16(name));
   }
   for (const char* name : {"keep1", "keep2", "keep3"}) {
     const std::vector<u8> keep = pattern(3000, static_cast<u8>(name[4]));
-    top->createValue(S(name), T::Binary);
+    top->createValue(str(name), T::Binary);
     setData(hive, "top", name, keep);
     s.model.subkeys.at(u"top").values.push_back({Platform::utf8ToUtf16(name), T::Binary, keep});
   }
   if (big) {
-    Ref<Cfg::Key> k = hive->root()->createKey(S("big"));
+    Ref<Cfg::Key> k = hive->root()->createKey(str("big"));
     insertKey(s.model, u"big");
     for (u32 i = 0; i < BIG_VALUES; ++i) {
       const std::string name = std::to_string(i);
-      k->createValue(S(name.c_str()), T::Binary);
+      k->createValue(str(name.c_str()), T::Binary);
       setData(hive, "big", name.c_str(), BIG);
       s.model.subkeys.at(u"big").values.push_back({Platform::utf8ToUtf16(name), T::Binary, BIG});
     }
@@ -255,7 +239,7 @@ Start makeStart(bool logged, bool padded, bool big) {
   // carries the pages that changed.
   const std::vector<u8> clean = s.disk.hive;
   hive = HiveFile::open(file, 0, Hive::latin1, {});
-  hive->root()->createKey(S("logged"));
+  hive->root()->createKey(str("logged"));
   insertKey(s.model, u"logged");
   EXPECT_TRUE(hive->flush());
   hive = nullptr;
@@ -360,7 +344,8 @@ class FaultSweep : public ::testing::TestWithParam<Config> {
       bool ok = step.run(hive);
       // Changes reach storage only through a flush (or write-through).
       if (std::string(step.what) == "read big") {
-        EXPECT_EQ(file->calls(FaultStripe::Write) + (log1 ? log1->calls(FaultStripe::Write) : 0), writesBefore);
+        EXPECT_EQ(file->calls(FaultStripe::Write) + (log1 ? log1->calls(FaultStripe::Write) : 0),
+                  writesBefore);
       }
       if (!ok) failureShows(step.what);
       if (target->fired() > before) {
@@ -373,9 +358,7 @@ class FaultSweep : public ::testing::TestWithParam<Config> {
                       Platform::utf8ToUtf16(step.dataValue))
                 ->data = dataOf(hive, step.dataKey, step.dataValue);
           }
-          Listing live;
-          readListing(hive->root(), "", live);
-          EXPECT_EQ(diff(model, live), "") << "the hive after a failed " << step.what;
+          EXPECT_EQ(diffTree(model, hive->root()), "") << "the hive after a failed " << step.what;
           ok = step.run(hive);
           EXPECT_TRUE(ok) << step.what << " once the fault is gone";
         }

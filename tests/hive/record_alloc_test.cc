@@ -1,6 +1,7 @@
-// Allocation, resizing and writing of records: first fit, growth of the
-// file by a new hbin, remainders and merging, moves, refusals. A full disk
-// is write_failure_test.cc's, failing calls fault_sweep_test.cc's.
+// Allocation, resizing and writing of records: growth of the file by a new
+// hbin, remainders and merging, moves, refusals. Where first fit puts a
+// record is first_fit_test.cc's, a full disk write_failure_test.cc's,
+// failing calls fault_sweep_test.cc's.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -9,19 +10,13 @@
 #include "hive/format/errors.h"
 #include "hive/registry_hive.h"
 #include "platform/error.h"
-#include "platform/memory_stripe.h"
-#include "tests/support/hive_builder.h"
+#include "tests/support/hives.h"
 
 namespace Libraries::Files::Hive {
 namespace {
 
 using hivekit::test::HiveBuilder;
-
-Ref<RegistryHiveObj> openBytes(std::vector<u8> image, u32 mode, Ref<MemoryStripe>* stripe = nullptr) {
-  Ref<MemoryStripe> s = MemoryStripe::create(std::move(image));
-  if (stripe) *stripe = s;
-  return HiveFile::open(s, mode, latin1, nullptr).cast<RegistryHiveObj>();
-}
+using hivekit::test::openImage;
 
 // Uses up the free space of the first hbin, so later allocations go to the
 // hbins behind it (or to a new one).
@@ -43,7 +38,7 @@ class Growth : public ::testing::Test {
   void SetUp() override {
     HiveBuilder b;
     b.root();
-    hive = openBytes(b.build(), 0, &stripe);
+    hive = openImage(b.build(), 0, &stripe);
     ASSERT_TRUE(hive);
     fillFirstHbin(*hive);
   }
@@ -83,7 +78,7 @@ TEST_F(Growth, FullHiveGrowsByTheSmallestHbinThatHolds) {
   EXPECT_EQ(L32(file.data() + 4096 + hive_hbin::OFS_LAST), 4096u);
   EXPECT_EQ(L32(file.data() + 4096 + 8192 + hive_hbin::OFS_LAST), 0u) << "the new last hbin";
 
-  Ref<RegistryHiveObj> reopened = openBytes(file, 0x1);
+  Ref<RegistryHiveObj> reopened = openImage(file, 0x1);
   ASSERT_TRUE(reopened);
   EXPECT_EQ(lengthOf(*reopened, b, false), 4072u);
 }
@@ -91,7 +86,7 @@ TEST_F(Growth, FullHiveGrowsByTheSmallestHbinThatHolds) {
 TEST(Allocation, RefusesNonsenseSizes) {
   HiveBuilder b;
   b.root();
-  Ref<RegistryHiveObj> hive = openBytes(b.build(), 0);
+  Ref<RegistryHiveObj> hive = openImage(b.build(), 0);
   Error::set(0);
   EXPECT_EQ(hive->allocateRecord(0), INVALID_RECORD);
   EXPECT_EQ(Error::get(), Errors::ALLOCATION_FAILED);
@@ -102,7 +97,7 @@ TEST(Allocation, RefusesNonsenseSizes) {
 class Layout : public ::testing::Test {
  protected:
   void open(HiveBuilder& b, u32 mode = 0) {
-    hive = openBytes(b.build(), mode, &stripe);
+    hive = openImage(b.build(), mode, &stripe);
     ASSERT_TRUE(hive);
     if (mode == 0) fillFirstHbin(*hive);
   }
@@ -115,19 +110,6 @@ class Layout : public ::testing::Test {
   Ref<MemoryStripe> stripe;
   Ref<RegistryHiveObj> hive;
 };
-
-TEST_F(Layout, FirstOfEqualFreeRecordsIsTaken) {
-  HiveBuilder b = start();
-  const u32 first = b.cell(64);
-  b.cell(8);
-  const u32 second = b.cell(64);
-  b.cell(4096 - 32 - 136);
-  b.freeCell(first);
-  b.freeCell(second);
-  open(b);
-  EXPECT_EQ(hive->allocateRecord(60), first);
-  EXPECT_EQ(hive->allocateRecord(64), second);
-}
 
 TEST_F(Layout, ExactFitLeavesNoRemainderSmallerFitMergesTheFreeSpaceBehind) {
   HiveBuilder b = start();
@@ -186,22 +168,6 @@ TEST_F(Layout, GrowingUsesTheFreeSpaceBehindOrMoves) {
   const hive_record* r = hive->cacheLoadRecord(moved);
   ASSERT_NE(r, nullptr);
   for (u32 i = 4; i < 32; ++i) EXPECT_EQ(r->bytes()[i], i);
-}
-
-TEST_F(Layout, KeepIfLargerAndFreeing) {
-  HiveBuilder b = start();
-  const u32 r = b.cell(64);
-  const u32 behind = b.cell(16);
-  b.cell(4096 - 32 - 80);
-  b.freeCell(behind);
-  open(b);
-  EXPECT_EQ(hive->resizeRecord(r, 16, false, nullptr, true), r);
-  EXPECT_EQ(lengthOf(*hive, r, false), 64u);
-  EXPECT_EQ(hive->resizeRecord(r, 64, false), r);
-  EXPECT_TRUE(hive->freeRecord(r));
-  EXPECT_EQ(lengthOf(*hive, r, true), 80u);
-  EXPECT_EQ(hive->cacheLoadRecord(r), nullptr);
-  EXPECT_FALSE(hive->freeRecord(r)) << "a free record cannot be freed";
 }
 
 TEST_F(Layout, WriteRecordChecksPositionAndBounds) {

@@ -22,10 +22,7 @@
 // and a third of the variants (none of files above 1 MiB): each must end
 // with status 0 or 1, without a sanitizer report, and what their --json
 // forms write must parse as JSON (by /usr/bin/python3, when present).
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -36,7 +33,6 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <random>
 #include <string>
@@ -48,6 +44,7 @@
 #include "hive/log/marvin32.h"
 #include "hive/regfile/reg_file_util.h"
 #include "platform/memory_stripe.h"
+#include "tests/support/run_tool.h"
 #include "tests/support/test_files.h"
 
 namespace Libraries::Files::Hive {
@@ -56,21 +53,12 @@ namespace {
 namespace fs = std::filesystem;
 using Platform::MemoryStripe;
 using Bytes = std::vector<u8>;
-
-fs::path hivesDir() {
-  return fs::path(HIVEKIT_SOURCE_DIR) / ".." / "shared" / "testdata" / "hives";
-}
+using hivekit::test::readBytes;
+const fs::path hivesDir = hivekit::test::testHives();
 
 u32 envNumber(const char* name, u32 fallback) {
   const char* text = std::getenv(name);
   return text && *text ? static_cast<u32>(std::strtoul(text, nullptr, 10)) : fallback;
-}
-
-Bytes readFile(const fs::path& p) {
-  Bytes bytes(fs::file_size(p));
-  std::ifstream in(p, std::ios::binary);
-  in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-  return bytes;
 }
 
 // One file of the test data and the logs found beside it.
@@ -84,11 +72,11 @@ struct Subject {
 std::vector<Subject> subjects() {
   std::vector<Subject> out;
   const std::string filter = std::getenv("HIVEKIT_SWEEP_HIVE") ? std::getenv("HIVEKIT_SWEEP_HIVE") : "";
-  for (const auto& entry : fs::recursive_directory_iterator(hivesDir())) {
+  for (const auto& entry : fs::recursive_directory_iterator(hivesDir)) {
     if (!entry.is_regular_file()) continue;
     Subject s;
     s.path = entry.path();
-    s.name = fs::relative(entry.path(), hivesDir()).string();
+    s.name = fs::relative(entry.path(), hivesDir).string();
     if (s.name.find(filter) == std::string::npos) continue;
     const char* suffixes[3] = {".LOG", ".LOG1", ".LOG2"};
     for (int i = 0; i < 3; ++i) {
@@ -359,7 +347,7 @@ struct Tally {
 class TestdataMutation : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!fs::is_directory(hivesDir())) GTEST_SKIP() << "no shared test data at " << hivesDir();
+    if (!fs::is_directory(hivesDir)) GTEST_SKIP() << "no shared test data at " << hivesDir;
     _variants = envNumber("HIVEKIT_SWEEP_VARIANTS", 3);
     _hang = envNumber("HIVEKIT_SWEEP_HANG", 10);
     _fullWalk = envNumber("HIVEKIT_SWEEP_FULL", 0) != 0;
@@ -455,12 +443,12 @@ class TestdataMutation : public ::testing::Test {
     for (const Subject& s : all) {
       const auto start = std::chrono::steady_clock::now();
       _tally = {};
-      const Bytes hive = readFile(s.path);
+      const Bytes hive = readBytes(s.path);
       Bytes logBytes[3];
       const Bytes* logs[3] = {};
       for (int i = 0; i < 3; ++i) {
         if (s.logs[i].empty()) continue;
-        logBytes[i] = readFile(s.logs[i]);
+        logBytes[i] = readBytes(s.logs[i]);
         logs[i] = &logBytes[i];
       }
       body(s, hive, logs);
@@ -540,48 +528,16 @@ TEST_F(TestdataMutation, LogsDamaged) {
 
 // ---- The tool on the same files ----
 
-struct ToolRun {
-  int status = -1;  // exit status, or 128 + the signal that ended it
-  std::string err;
-};
-
-// Runs the tool with standard output into `out`. Sanitizer reports exit
-// with 86, out of the tool's own range; a run past a minute of CPU is
-// ended by the kernel.
-ToolRun runTool(const std::vector<std::string>& args, const fs::path& out, const fs::path& err) {
-  std::vector<std::string> store{HIVEKIT_CLI};
-  store.insert(store.end(), args.begin(), args.end());
-  std::vector<char*> argv;
-  for (std::string& a : store) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int fds[3] = {open("/dev/null", O_RDONLY), open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
-                        open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
-    for (int i = 0; i < 3; ++i) dup2(fds[i], i);
-    const rlimit cpu{60, 61};
-    setrlimit(RLIMIT_CPU, &cpu);
-    setenv("ASAN_OPTIONS", "exitcode=86:detect_leaks=1", 1);
-    setenv("UBSAN_OPTIONS", "exitcode=86:print_stacktrace=1", 1);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  std::ifstream in(err);
-  std::stringstream text;
-  text << in.rdbuf();
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), text.str()};
-}
+using hivekit::test::runTool;
+using hivekit::test::ToolRun;
 
 TEST_F(TestdataMutation, ToolReadingCommands) {
-  std::string tmpl = (fs::temp_directory_path() / "hivekit-sweep-XXXXXX").string();
-  ASSERT_NE(mkdtemp(tmpl.data()), nullptr);
-  const fs::path dir = tmpl;
+  const hivekit::test::TempDir temp;
+  const fs::path& dir = temp.path();
   bool noPython = false;
   forEachFile([&](const Subject& s, const Bytes& hive, const Bytes* logs[3]) {
     const fs::path original = dir / "original";
-    std::ofstream(original, std::ios::binary).write(reinterpret_cast<const char*>(hive.data()), hive.size());
+    hivekit::test::writeFile(original, hive);
     std::vector<std::pair<std::string, Bytes>> variants = {{"unchanged", hive}};
     // A third of the sweep's variants of each kind (at least one), none of
     // the biggest files, whose unchanged form costs most.
@@ -598,16 +554,14 @@ TEST_F(TestdataMutation, ToolReadingCommands) {
     std::vector<std::pair<fs::path, bool>> json;
     for (size_t v = 0; v < variants.size(); ++v) {
       const fs::path file = dir / ("hive" + std::to_string(v));
-      std::ofstream(file, std::ios::binary)
-          .write(reinterpret_cast<const char*>(variants[v].second.data()), variants[v].second.size());
+      hivekit::test::writeFile(file, variants[v].second);
       // The unchanged file reads through its logs; the rest as stored.
       const char* suffixes[3] = {".LOG", ".LOG1", ".LOG2"};
       for (int i = 0; i < 3 && v == 0; ++i)
         if (logs[i]) {
           fs::path log = file;
           log += suffixes[i];
-          std::ofstream(log, std::ios::binary)
-              .write(reinterpret_cast<const char*>(logs[i]->data()), logs[i]->size());
+          hivekit::test::writeFile(log, *logs[i]);
         }
       // Every other variant is also read whole into memory (--unsafe).
       const std::string h = file.string(), mode = v % 2 ? "--unsafe" : "--codepage=latin1";
@@ -649,7 +603,6 @@ TEST_F(TestdataMutation, ToolReadingCommands) {
     noPython = problems == "no python";
     EXPECT_TRUE(noPython || problems.empty()) << s.name << ": " << problems;
   });
-  fs::remove_all(dir);
   if (noPython) GTEST_SKIP() << "no /usr/bin/python3: the JSON was not parsed";
 }
 

@@ -1,5 +1,4 @@
-// Shared helpers of the key tests: hives in memory and a look at the list
-// records behind a key.
+// Shared helpers of the key tests: a look at the list records behind a key.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,7 +12,7 @@
 #include "hive/registry_hive.h"
 #include "platform/error.h"
 #include "platform/memory_stripe.h"
-#include "tests/support/hive_builder.h"
+#include "tests/support/hives.h"
 
 namespace hivekit::test {
 
@@ -28,30 +27,6 @@ using Hive::RegistryHiveObj;
 using Platform::MemoryStripe;
 using Platform::Ref;
 using Platform::String;
-
-inline Ref<String> str(const std::string& s) {
-  return String::create(s);
-}
-
-inline Ref<RegistryHiveObj> openImage(std::vector<u8> image, u32 mode = 0,
-                                      Ref<MemoryStripe>* stripe = nullptr) {
-  Ref<MemoryStripe> s = MemoryStripe::create(std::move(image));
-  if (stripe) *stripe = s;
-  return HiveFile::open(s, mode, Hive::latin1, {}).cast<RegistryHiveObj>();
-}
-
-inline Ref<RegistryHiveObj> newHive(u32 minor, Ref<MemoryStripe>* stripe = nullptr) {
-  Ref<MemoryStripe> s = MemoryStripe::create();
-  if (stripe) *stripe = s;
-  return HiveFile::create(s, minor, Hive::latin1, {}).cast<RegistryHiveObj>();
-}
-
-// Flushes the hive and opens what reached the stripe as a new hive.
-inline Ref<RegistryHiveObj> reopen(const Ref<RegistryHiveObj>& hive, const Ref<MemoryStripe>& stripe,
-                                   u32 mode = 0) {
-  EXPECT_TRUE(hive->flush());
-  return openImage(stripe->bytes(), mode);
-}
 
 inline Ref<KeyObj> asKeyObj(const Ref<Hive::Key>& k) {
   return k.cast<KeyObj>();

@@ -68,6 +68,16 @@ class LogBuilder {
   std::vector<u8> bytes;
 };
 
+// The log of a builder's image whose base block says dirty (sequence
+// numbers 3/2): one entry carrying its first hbin. Opened writable with it,
+// the hive stays in log mode and every flush appends an entry.
+inline std::vector<u8> firstPageLog(const std::vector<u8>& hive) {
+  LogBuilder log(hive, 2);
+  log.entry(2, static_cast<u32>(hive.size() - 4096),
+            {LoggedPage{0, {hive.begin() + 4096, hive.begin() + 8192}}});
+  return log.bytes;
+}
+
 // Whether the entry at `position` carries the hashes of its bytes.
 inline bool entryHashesValid(const std::vector<u8>& log, size_t position) {
   namespace H = Libraries::Files::Hive;

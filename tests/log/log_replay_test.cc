@@ -12,22 +12,16 @@
 #include "hive/registry_hive.h"
 #include "platform/memory_stripe.h"
 #include "tests/log/log_builder.h"
-#include "tests/support/hive_builder.h"
+#include "tests/support/hives.h"
 
 namespace Libraries::Files::Hive {
 namespace {
 
+using hivekit::test::dataOf;
 using hivekit::test::LoggedPage;
 using P = std::pair<u32, u32>;
 using Entries = std::vector<std::pair<u32, std::vector<LoggedPage>>>;
 constexpr u32 PAGE = 4096;
-
-std::vector<u8> dataOf(const Ref<Value>& v) {
-  Ref<Interfaces::Stripe> s = v ? v->binary() : nullptr;
-  std::vector<u8> out(s ? s->elementCount() : 0);
-  out.resize(s ? s->readAt(0, out.data(), out.size()) : 0);
-  return out;
-}
 
 class LogReplay : public ::testing::Test {
  protected:
@@ -263,26 +257,6 @@ TEST_F(LogReplay, StartsALogThatHasNoEntryToContinue) {
   hive = nullptr;
   EXPECT_EQ(L32(&stripe2->bytes()[hive_header::OFS_PRIMARY_SEQ]), 4u);
   EXPECT_EQ(numbers(reopen()), P(7, 3));
-}
-
-TEST_F(LogReplay, AHiveGrowsThroughTheLog) {
-  Ref<RegistryHiveObj> hive = open(0, log(2, {{2, {set(v1, 2)}}}), {});
-  ASSERT_TRUE(hive);
-  std::vector<u8> big(6000);
-  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<u8>(i * 7);
-  Ref<Value> v = hive->root()->key(String::create("k"))->createValue(String::create("big"), 3);
-  Ref<Interfaces::Stripe> data = v ? v->binary() : nullptr;
-  ASSERT_TRUE(data && data->setElementCount(big.size()) == big.size());
-  ASSERT_EQ(data->writeAt(0, big.data(), big.size()), big.size());
-  ASSERT_TRUE(hive->flush());
-  data = nullptr, v = nullptr, hive = nullptr;
-  EXPECT_EQ(file->bytes(), image) << "neither grown nor written";
-
-  hive = reopen();
-  ASSERT_TRUE(hive);
-  EXPECT_GT(hive->hiveLength(), 2 * PAGE);
-  EXPECT_EQ(dataOf(value(hive, "big")), big);
-  EXPECT_EQ(numbers(hive), P(2, 1));
 }
 
 }  // namespace

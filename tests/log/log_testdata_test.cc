@@ -2,60 +2,43 @@
 // what Windows itself made of them. Nothing under the test data is written:
 // a hive opened writable is a copy in a temporary folder.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
 #include "hive/registry_hive.h"
 #include "platform/memory_stripe.h"
+#include "tests/support/test_files.h"
 
 namespace Libraries::Files::Hive {
 namespace {
 
 namespace fs = std::filesystem;
 
-fs::path hives() {
-  return fs::path(HIVEKIT_SOURCE_DIR) / ".." / "shared" / "testdata" / "hives";
-}
-
-std::vector<u8> readFile(const fs::path& p) {
-  std::ifstream in(p, std::ios::binary);
-  return std::vector<u8>(std::istreambuf_iterator<char>(in), {});
-}
+using hivekit::test::readBytes;
+using hivekit::test::testHives;
 
 Ref<RegistryHiveObj> openPath(const fs::path& p, u32 mode) {
   return HiveFile::open(String::create(p.string()), mode, latin1).cast<RegistryHiveObj>();
 }
 
-// A temporary folder, removed with everything in it.
-struct TempDir {
-  TempDir() : path(fs::temp_directory_path() / ("hivekit-log-" + std::to_string(::getpid()))) {
-    fs::create_directories(path);
-  }
-  ~TempDir() { fs::remove_all(path); }
-  fs::path path;
-};
-
 class LogTestdata : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (!fs::is_directory(hives())) GTEST_SKIP() << "no shared test data at " << hives();
+    if (!fs::is_directory(testHives())) GTEST_SKIP() << "no shared test data at " << testHives();
   }
 };
 
 TEST_F(LogTestdata, NewFormatRecoveryEqualsWindows10) {
-  Ref<RegistryHiveObj> hive = openPath(hives() / "NewDirtyHive1" / "NewDirtyHive", 0x1);
+  Ref<RegistryHiveObj> hive = openPath(testHives() / "NewDirtyHive1" / "NewDirtyHive", 0x1);
   ASSERT_TRUE(hive);
   EXPECT_EQ(hive->appliedSequence(), 5u);
   // The copy holds every hbin byte as the hive reads it through its logs;
   // even its base block is Windows' own (sequence numbers 6/6, checksum).
   Ref<MemoryStripe> copy = MemoryStripe::create();
   ASSERT_TRUE(hive->writeRecoveredCopy(copy));
-  const std::vector<u8> windows = readFile(hives() / "NewDirtyHive1" / "RecoveredHive_Windows10");
+  const std::vector<u8> windows = readBytes(testHives() / "NewDirtyHive1" / "RecoveredHive_Windows10");
   const size_t n = 4096 + hive->hiveLength();
   ASSERT_EQ(copy->bytes().size(), n);
   ASSERT_GE(windows.size(), n);
@@ -65,7 +48,7 @@ TEST_F(LogTestdata, NewFormatRecoveryEqualsWindows10) {
 
   // Both logs, partly folded into the file already: LOG1 from 287, LOG2
   // from 291, the file at 255.
-  hive = openPath(hives() / "UsrClass" / "UsrClass.dat", 0x1);
+  hive = openPath(testHives() / "UsrClass" / "UsrClass.dat", 0x1);
   ASSERT_TRUE(hive);
   EXPECT_EQ(hive->logFile(1).applied, 4u);
   EXPECT_EQ(hive->logFile(2).applied, 10u);
@@ -73,25 +56,25 @@ TEST_F(LogTestdata, NewFormatRecoveryEqualsWindows10) {
 }
 
 TEST_F(LogTestdata, OldFormatRepairInPlaceEqualsWindows7) {
-  TempDir temp;
-  const fs::path& dir = temp.path;
+  hivekit::test::TempDir temp;
+  const fs::path& dir = temp.path();
   for (const char* name : {"OldDirtyHive", "OldDirtyHive.LOG1", "OldDirtyHive.LOG2"}) {
-    fs::copy_file(hives() / "OldDirtyHive" / name, dir / name, fs::copy_options::overwrite_existing);
+    fs::copy_file(testHives() / "OldDirtyHive" / name, dir / name, fs::copy_options::overwrite_existing);
     fs::permissions(dir / name, fs::perms::owner_write, fs::perm_options::add);
   }
-  const std::vector<u8> log = readFile(dir / "OldDirtyHive.LOG1");
+  const std::vector<u8> log = readBytes(dir / "OldDirtyHive.LOG1");
   {
     Ref<RegistryHiveObj> hive = openPath(dir / "OldDirtyHive", 0);
     ASSERT_TRUE(hive);
     EXPECT_FALSE(hive->dirty());
     EXPECT_EQ(hive->logMode(), RegistryHiveObj::LogMode::None) << "repaired, the log is done with";
   }
-  const std::vector<u8> file = readFile(dir / "OldDirtyHive");
-  const std::vector<u8> windows = readFile(hives() / "OldDirtyHive" / "RecoveredHive_Windows7");
+  const std::vector<u8> file = readBytes(dir / "OldDirtyHive");
+  const std::vector<u8> windows = readBytes(testHives() / "OldDirtyHive" / "RecoveredHive_Windows7");
   ASSERT_GE(file.size(), 4096u);
   EXPECT_EQ(L32(&file[hive_header::OFS_PRIMARY_SEQ]), L32(&file[hive_header::OFS_SECONDARY_SEQ]));
   EXPECT_EQ(calculateHeaderChecksum(file.data()), L32(&file[hive_header::OFS_CHECKSUM]));
-  EXPECT_EQ(readFile(hives() / "OldDirtyHive" / "OldDirtyHive.LOG1"), log) << "the log is not written";
+  EXPECT_EQ(readBytes(testHives() / "OldDirtyHive" / "OldDirtyHive.LOG1"), log) << "the log is not written";
 
   // Windows went on working with the hive after recovering it: it stamped
   // the first hbin (0x14-0x1B) and rewrote one key's longest value name
@@ -121,7 +104,7 @@ TEST_F(LogTestdata, DamagedLogsFailCleanly) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.dir);
-    const fs::path p = hives() / c.dir / c.file;
+    const fs::path p = testHives() / c.dir / c.file;
     Log::Capture capture(3);
     EXPECT_FALSE(openPath(p, 0x1));
     EXPECT_TRUE(capture.contains(c.reason));

@@ -17,7 +17,7 @@
 #include "hive/format/format.h"
 #include "hive/interfaces.h"
 #include "platform/string.h"
-#include "tests/support/hive_builder.h"
+#include "tests/support/hives.h"
 
 namespace hivekit::model {
 
@@ -30,6 +30,7 @@ using Platform::u16;
 using Platform::u32;
 using Platform::u64;
 using Platform::u8;
+using test::str;
 namespace Cfg = Interfaces::Config::Hive;
 namespace Hive = Libraries::Files::Hive;
 
@@ -113,14 +114,18 @@ inline void readListing(const Ref<Cfg::Key>& key, const std::string& path, Listi
   Ref<Cfg::ValueIterator> values = key->valueIterator();
   out.push_back(keyLine(path, keys ? keys->count() : 0, values ? values->count() : 0));
   while (Ref<Cfg::Value> v = values ? values->next() : nullptr) {
-    MValue m{v->name()->units(), v->type(), {}};
-    Ref<Interfaces::Stripe> data = v->binary();
-    m.data.resize(data->elementCount());
-    m.data.resize(data->readAt(0, m.data.data(), m.data.size()));
-    out.push_back(valueLine(path, m));
+    out.push_back(valueLine(path, MValue{v->name()->units(), v->type(), test::dataOf(v)}));
   }
   while (Ref<Cfg::Key> s = keys ? keys->next() : nullptr)
     readListing(s, path + "\\" + utf8(s->name()->units()), out);
+}
+
+// "" when the tree below `root` holds what `expected` holds, else the first
+// difference.
+inline std::string diffTree(const MKey& expected, const Ref<Cfg::Key>& root) {
+  Listing read;
+  readListing(root, "", read);
+  return diff(expected, read);
 }
 
 // ------------------------------------------------------------ byte reader
@@ -264,6 +269,9 @@ class RawReader {
     }
     if (s != "lf" && s != "lh" && s != "li") return fail("unknown list " + s);
     if (n == 0) return fail("empty list record");
+    // The most entries the library puts in one list record before it
+    // converts (lf to li) or splits it.
+    if (n > (s == "lf" ? 400u : s == "li" ? 900u : 1200u)) return fail(s + " list of " + std::to_string(n));
     _r.listShapes.insert(outer + s);
     if ((s == "lf" && _minor >= 4) || (s == "lh" && _minor < 4))
       return fail(s + " list in a hive of minor version " + std::to_string(_minor));
@@ -344,5 +352,15 @@ class RawReader {
   std::set<u32> _owned;
   std::map<u32, u32> _skUsers;
 };
+
+// The same for hive bytes, which must also pass the byte walk.
+inline std::string diffBytes(const MKey& expected, const std::vector<u8>& bytes,
+                             RawReport* report = nullptr) {
+  RawReport own;
+  RawReport& r = report ? *report : own;
+  Listing raw;
+  if (!RawReader(bytes, r).read(raw)) return "byte walk: " + r.error;
+  return diff(expected, raw);
+}
 
 }  // namespace hivekit::model

@@ -34,10 +34,6 @@ u32 scaled(u32 n) {
   return s ? std::max<u32>(1, n * static_cast<u32>(std::atoi(s)) / 100) : n;
 }
 
-Ref<String> S(const std::u16string& s) {
-  return String::fromUtf16(s);
-}
-
 u32 countKeys(const MKey& k) {
   u32 n = 1;
   for (const auto& s : k.subkeys) n += countKeys(s.second);
@@ -46,15 +42,6 @@ u32 countKeys(const MKey& k) {
 template <class Map>
 auto& nth(Map& m, size_t i) {
   return std::next(m.begin(), i)->second;
-}
-
-std::vector<u8> utf16z(const std::vector<std::u16string>& parts) {
-  std::vector<u8> out;
-  for (const std::u16string& p : parts) {
-    for (char16_t c : p) out.insert(out.end(), {u8(c), u8(c >> 8)});
-    out.insert(out.end(), {0, 0});
-  }
-  return out;
 }
 
 // A hive whose key S2 has a security record of its own (S1 and the root
@@ -153,7 +140,7 @@ class ModelRun {
     Ref<Cfg::Key> k = _hive->root();
     for (const std::u16string& n : path) {
       if (!k) break;
-      k = k->key(S(variant(n)));
+      k = k->key(str(variant(n)));
       pin(k);
     }
     EXPECT_TRUE(k) << "cannot open " << utf8(path.empty() ? u"\\" : path.back());
@@ -199,11 +186,11 @@ class ModelRun {
     Ref<Cfg::Key> k = open(path);
     if (!k) return;
     if (findKey(*mk, nm))
-      return expectError(bool(k->createKey(S(nm))), Errors::KEY_EXISTS, "create existing key");
+      return expectError(bool(k->createKey(str(nm))), Errors::KEY_EXISTS, "create existing key");
     if (_keys > 6000) return;
-    EXPECT_FALSE(k->key(S(nm)));
+    EXPECT_FALSE(k->key(str(nm)));
     EXPECT_EQ(Error::get(), Errors::KEY_NOT_FOUND);
-    Ref<Cfg::Key> made = k->createKey(S(nm));
+    Ref<Cfg::Key> made = k->createKey(str(nm));
     ASSERT_TRUE(made) << utf8(nm) << " error " << Error::get();
     EXPECT_TRUE(made->name()->units() == nm);
     insertKey(*mk, nm);
@@ -238,7 +225,7 @@ class ModelRun {
   }
   Ref<ValueObj> openValue(const Path& path, const MValue& mv) {
     Ref<Cfg::Key> k = open(path);
-    Ref<Cfg::Value> v = k ? k->value(S(variant(mv.name))) : nullptr;
+    Ref<Cfg::Value> v = k ? k->value(str(variant(mv.name))) : nullptr;
     EXPECT_TRUE(v) << "cannot open value " << utf8(mv.name);
     pin(v);
     return v.cast<ValueObj>();
@@ -255,8 +242,8 @@ class ModelRun {
     Ref<Cfg::Key> k = open(path);
     if (!k) return;
     if (findValue(*mk, nm))
-      return expectError(bool(k->createValue(S(nm), type)), Errors::VALUE_EXISTS, "value exists");
-    Ref<Cfg::Value> v = k->createValue(S(nm), type);
+      return expectError(bool(k->createValue(str(nm), type)), Errors::VALUE_EXISTS, "value exists");
+    Ref<Cfg::Value> v = k->createValue(str(nm), type);
     ASSERT_TRUE(v) << Error::get();
     mk->values.push_back(MValue{nm, type, std::vector<u8>(ValueObj::datasizeFormType(type), 0)});
   }
@@ -312,16 +299,19 @@ class ModelRun {
     switch (mv->type) {
       case T::String:
       case T::ExpandString:
-        ASSERT_TRUE(v->setString(S(text))) << Error::get();
-        mv->data = utf16z({text});
+        ASSERT_TRUE(v->setString(str(text))) << Error::get();
+        mv->data = test::sz(text);
         return;
       case T::MultiString: {
         auto list = Platform::TVector<Ref<String>>::create();
-        std::vector<std::u16string> parts;
-        for (u32 i = below(4); i > 0; --i) parts.push_back(newName());
-        for (const auto& p : parts) list->push_back(S(p));
+        mv->data.clear();
+        for (u32 i = below(4); i > 0; --i) {
+          const std::u16string part = newName();
+          list->push_back(str(part));
+          const std::vector<u8> z = test::sz(part);
+          mv->data.insert(mv->data.end(), z.begin(), z.end());
+        }
         ASSERT_TRUE(v->setStrings(list)) << Error::get();
-        mv->data = utf16z(parts);
         mv->data.insert(mv->data.end(), {0, 0});
         return;
       }
@@ -339,7 +329,7 @@ class ModelRun {
         return;
       }
       default:
-        return expectError(v->setString(S(text)), Errors::WRONG_TYPE, "string of another type");
+        return expectError(v->setString(str(text)), Errors::WRONG_TYPE, "string of another type");
     }
   }
 
@@ -365,9 +355,10 @@ class ModelRun {
     Ref<Cfg::Key> k = open(from), d = open(to);
     if (!k || !d) return;
     const bool nested = to.size() >= from.size() && std::equal(from.begin(), from.end(), to.begin());
-    if (nested) return expectError(d->move(k, S(nm)), Errors::MOVE_NESTED, "move below itself");
-    if (findKey(*dest, nm)) return expectError(d->move(k, S(nm)), Errors::MOVE_NAME_EXISTS, "move onto name");
-    ASSERT_TRUE(d->move(k, S(nm))) << Error::get();
+    if (nested) return expectError(d->move(k, str(nm)), Errors::MOVE_NESTED, "move below itself");
+    if (findKey(*dest, nm))
+      return expectError(d->move(k, str(nm)), Errors::MOVE_NAME_EXISTS, "move onto name");
+    ASSERT_TRUE(d->move(k, str(nm))) << Error::get();
     EXPECT_TRUE(k->name()->units() == nm);
     auto node = resolve(Path(from.begin(), from.end() - 1))->subkeys.extract(mk->name);
     node.key() = node.mapped().name = nm;
@@ -388,8 +379,8 @@ class ModelRun {
     Ref<Cfg::Key> d = open(to);
     if (!v || !d) return;
     if (findValue(*dest, nm))
-      return expectError(d->move(v, S(nm)), Errors::MOVE_VALUE_EXISTS, "value onto name");
-    ASSERT_TRUE(d->move(v, S(nm))) << Error::get();
+      return expectError(d->move(v, str(nm)), Errors::MOVE_VALUE_EXISTS, "value onto name");
+    ASSERT_TRUE(d->move(v, str(nm))) << Error::get();
     MValue moved = std::move(*mv);
     MKey* src = resolve(from);
     src->values.erase(src->values.begin() + (mv - src->values.data()));
@@ -414,7 +405,7 @@ class ModelRun {
       }
       mk = next;
     }
-    ASSERT_TRUE(k && Util::openOrCreatePath(k, S(slashed))) << Error::get();
+    ASSERT_TRUE(k && Util::openOrCreatePath(k, str(slashed))) << Error::get();
   }
 
   // The key with the most subkeys (or a random one) gets hundreds more, so
@@ -443,7 +434,7 @@ class ModelRun {
     for (u32 n = 100 + below(700); n > 0; --n) {
       const std::u16string nm = prefix + Platform::utf8ToUtf16(std::to_string(_rng() % 100000));
       if (findKey(*mk, nm)) continue;
-      ASSERT_TRUE(k->createKey(S(nm))) << Error::get() << " at " << mk->subkeys.size();
+      ASSERT_TRUE(k->createKey(str(nm))) << Error::get() << " at " << mk->subkeys.size();
       insertKey(*mk, nm);
       ++_keys;
     }
@@ -456,7 +447,7 @@ class ModelRun {
     for (u32 n = 50 + below(250); n > 0; --n) {
       const std::u16string nm = newName().substr(0, 4) + Platform::utf8ToUtf16(std::to_string(_rng()));
       if (findValue(*mk, nm)) continue;
-      ASSERT_TRUE(k->createValue(S(nm), T::Dword)) << Error::get();
+      ASSERT_TRUE(k->createValue(str(nm), T::Dword)) << Error::get();
       mk->values.push_back(MValue{nm, T::Dword, {0, 0, 0, 0}});
     }
   }
@@ -468,7 +459,7 @@ class ModelRun {
     if (!k) return;
     for (u32 n = below(mk->subkeys.size() / 2 + 1); n > 0; --n) {
       auto victim = std::next(mk->subkeys.begin(), below(mk->subkeys.size()));
-      Ref<Cfg::Key> s = k->key(S(victim->first));
+      Ref<Cfg::Key> s = k->key(str(victim->first));
       ASSERT_TRUE(s && Util::recursiveKeyDelete(k, s)) << Error::get();
       _keys -= countKeys(victim->second);
       mk->subkeys.erase(victim);
@@ -480,24 +471,16 @@ class ModelRun {
     if (!(_hive->mode() & Hive::modeWriteThrough)) {
       ASSERT_TRUE(_hive->flush());
     }
-    Listing live;
-    readListing(_hive->root(), "", live);
-    ASSERT_EQ(diff(_model, live), "") << "open hive after flush";
-
+    ASSERT_EQ(diffTree(_model, _hive->root()), "") << "open hive after flush";
     const std::vector<u8> bytes = _stripe->bytes();
     RawReport report;
-    Listing raw;
-    RawReader(bytes, report).read(raw);
-    ASSERT_EQ(report.error, "") << "byte walk";
-    ASSERT_EQ(diff(_model, raw), "") << "byte walk";
+    ASSERT_EQ(diffBytes(_model, bytes, &report), "");
     _seen.shapes.insert(report.listShapes.begin(), report.listShapes.end());
     _seen.forms.insert(report.dataForms.begin(), report.dataForms.end());
 
     Ref<HiveFile> again = HiveFile::open(MemoryStripe::create(bytes), Hive::modeReadOnly, Hive::latin1, {});
     ASSERT_TRUE(again);
-    Listing reread;
-    readListing(again->root(), "", reread);
-    ASSERT_EQ(diff(_model, reread), "") << "reopened";
+    ASSERT_EQ(diffTree(_model, again->root()), "") << "reopened";
     // Carry on with a hive opened from the file now and then, sometimes
     // writing through to the file.
     if (chance(40)) {

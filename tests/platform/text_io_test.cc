@@ -71,17 +71,6 @@ TEST(TextWriter, Utf8SurrogatesAndByteOrderMark) {
   EXPECT_EQ(stripe->bytes(), bytesOf("\xEF\xBB\xBF\xF0\x9F\x98\x80-\xEF\xBF\xBD-\xEF\xBF\xBD"));
 }
 
-TEST(TextWriter, WritesAtStripePositionWithoutMark) {
-  auto stripe = MemoryStripe::create(bytesOf("head"));
-  stripe->seek(4);
-  auto w = TextWriter::create(stripe, TextWriter::Encoding::Utf8, false);
-  ASSERT_TRUE(w);
-  w->print("tail");
-  w->endLine();
-  EXPECT_TRUE(w->flush());
-  EXPECT_EQ(stripe->bytes(), bytesOf("headtail\r\n"));
-}
-
 TEST(TextWriter, CreationRefusals) {
   EXPECT_FALSE(TextWriter::create(nullptr, TextWriter::Encoding::Utf8, false));
   EXPECT_FALSE(TextWriter::create(MemoryStripe::create(), static_cast<TextWriter::Encoding>(3), false));
@@ -106,56 +95,56 @@ TEST(TextWriter, FailedWriteIsReportedAndSticks) {
   EXPECT_LE(stripe->bytes().size(), 100000u);
 }
 
-TEST(CharReader, DetectsEncoding) {
-  CharReader::Encoding enc;
-  EXPECT_EQ(readAll(std::string_view("\xFF\xFE"
-                                     "A\0B\0",
-                                     6),
-                    &enc),
-            std::vector<std::u16string>{u"AB"});
-  EXPECT_EQ(enc, CharReader::Encoding::Utf16LE);
-  EXPECT_EQ(readAll("\xEF\xBB\xBF"
-                    "AB",
-                    &enc),
-            std::vector<std::u16string>{u"AB"});
-  EXPECT_EQ(enc, CharReader::Encoding::Utf8);
-  EXPECT_EQ(readAll(std::string_view("A\0B\0", 4), &enc), std::vector<std::u16string>{u"AB"});
-  EXPECT_EQ(enc, CharReader::Encoding::Utf16LE);
-  EXPECT_EQ(readAll("AB", &enc), std::vector<std::u16string>{u"AB"});
-  EXPECT_EQ(enc, CharReader::Encoding::Utf8);
-  // Too short for a mark: still read, as UTF-8.
-  EXPECT_EQ(readAll("\xEF", &enc), std::vector<std::u16string>{u"\xFFFD"});
-  EXPECT_TRUE(readAll("").empty());
-}
-
-TEST(CharReader, LineEndings) {
-  std::vector<std::u16string> want = {u"a", u"b", u"c", u"", u"d", u"", u"e"};
-  EXPECT_EQ(readAll("a\r\nb\nc\r\rd\n\ne"), want);
-  // A final terminator does not start another line.
-  EXPECT_EQ(readAll("x\r\n"), std::vector<std::u16string>{u"x"});
-  EXPECT_EQ(readAll("x\r"), std::vector<std::u16string>{u"x"});
-  EXPECT_EQ(readAll("\n"), std::vector<std::u16string>{u""});
-}
-
-TEST(CharReader, OddTrailingByteInUtf16) {
-  EXPECT_EQ(readAll(std::string_view("\xFF\xFE"
-                                     "A\0B",
-                                     5)),
-            std::vector<std::u16string>{u"A\xFFFD"});
-}
-
-TEST(CharReader, InvalidUtf8BecomesReplacement) {
-  // Stray continuation, overlong form, encoded surrogate, truncated sequence at the end.
-  EXPECT_EQ(readAll("a\x80"
-                    "b\xC0\x80"
-                    "c\xED\xA0\x80"
-                    "d\xE2\x82"),
-            std::vector<std::u16string>{u"a\xFFFD"
-                                        u"b\xFFFD\xFFFD"
-                                        u"c\xFFFD\xFFFD\xFFFD"
-                                        u"d\xFFFD"});
-  // A broken sequence does not swallow the character that broke it.
-  EXPECT_EQ(readAll("\xE2\x82z\xF0\x9F\x98\x80"), std::vector<std::u16string>{u"\xFFFDz\xD83D\xDE00"});
+// The encoding by its mark (or by a zero high byte), line ends of every
+// kind, and bytes that are no text: each broken sequence becomes U+FFFD
+// without swallowing the character that broke it.
+TEST(CharReader, EncodingsLineEndsAndBrokenSequences) {
+  using E = CharReader::Encoding;
+  const struct {
+    std::string_view bytes;
+    std::vector<std::u16string> lines;
+    E encoding;
+  } cases[] = {
+      {{"\xFF\xFE"
+        "A\0B\0",
+        6},
+       {u"AB"},
+       E::Utf16LE},
+      {"\xEF\xBB\xBF"
+       "AB",
+       {u"AB"},
+       E::Utf8},
+      {{"A\0B\0", 4}, {u"AB"}, E::Utf16LE},
+      {"\xEF", {u"\xFFFD"}, E::Utf8},  // too short for a mark
+      {"", {}, E::Utf8},
+      {"a\r\nb\nc\r\rd\n\ne", {u"a", u"b", u"c", u"", u"d", u"", u"e"}, E::Utf8},
+      {"x\r\n", {u"x"}, E::Utf8},  // a final terminator starts no other line
+      {"x\r", {u"x"}, E::Utf8},
+      {"\n", {u""}, E::Utf8},
+      {{"\xFF\xFE"
+        "A\0B",
+        5},
+       {u"A\xFFFD"},
+       E::Utf16LE},
+      // Stray continuation, overlong form, encoded surrogate, cut sequence.
+      {"a\x80"
+       "b\xC0\x80"
+       "c\xED\xA0\x80"
+       "d\xE2\x82",
+       {u"a\xFFFD"
+        u"b\xFFFD\xFFFD"
+        u"c\xFFFD\xFFFD\xFFFD"
+        u"d\xFFFD"},
+       E::Utf8},
+      {"\xE2\x82z\xF0\x9F\x98\x80", {u"\xFFFDz\xD83D\xDE00"}, E::Utf8},
+  };
+  for (const auto& c : cases) {
+    E encoding;
+    EXPECT_EQ(readAll(c.bytes, &encoding), c.lines) << c.bytes;
+    if (!c.bytes.empty()) {
+      EXPECT_EQ(encoding, c.encoding) << c.bytes;
+    }
+  }
 }
 
 TEST(CharReader, SequencesAcrossChunkBoundaries) {

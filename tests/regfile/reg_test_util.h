@@ -1,5 +1,5 @@
-// Shared helpers of the registry text file tests: hives in memory, text in
-// and out of UTF-16, and a diagnostics sink that keeps what it is told.
+// Shared helpers of the registry text file tests: text in and out of
+// UTF-16, and a diagnostics sink that keeps what it is told.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@
 #include "hive/util/util.h"
 #include "platform/memory_stripe.h"
 #include "platform/string.h"
-#include "tests/support/hive_builder.h"
+#include "tests/support/hives.h"
 
 namespace hivekit::test {
 
@@ -24,18 +24,6 @@ using Interfaces::Config::Hive::Value;
 using Platform::MemoryStripe;
 using Platform::Ref;
 using Platform::String;
-
-inline Ref<String> str(std::string_view utf8) {
-  return String::create(utf8);
-}
-
-inline Ref<Hive::HiveFile> openImage(std::vector<u8> image, u32 mode = Hive::modeReadOnly) {
-  return Hive::HiveFile::open(MemoryStripe::create(std::move(image)), mode, Hive::latin1, {});
-}
-
-inline Ref<Hive::HiveFile> newHive() {
-  return Hive::HiveFile::create(MemoryStripe::create(), 5, Hive::latin1, {});
-}
 
 // UTF-8 text as UTF-16LE bytes, with a byte order mark when asked.
 inline std::vector<u8> utf16(std::string_view utf8, bool bom = true) {
@@ -54,17 +42,6 @@ inline std::string text(const std::vector<u8>& bytes) {
   std::u16string units;
   for (; i + 1 < bytes.size(); i += 2) units.push_back(static_cast<char16_t>(bytes[i] | bytes[i + 1] << 8));
   return Platform::utf16ToUtf8(units);
-}
-
-// A string as stored in a value: UTF-16LE units and a terminating zero.
-inline std::vector<u8> sz(std::u16string_view s) {
-  std::vector<u8> out;
-  for (char16_t c : s) {
-    out.push_back(static_cast<u8>(c));
-    out.push_back(static_cast<u8>(c >> 8));
-  }
-  out.insert(out.end(), {0, 0});
-  return out;
 }
 
 struct Diagnostics {

@@ -31,6 +31,9 @@
 #include "platform/error.h"
 #include "platform/log.h"
 #include "platform/memory_stripe.h"
+#include "tests/support/api_tree.h"
+#include "tests/support/hives.h"
+#include "tests/support/test_files.h"
 
 namespace hivekit::test {
 namespace {
@@ -65,10 +68,6 @@ struct Watchdog {
   ~Watchdog() { alarm(0); }
 };
 
-Ref<String> str(const std::string& s) {
-  return String::create(s);
-}
-
 std::string name(const char* prefix, u32 worker, u32 j = 0) {
   char buffer[32];
   std::snprintf(buffer, sizeof buffer, "%s%u_%03u", prefix, worker, j);
@@ -77,14 +76,6 @@ std::string name(const char* prefix, u32 worker, u32 j = 0) {
 
 std::string utf8(const Ref<String>& s) {
   return s ? s->toUtf8() : "<null>";
-}
-
-std::vector<u8> dataOf(const Ref<Value>& value) {
-  Ref<Interfaces::Stripe> data = value->binary();
-  if (!data) return {};
-  std::vector<u8> bytes(data->elementCount());
-  bytes.resize(data->readAt(0, bytes.data(), bytes.size()));
-  return bytes;
 }
 
 // Names, types and data of a key tree; values sorted by name (their list
@@ -519,45 +510,18 @@ TEST(ConcurrencyTest, ReadersOfOneHiveAgree) {
   }
 }
 
-// Every key, value name and datum as the public API reads them.
-std::string apiListing(const hivekit::Key& key) {
-  std::string out;
-  std::vector<hivekit::Key> pending{key};
-  while (!pending.empty()) {
-    const hivekit::Key k = pending.back();
-    pending.pop_back();
-    out += k.path() + "\n";
-    for (const hivekit::Value& v : k.values()) {
-      auto data = v.data();
-      out += " " + v.name() + " " + std::to_string(static_cast<u32>(v.type())) + " ";
-      for (std::byte b : *data) out += static_cast<char>('a' + (std::to_integer<int>(b) & 15));
-      out += "\n";
-    }
-    for (const hivekit::Key& sub : k.subkeys()) pending.push_back(sub);
-  }
-  return out;
-}
-
 // Readers of a read-only file through the public API, which takes no lock
 // for them: each builds the record-start bits of whatever hbin it reaches
 // first, racing the others, and finds its keys by name.
 TEST(ConcurrencyTest, ApiReadersOfOneFileAgree) {
-  namespace fs = std::filesystem;
   const Outcome& expected = serial();
-  const fs::path dir = fs::temp_directory_path() / ("hivekit-readers-" + std::to_string(::getpid()));
-  fs::create_directories(dir);
-  const std::string path = (dir / "hive").string();
-  {
-    std::FILE* f = std::fopen(path.c_str(), "wb");
-    ASSERT_TRUE(f);
-    ASSERT_EQ(std::fwrite(expected.image.data(), 1, expected.image.size(), f), expected.image.size());
-    std::fclose(f);
-  }
+  TempDir dir;
+  const std::string path = dir.write("hive", expected.image);
   std::string reference;
   {
     auto hive = hivekit::Hive::open(path);
     ASSERT_TRUE(hive) << hive.status().message();
-    reference = apiListing(hive->root());
+    reference = apiTree(hive->root());
   }
   auto hive = hivekit::Hive::open(path);
   ASSERT_TRUE(hive);
@@ -568,14 +532,13 @@ TEST(ConcurrencyTest, ApiReadersOfOneFileAgree) {
     threads.emplace_back([&, w] {
       auto own = hive->key(name("W", w));
       found[w] = own ? own->path() : own.status().message();
-      listings[w] = apiListing(hive->root());
+      listings[w] = apiTree(hive->root());
     });
   for (std::thread& t : threads) t.join();
   for (u32 w = 0; w < WORKERS; ++w) {
     EXPECT_EQ(found[w], "\\" + name("W", w)) << "reader " << w;
     EXPECT_EQ(listings[w], reference) << "reader " << w;
   }
-  fs::remove_all(dir);
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include "hive/format/errors.h"
 #include "hive/hive_file.h"
 #include "platform/error.h"
-#include "platform/memory_stripe.h"
+#include "tests/support/hives.h"
 
 namespace hivekit::test {
 namespace {
@@ -22,18 +22,11 @@ using Interfaces::Config::Hive::Key;
 using Platform::Ref;
 using Platform::String;
 
-Ref<String> str(const char* s) {
-  return String::create(s);
-}
 std::string toWin(const char* s) {
   return Util::regPathToWindowsStyle(str(s))->toUtf8();
 }
 std::string fromWin(const char* s) {
   return Util::regPathFromWindowsStyle(str(s))->toUtf8();
-}
-
-Ref<Hive::HiveFile> newHive() {
-  return Hive::HiveFile::create(Platform::MemoryStripe::create(), 5, Hive::latin1, {});
 }
 
 Platform::u32 subkeyCount(const Ref<Key>& key) {

@@ -1,5 +1,5 @@
-// Shared helpers of the value tests: data patterns and a look at the
-// records behind a value (hives in memory come from the key tests' helpers).
+// Shared helpers of the value tests: a value's data and the records behind
+// it (hives in memory and data patterns come from tests/support/hives.h).
 #pragma once
 
 #include "hive/value/value_obj.h"
@@ -9,17 +9,6 @@ namespace hivekit::test {
 
 using Hive::ValueObj;
 using Platform::makeRef;
-
-// Bytes that differ from one position and one seed to the next.
-inline std::vector<u8> pattern(u32 n, u32 seed) {
-  std::vector<u8> v(n);
-  u32 x = seed * 2654435761u + 1;
-  for (u32 i = 0; i < n; ++i) {
-    x = x * 1103515245u + 12345u;
-    v[i] = static_cast<u8>(x >> 16);
-  }
-  return v;
-}
 
 inline std::vector<u8> readAll(ValueObj& v) {
   std::vector<u8> out(v.size());
