@@ -93,11 +93,11 @@ TEST(RegImport, LargeDataArrivesWholeFromPieces) {
   ASSERT_TRUE(importText(hive, std::vector<u8>(file.begin(), file.end()), "ROOT", &d)) << d.all();
   Ref<Key> a = hive->root()->key(str("A"));
   ASSERT_TRUE(a);
-  EXPECT_EQ(bytesOf(a->value(str("x"))), sz(std::u16string(exact.begin(), exact.end())));
+  EXPECT_EQ(dataOf(a->value(str("x"))), sz(std::u16string(exact.begin(), exact.end())));
   Ref<Value> m = a->value(str("m"));
   EXPECT_EQ(m->type(), 1u);
-  EXPECT_EQ(bytesOf(m), sz(std::u16string(many.begin(), many.end())));
-  EXPECT_EQ(bytesOf(a->value(str("h"))), hexBytes);
+  EXPECT_EQ(dataOf(m), sz(std::u16string(many.begin(), many.end())));
+  EXPECT_EQ(dataOf(a->value(str("h"))), hexBytes);
   EXPECT_EQ(a->value(str("after"))->number(), 2u);
   ASSERT_TRUE(hive->flush());
 }
