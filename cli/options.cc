@@ -18,13 +18,13 @@ std::vector<OptionSpec> optionSpecs(std::string_view list) {
     std::string_view word = list.substr(0, end);
     list.remove_prefix(std::min(end + 1, list.size()));
     if (word.empty()) continue;
-    OptionSpec spec;
-    spec.repeatable = word.ends_with("=*");
-    if (spec.repeatable) word.remove_suffix(1);
-    spec.takesValue = word.ends_with('=');
-    if (spec.takesValue) word.remove_suffix(1);
-    spec.name = word;
-    specs.push_back(std::move(spec));
+    OptionSpec option;
+    option.repeatable = word.ends_with("=*");
+    if (option.repeatable) word.remove_suffix(1);
+    option.takesValue = word.ends_with('=');
+    if (option.takesValue) word.remove_suffix(1);
+    option.name = word;
+    specs.push_back(std::move(option));
   }
   return specs;
 }
