@@ -25,6 +25,8 @@ namespace {
 
 // The key's record, read under `call`; false with `why` set.
 bool readKey(const Call& call, u32 offset, KeyRecord& rec, Status* why = nullptr) {
+  if (const Libraries::Files::Hive::hive_record* nk = acceptedKeyRecord(call.hive(), offset))
+    return parseKeyRecord(nk->bytes(), nk->length(), offset, rec);
   if (readKeyRecord(call.hive(), offset, rec)) return true;
   if (why) *why = engineStatus("cannot read the key", Code::corrupt);
   return false;
@@ -146,8 +148,10 @@ std::string Key::name() const {
   Call call(core_);
   if (!call.ok() || offset_ == call.hive().rootOffset()) return {};
   KeyRecord rec;
-  const Libraries::Files::Hive::hive_record* record = nullptr;
-  if (!readKeyRecord(call.hive(), offset_, rec, &record)) return {};
+  const Libraries::Files::Hive::hive_record* record = acceptedKeyRecord(call.hive(), offset_);
+  if (record ? !parseKeyRecord(record->bytes(), record->length(), offset_, rec)
+             : !readKeyRecord(call.hive(), offset_, rec, &record))
+    return {};
   std::string out;
   if (rec.compressedName() &&
       asciiName(record->bytes() + Libraries::Files::Hive::hive_record_nk::OFS_NAME, rec.nameLength, out))
@@ -541,14 +545,14 @@ void Subkeys::advance(iterator& it) {
   u32 at = 0;
   if (call.ok()) {
     for (; i < end; ++i) {
-      KeyRecord rec;
       at = Access::entryOf(*this, i);
       if (i + PREFETCHED < end) {
         const u32 ahead = Access::entryOf(*this, i + PREFETCHED);
         call.hive().prefetchRecord(ahead);
         call.hive().prefetchRecord(ahead + 64);
       }
-      if (readKeyRecord(call.hive(), at, rec)) break;
+      KeyRecord rec;
+      if (acceptedKeyRecord(call.hive(), at) || readKeyRecord(call.hive(), at, rec)) break;
       ++skipped_;
     }
   } else {

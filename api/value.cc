@@ -8,7 +8,9 @@
 namespace hivekit {
 
 using namespace detail;
+using Libraries::Files::Hive::hive_record;
 using Libraries::Files::Hive::ValueRecord;
+using VK = Libraries::Files::Hive::hive_record_vk;
 namespace Errors = Libraries::Files::Hive::Errors;
 
 namespace {
@@ -56,11 +58,16 @@ bool typedData(const CoreRef& core, u32 offset, u32& type, std::vector<std::byte
 
 std::string Value::name() const {
   Call call(core_);
-  ValueRecord rec;
-  if (!call.ok() || !readRecord(call, offset_, rec)) return {};
+  if (!call.ok()) return {};
   std::string out;
-  const u8* stored =
-      call.hive().cacheLoadRecord(offset_)->bytes() + Libraries::Files::Hive::hive_record_vk::OFS_NAME;
+  if (const hive_record* vk = acceptedValueRecord(call.hive(), offset_)) {
+    if ((vk->u16At(VK::OFS_FLAGS) & VK::FLAG_COMP_NAME) != 0 &&
+        asciiName(vk->bytes() + VK::OFS_NAME, vk->u16At(VK::OFS_NAME_LENGTH), out))
+      return out;
+  }
+  ValueRecord rec;
+  if (!readRecord(call, offset_, rec)) return {};
+  const u8* stored = call.hive().cacheLoadRecord(offset_)->bytes() + VK::OFS_NAME;
   if (rec.compressedName && asciiName(stored, rec.nameLength, out)) return out;
   std::u16string name;
   readValueName(call.hive(), rec, name);
@@ -74,19 +81,34 @@ std::u16string Value::name_utf16() const {
 
 ValueType Value::type() const {
   Call call(core_);
+  if (!call.ok()) return ValueType::none;
+  if (const hive_record* vk = acceptedValueRecord(call.hive(), offset_))
+    return static_cast<ValueType>(vk->u32At(VK::OFS_TYPE));
   ValueRecord rec;
-  return call.ok() && readRecord(call, offset_, rec) ? static_cast<ValueType>(rec.type) : ValueType::none;
+  return readRecord(call, offset_, rec) ? static_cast<ValueType>(rec.type) : ValueType::none;
 }
 
 std::uint32_t Value::size() const {
   Call call(core_);
+  if (!call.ok()) return 0;
+  if (const hive_record* vk = acceptedValueRecord(call.hive(), offset_))
+    return vk->u32At(VK::OFS_DATA_SIZE) & ~VK::DATA_RESIDENT;
   ValueRecord rec;
-  return call.ok() && readRecord(call, offset_, rec) ? rec.dataSize : 0;
+  return readRecord(call, offset_, rec) ? rec.dataSize : 0;
 }
 
 Result<Bytes> Value::data() const {
   Call call(core_);
   if (!call.ok()) return call.status();
+  // The usual value of a read-only hive: its data in one piece, shown in
+  // place. Anything else takes the full path, which says what is wrong.
+  if (call.hive().recordsStable()) {
+    const u8* bytes = nullptr;
+    u32 size = 0;
+    const hive_record* vk = acceptedValueRecord(call.hive(), offset_);
+    if (vk && valueDataInPlace(call.hive(), offset_, vk, bytes, size))
+      return Access::viewBytes(core_, bytes, size);
+  }
   Bytes data;
   Status why;
   if (!readValueBytes(core_, call.hive(), offset_, data, why))
@@ -262,13 +284,18 @@ void Values::advance(iterator& it) {
   u32 at = 0;
   if (call.ok()) {
     for (; i < end; ++i) {
-      ValueRecord rec;
       at = Access::entryOf(*this, i);
       // Key::values started the loads of the first records; this keeps
       // them ahead on a long list.
       if (i + PREFETCHED < end) call.hive().prefetchRecord(Access::entryOf(*this, i + PREFETCHED));
+      // The data is what a walk asks for next.
+      if (const hive_record* vk = acceptedValueRecord(call.hive(), at)) {
+        const u32 cell = valueDataCell(vk);
+        if (cell != Libraries::Files::Hive::INVALID_RECORD) call.hive().prefetchRecord(cell);
+        break;
+      }
+      ValueRecord rec;
       if (readValueRecord(call.hive(), at, rec)) {
-        // The data is what a walk asks for next.
         if (!rec.resident) call.hive().prefetchRecord(rec.dataCell());
         break;
       }

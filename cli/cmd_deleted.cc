@@ -293,14 +293,9 @@ const Command DELETED_COMMAND = {
     "                  is unavailable are left out (and counted on standard error)\n"
     "  --prefix P      the path the exported keys go below (default ROOT, where\n"
     "                  'hivekit import' puts them back at their old places)\n",
-    {{"--json", false, false},
-     {"--export", true, false},
-     {"--prefix", true, false},
-     {"--logs", false, false}},
-    1,
-    2,
-    false,
-    runDeleted,
-};
+    "--json --export= --prefix= --logs",
+    {1, 2},
+    Access::read,
+    runDeleted};
 
 }  // namespace hivekit::cli

@@ -84,9 +84,10 @@ class DiffPrinter {
  private:
   void text(const Difference& d, const std::string& path) {
     std::string& o = _out.text;
-    const char mark = d.kind == Difference::Kind::key_added || d.kind == Difference::Kind::value_added     ? '+'
-                      : d.kind == Difference::Kind::key_removed || d.kind == Difference::Kind::value_removed ? '-'
-                                                                                                              : '~';
+    const char mark = d.kind == Difference::Kind::key_added || d.kind == Difference::Kind::value_added ? '+'
+                      : d.kind == Difference::Kind::key_removed || d.kind == Difference::Kind::value_removed
+                          ? '-'
+                          : '~';
     o += mark;
     o += isValueKind(d.kind) ? " value " : " key   ";
     o += printable(path);
@@ -207,7 +208,8 @@ class DiffPrinter {
 
 int runDiff(Context& ctx) {
   Format format = Format::text;
-  if (ctx.args.has("--json") && ctx.args.has("--reg")) return usageError(ctx.command, "--json or --reg, not both");
+  if (ctx.args.has("--json") && ctx.args.has("--reg"))
+    return usageError(ctx.command, "--json or --reg, not both");
   if (ctx.args.has("--json")) format = Format::json;
   if (ctx.args.has("--reg")) format = Format::reg;
   DiffOptions options;
@@ -230,7 +232,8 @@ int runDiff(Context& ctx) {
   Status compared;
   {
     ProgressThread progress("diff", [&] { return std::to_string(printer.count.load()) + " differences"; });
-    compared = diff(ka, kb, [&](const Difference& d) { return printer(d); }, options);
+    compared = diff(
+        ka, kb, [&](const Difference& d) { return printer(d); }, options);
   }
   printer.finish();
   if (!out.flush()) return out.reportFailure();
@@ -267,11 +270,9 @@ const Command DIFF_COMMAND = {
     "           value renamed in letter case alone is removed and added again\n"
     "The exit status is 0 when both trees were compared completely, differences\n"
     "or not; 1 when parts could not be read (what could be compared is shown).\n",
-    {{"--times", false, false}, {"--json", false, false}, {"--reg", false, false}},
-    2,
-    3,
-    false,
-    runDiff,
-};
+    "--times --json --reg",
+    {2, 3},
+    Access::read,
+    runDiff};
 
 }  // namespace hivekit::cli

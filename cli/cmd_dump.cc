@@ -25,29 +25,16 @@ constexpr size_t MAX_INLINE_DATA = 32;
 int runDump(Context& ctx) {
   const bool json = ctx.args.has("--json");
   Hive hive;
-  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
   Key start;
   std::vector<std::string> names;
-  if (!findKey(hive, ctx.operandCount() > 1 ? ctx.operand(1) : "", start, names)) return EXIT_FAILED;
+  if (!openAt(ctx, hive, start, names)) return EXIT_FAILED;
   Output out;
-  TreeWalk walk(hive, ctx.operand(0), out, json ? TreeWalk::PathForm::raw : TreeWalk::PathForm::listing, true);
+  TreeWalk walk(hive, ctx.operand(0), out, json ? TreeWalk::PathForm::raw : TreeWalk::PathForm::listing,
+                true);
   Sha256 sha;
   const bool complete = walk.run(start, walk.pathOf(names), [&](const TreeWalk::Visit& v) {
     std::string& o = out.text;
-    if (json) {
-      JsonWriter j(o);
-      j.beginObject();
-      keyMembers(j, v.key, v.path);
-      j.key("values").beginArray();
-      for (const Value& value : v.values) {
-        const Result<Bytes> data = value.data();
-        if (!walk.chargeData(data->size())) return false;
-        valueObject(j, value, data);
-      }
-      j.endArray().endObject();
-      o += '\n';
-      return !out.failed();
-    }
+    if (json) return writeKeyLine(walk, v, o) && !out.failed();
     o += "K\t";
     o += v.path;
     o += '\t';
@@ -82,9 +69,7 @@ int runDump(Context& ctx) {
     }
     return !out.failed();
   });
-  if (complete) return EXIT_OK;
-  if (out.failed()) return out.reportFailure();
-  return fail("the listing is incomplete: parts of the hive could not be read");
+  return out.finish(complete, "the listing is incomplete: parts of the hive could not be read");
 }
 
 }  // namespace
@@ -111,11 +96,9 @@ const Command DUMP_COMMAND = {
     "time only; lists that name keys and values more often than a hive of its\n"
     "size can hold stop the listing; anything unreadable makes the exit status 1\n"
     "after the listing.\n",
-    {{"--json", false, false}},
-    1,
-    2,
-    false,
-    runDump,
-};
+    "--json",
+    {1, 2},
+    Access::read,
+    runDump};
 
 }  // namespace hivekit::cli

@@ -63,15 +63,9 @@ const Command EXPORT_COMMAND = {
     "Without --as the heading is ROOT followed by the key's path in the hive\n"
     "([ROOT], [ROOT\\ControlSet001], ...), which is what 'hivekit import' expects by\n"
     "default: importing the file into a hive puts the keys back in the same place.\n",
-    {{"-o", true, false},
-     {"--binary-only", false, false},
-     {"--append", false, false},
-     {"--as", true, false},
-     {"--raw", false, false}},
-    1,
-    2,
-    false,
-    runExport,
-};
+    "-o= --binary-only --append --as= --raw",
+    {1, 2},
+    Access::read,
+    runExport};
 
 }  // namespace hivekit::cli

@@ -14,8 +14,9 @@ int runFind(Context& ctx) {
   const bool json = ctx.args.has("--json"), ignoreCase = !ctx.args.has("--case-sensitive");
   SearchCriteria criteria;
   std::string error;
-  for (auto [option, slot] : {std::pair{"--key", &criteria.key_name}, std::pair{"--value", &criteria.value_name},
-                              std::pair{"--data", &criteria.data}}) {
+  for (auto [option, slot] :
+       {std::pair{"--key", &criteria.key_name}, std::pair{"--value", &criteria.value_name},
+        std::pair{"--data", &criteria.data}}) {
     if (!ctx.args.has(option)) continue;
     Result<Pattern> p = Pattern::compile(ctx.args.value(option), ignoreCase);
     if (!p) return usageError(ctx.command, std::string(option) + ": " + p.status().message());
@@ -29,16 +30,15 @@ int runFind(Context& ctx) {
   if (!readTimeRange(ctx.args, criteria.since, criteria.until, error)) return usageError(ctx.command, error);
 
   Hive hive;
-  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
   Key start;
   std::vector<std::string> names;
-  if (!findKey(hive, ctx.operandCount() > 1 ? ctx.operand(1) : "", start, names)) return EXIT_FAILED;
+  if (!openAt(ctx, hive, start, names)) return EXIT_FAILED;
 
   const bool values = criteria.has_value_criteria();
   Output out;
   Progress progress("find");
-  TreeWalk walk(hive, ctx.operand(0), out, json ? TreeWalk::PathForm::raw : TreeWalk::PathForm::printable, values,
-                &progress);
+  TreeWalk walk(hive, ctx.operand(0), out, json ? TreeWalk::PathForm::raw : TreeWalk::PathForm::printable,
+                values, &progress);
   uint64_t tooLarge = 0;
   // A match that could not be decided: the search is incomplete.
   auto undecided = [&](const Status& why, const std::string& what) {
@@ -65,7 +65,8 @@ int runFind(Context& ctx) {
       return !out.failed();
     }
     for (const Value& value : v.values) {
-      if (!walk.chargeData(criteria.data ? std::min(value.size(), SearchCriteria::MAX_DATA_BYTES) : 0)) return false;
+      if (!walk.chargeData(criteria.data ? std::min(value.size(), SearchCriteria::MAX_DATA_BYTES) : 0))
+        return false;
       Result<bool> m = criteria.value_matches(value);
       if (!m) undecided(m.status(), "a value");
       if (!*m) continue;
@@ -90,9 +91,8 @@ int runFind(Context& ctx) {
   if (tooLarge) {
     warn(std::to_string(tooLarge) + " names or data were too long for the pattern to search completely");
   }
-  if (complete && !tooLarge) return EXIT_OK;
-  if (out.failed()) return out.reportFailure();
-  return fail("the search is incomplete: parts of the hive could not be read or searched");
+  return out.finish(complete && !tooLarge,
+                    "the search is incomplete: parts of the hive could not be read or searched");
 }
 
 }  // namespace
@@ -122,18 +122,9 @@ const Command FIND_COMMAND = {
     "Expressions: ECMAScript syntax without back-references and lookaround:\n"
     ". [...] [^...] \\d \\w \\s \\D \\W \\S \\b \\B ^ $ ( ) (?: ) | * + ? {n,m}; they run\n"
     "in time linear in the text.\n",
-    {{"--key", true, false},
-     {"--value", true, false},
-     {"--data", true, false},
-     {"--type", true, true},
-     {"--since", true, false},
-     {"--until", true, false},
-     {"--case-sensitive", false, false},
-     {"--json", false, false}},
-    1,
-    2,
-    false,
-    runFind,
-};
+    "--key= --value= --data= --type=* --since= --until= --case-sensitive --json",
+    {1, 2},
+    Access::read,
+    runFind};
 
 }  // namespace hivekit::cli

@@ -58,7 +58,8 @@ Result<std::string> typed(const Value& v, ValueType type) {
 int runGet(Context& ctx) {
   const bool json = ctx.args.has("--json"), raw = ctx.args.has("--raw"), cls = ctx.args.has("--class");
   if (raw && (json || cls)) return usageError(ctx.command, "--raw goes alone");
-  if (cls && ctx.operandCount() > 2) return usageError(ctx.command, "--class shows a key's class name: no VALUE");
+  if (cls && ctx.operandCount() > 2)
+    return usageError(ctx.command, "--class shows a key's class name: no VALUE");
   Hive hive;
   if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
   Key key;
@@ -108,24 +109,21 @@ int runGet(Context& ctx) {
 
 }  // namespace
 
-const Command GET_COMMAND = {
-    "get",
-    "get [options] HIVE KEYPATH [VALUE] [--json | --raw | --class]",
-    "show one value",
-    "Shows the value VALUE of KEYPATH (the default value when VALUE is omitted or\n"
-    "\"\"): REG_SZ and REG_EXPAND_SZ as text, REG_MULTI_SZ one string per line,\n"
-    "REG_DWORD, REG_DWORD_BIG_ENDIAN and REG_QWORD in decimal and hex, anything\n"
-    "else (or data that does not fit its type) as a hex dump: offset, 16 bytes,\n"
-    "and the printable ASCII characters.\n"
-    "  --raw    write the value's bytes to standard output exactly as stored\n"
-    "  --json   the value as a JSON object (with its key's \"path\")\n"
-    "  --class  show the class name of KEYPATH instead (no VALUE); with --json as\n"
-    "           {\"path\", \"class_name\"}\n",
-    {{"--json", false, false}, {"--raw", false, false}, {"--class", false, false}},
-    2,
-    3,
-    false,
-    runGet,
-};
+const Command GET_COMMAND = {"get",
+                             "get [options] HIVE KEYPATH [VALUE] [--json | --raw | --class]",
+                             "show one value",
+                             "Shows the value VALUE of KEYPATH (the default value when VALUE is omitted or\n"
+                             "\"\"): REG_SZ and REG_EXPAND_SZ as text, REG_MULTI_SZ one string per line,\n"
+                             "REG_DWORD, REG_DWORD_BIG_ENDIAN and REG_QWORD in decimal and hex, anything\n"
+                             "else (or data that does not fit its type) as a hex dump: offset, 16 bytes,\n"
+                             "and the printable ASCII characters.\n"
+                             "  --raw    write the value's bytes to standard output exactly as stored\n"
+                             "  --json   the value as a JSON object (with its key's \"path\")\n"
+                             "  --class  show the class name of KEYPATH instead (no VALUE); with --json as\n"
+                             "           {\"path\", \"class_name\"}\n",
+                             "--json --raw --class",
+                             {2, 3},
+                             Access::read,
+                             runGet};
 
 }  // namespace hivekit::cli

@@ -98,14 +98,21 @@ const char* logModeName(LogMode mode) {
 std::string hiveJson(const std::string& path, const HiveInfo& info, bool unsafe) {
   std::string out;
   JsonWriter j(out);
+  // Most members come in pairs of numbers.
+  auto pair = [&j](const char* a, uint64_t x, const char* b, uint64_t y) {
+    j.key(a).number(x).key(b).number(y);
+  };
   j.beginObject();
   j.key("file").string(path);
-  j.key("major_version").number(info.major_version).key("minor_version").number(info.minor_version);
-  j.key("primary_sequence").number(info.primary_sequence).key("secondary_sequence").number(info.secondary_sequence);
+  pair("major_version", info.major_version, "minor_version", info.minor_version);
+  pair("primary_sequence", info.primary_sequence, "secondary_sequence", info.secondary_sequence);
   j.key("dirty").boolean(info.dirty);
-  j.key("last_written").string(to_iso8601(info.timestamp)).key("last_written_filetime").number(info.timestamp);
-  j.key("file_type").number(info.file_type).key("file_format").number(info.file_format);
-  j.key("root_offset").number(info.root_offset).key("hive_bins_size").number(info.hive_bins_size);
+  j.key("last_written")
+      .string(to_iso8601(info.timestamp))
+      .key("last_written_filetime")
+      .number(info.timestamp);
+  pair("file_type", info.file_type, "file_format", info.file_format);
+  pair("root_offset", info.root_offset, "hive_bins_size", info.hive_bins_size);
   j.key("hbin_count");
   if (unsafe)
     j.null();
@@ -113,7 +120,7 @@ std::string hiveJson(const std::string& path, const HiveInfo& info, bool unsafe)
     j.number(info.hbin_count);
   j.key("hbins_state").string(info.hbins_state);
   j.key("clustering_factor").number(info.clustering_factor);
-  j.key("stored_checksum").number(info.stored_checksum).key("computed_checksum").number(info.computed_checksum);
+  pair("stored_checksum", info.stored_checksum, "computed_checksum", info.computed_checksum);
   j.key("file_name").string(info.file_name);
   j.key("log_mode").string(logModeName(info.log_mode));
   j.key("applied_log");
@@ -131,9 +138,9 @@ std::string hiveJson(const std::string& path, const HiveInfo& info, bool unsafe)
     else
       j.string(l.path);
     j.key("usable").boolean(l.usable).key("new_format").boolean(l.new_format);
-    j.key("primary_sequence").number(l.primary_sequence).key("secondary_sequence").number(l.secondary_sequence);
+    pair("primary_sequence", l.primary_sequence, "secondary_sequence", l.secondary_sequence);
     j.key("entries").number(l.entries);
-    j.key("first_sequence").number(l.first_sequence).key("last_sequence").number(l.last_sequence);
+    pair("first_sequence", l.first_sequence, "last_sequence", l.last_sequence);
     j.key("applied").number(l.applied).key("state").string(l.state);
     j.endObject();
   }
@@ -249,11 +256,9 @@ const Command INFO_COMMAND = {
     "100 ns, and the FILETIME), class name, numbers of subkeys and values, record\n"
     "offset, security record and its descriptor in SDDL.\n"
     "  --json  the same as one JSON object\n",
-    {{"--json", false, false}},
-    1,
-    2,
-    false,
-    runInfo,
-};
+    "--json",
+    {1, 2},
+    Access::read,
+    runInfo};
 
 }  // namespace hivekit::cli

@@ -31,7 +31,8 @@ std::string quoted(const std::string& text) {
 
 // "  name  TYPE  size  preview" lines for values, names and types in
 // columns. False when the values need more data than the budget allows.
-bool valueLines(std::string& out, std::span<const Value> values, const std::function<bool(uint64_t)>& charge) {
+bool valueLines(std::string& out, std::span<const Value> values,
+                const std::function<bool(uint64_t)>& charge) {
   std::vector<std::string> names;
   size_t width = 0, typeWidth = 0;
   for (const Value& v : values) {
@@ -64,8 +65,8 @@ bool valueLines(std::string& out, std::span<const Value> values, const std::func
 // The long form of a key: last write (with 100 ns), class name, counts.
 std::string keyDetails(const Key& k) {
   char b[96];
-  std::snprintf(b, sizeof(b), "  %s  %6u subkeys  %6u values", to_iso8601(k.last_write()).c_str(), k.subkey_count(),
-                k.value_count());
+  std::snprintf(b, sizeof(b), "  %s  %6u subkeys  %6u values", to_iso8601(k.last_write()).c_str(),
+                k.subkey_count(), k.value_count());
   std::string s = b;
   const std::string cls = k.class_name();
   if (!cls.empty()) s += "  class " + quoted(cls);
@@ -75,40 +76,25 @@ std::string keyDetails(const Key& k) {
 int runRecursive(Context& ctx, const Hive& hive, const Key& start, const std::vector<std::string>& names) {
   const bool json = ctx.args.has("--json"), longForm = ctx.args.has("-l");
   Output out;
-  TreeWalk walk(hive, ctx.operand(0), out, json ? TreeWalk::PathForm::raw : TreeWalk::PathForm::printable, true);
+  TreeWalk walk(hive, ctx.operand(0), out, json ? TreeWalk::PathForm::raw : TreeWalk::PathForm::printable,
+                true);
   const bool complete = walk.run(start, walk.pathOf(names), [&](const TreeWalk::Visit& v) {
     std::string& o = out.text;
-    if (json) {
-      JsonWriter j(o);
-      j.beginObject();
-      keyMembers(j, v.key, v.path);
-      j.key("values").beginArray();
-      for (const Value& value : v.values) {
-        const Result<Bytes> data = value.data();
-        if (!walk.chargeData(data->size())) return false;
-        valueObject(j, value, data);
-      }
-      j.endArray().endObject();
-      o += '\n';
-      return !out.failed();
-    }
+    if (json) return writeKeyLine(walk, v, o) && !out.failed();
     o += v.path;
     if (longForm) o += keyDetails(v.key);
     o += '\n';
     return valueLines(o, v.values, [&](uint64_t bytes) { return walk.chargeData(bytes); }) && !out.failed();
   });
-  if (complete) return EXIT_OK;
-  if (out.failed()) return out.reportFailure();
-  return fail("the listing is incomplete: parts of the hive could not be read");
+  return out.finish(complete, "the listing is incomplete: parts of the hive could not be read");
 }
 
 int runLs(Context& ctx) {
   const bool json = ctx.args.has("--json"), longForm = ctx.args.has("-l");
   Hive hive;
-  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
   Key key;
   std::vector<std::string> names;
-  if (!findKey(hive, ctx.operandCount() > 1 ? ctx.operand(1) : "", key, names)) return EXIT_FAILED;
+  if (!openAt(ctx, hive, key, names)) return EXIT_FAILED;
   if (ctx.args.has("-r")) return runRecursive(ctx, hive, key, names);
 
   std::vector<Key> keys;
@@ -196,26 +182,23 @@ int runLs(Context& ctx) {
 
 }  // namespace
 
-const Command LS_COMMAND = {
-    "ls",
-    "ls [options] HIVE [KEYPATH] [-l] [-r] [--json]",
-    "list the subkeys and values of a key",
-    "Lists the subkeys of KEYPATH (the root key when omitted), in the order of its\n"
-    "subkey list: name, last write time (UTC), numbers of subkeys and values; then\n"
-    "its values in the order of its value list: name ((default) for the unnamed\n"
-    "value), type, data size in bytes, and a short preview of the data.\n"
-    "Control characters and unpaired surrogates in names are shown as %XXXX.\n"
-    "  -l      the long form of keys: last write time to 100 ns, numbers of subkeys\n"
-    "          and values, and the class name when the key has one\n"
-    "  -r      every key of KEYPATH's tree instead, depth first: a line with the\n"
-    "          key's path (and with -l its long form), then its values\n"
-    "  --json  one JSON document {\"key\", \"subkeys\", \"values\"}; with -r, JSON\n"
-    "          Lines, one object per key with its values (as 'dump --json')\n",
-    {{"-l", false, false}, {"-r", false, false}, {"--json", false, false}},
-    1,
-    2,
-    false,
-    runLs,
-};
+const Command LS_COMMAND = {"ls",
+                            "ls [options] HIVE [KEYPATH] [-l] [-r] [--json]",
+                            "list the subkeys and values of a key",
+                            "Lists the subkeys of KEYPATH (the root key when omitted), in the order of its\n"
+                            "subkey list: name, last write time (UTC), numbers of subkeys and values; then\n"
+                            "its values in the order of its value list: name ((default) for the unnamed\n"
+                            "value), type, data size in bytes, and a short preview of the data.\n"
+                            "Control characters and unpaired surrogates in names are shown as %XXXX.\n"
+                            "  -l      the long form of keys: last write time to 100 ns, numbers of subkeys\n"
+                            "          and values, and the class name when the key has one\n"
+                            "  -r      every key of KEYPATH's tree instead, depth first: a line with the\n"
+                            "          key's path (and with -l its long form), then its values\n"
+                            "  --json  one JSON document {\"key\", \"subkeys\", \"values\"}; with -r, JSON\n"
+                            "          Lines, one object per key with its values (as 'dump --json')\n",
+                            "-l -r --json",
+                            {1, 2},
+                            Access::read,
+                            runLs};
 
 }  // namespace hivekit::cli

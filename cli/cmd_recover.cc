@@ -55,11 +55,9 @@ const Command RECOVER_COMMAND = {
     "hive bins. OUT opens without logs in any reader. HIVE and its logs are not\n"
     "changed; OUT may not be one of them.\n"
     "  -o OUT         the file to write\n",
-    {{"-o", true, false}},
-    1,
-    1,
-    false,
-    runRecover,
-};
+    "-o=",
+    {1, 1},
+    Access::read,
+    runRecover};
 
 }  // namespace hivekit::cli

@@ -41,11 +41,11 @@ const char* aceTypeName(uint8_t type) {
 
 std::string controlText(uint16_t control) {
   static const std::pair<uint16_t, const char*> FLAGS[] = {
-      {0x0001, "owner defaulted"},         {0x0002, "group defaulted"},        {0x0004, "DACL present"},
-      {0x0008, "DACL defaulted"},          {0x0010, "SACL present"},           {0x0020, "SACL defaulted"},
-      {0x0100, "DACL auto-inherit req"},   {0x0200, "SACL auto-inherit req"},  {0x0400, "DACL auto-inherited"},
-      {0x0800, "SACL auto-inherited"},     {0x1000, "DACL protected"},         {0x2000, "SACL protected"},
-      {0x4000, "RM control valid"},        {0x8000, "self-relative"}};
+      {0x0001, "owner defaulted"},       {0x0002, "group defaulted"},       {0x0004, "DACL present"},
+      {0x0008, "DACL defaulted"},        {0x0010, "SACL present"},          {0x0020, "SACL defaulted"},
+      {0x0100, "DACL auto-inherit req"}, {0x0200, "SACL auto-inherit req"}, {0x0400, "DACL auto-inherited"},
+      {0x0800, "SACL auto-inherited"},   {0x1000, "DACL protected"},        {0x2000, "SACL protected"},
+      {0x4000, "RM control valid"},      {0x8000, "self-relative"}};
   std::string s;
   for (const auto& [bit, name] : FLAGS)
     if (control & bit) s += (s.empty() ? "" : ", ") + std::string(name);
@@ -59,8 +59,8 @@ std::string sidLine(const Sid& sid) {
 
 // SDDL flag letters of an entry ("OICI"), or "-".
 std::string aceFlags(uint8_t flags) {
-  static const std::pair<uint8_t, const char*> FLAGS[] = {{0x01, "OI"}, {0x02, "CI"}, {0x04, "NP"}, {0x08, "IO"},
-                                                          {0x10, "ID"}, {0x40, "SA"}, {0x80, "FA"}};
+  static const std::pair<uint8_t, const char*> FLAGS[] = {
+      {0x01, "OI"}, {0x02, "CI"}, {0x04, "NP"}, {0x08, "IO"}, {0x10, "ID"}, {0x40, "SA"}, {0x80, "FA"}};
   std::string s;
   for (const auto& [bit, name] : FLAGS)
     if (flags & bit) s += name;
@@ -82,8 +82,8 @@ void aclText(std::string& out, const char* label, bool present, const std::optio
   std::snprintf(b, sizeof b, "  %-8s revision %u, %zu entries\n", label, acl->revision, acl->aces.size());
   out += b;
   for (const Ace& ace : acl->aces) {
-    std::snprintf(b, sizeof b, "    %-16s %-8s %-10s 0x%08x  ", aceTypeName(ace.type), aceFlags(ace.flags).c_str(),
-                  rights_string(ace.mask, ace.type).c_str(), ace.mask);
+    std::snprintf(b, sizeof b, "    %-16s %-8s %-10s 0x%08x  ", aceTypeName(ace.type),
+                  aceFlags(ace.flags).c_str(), rights_string(ace.mask, ace.type).c_str(), ace.mask);
     out += b;
     out += ace.sid.sub_authorities.empty() && ace.sid.revision == 0 ? "(not decoded)" : sidLine(ace.sid);
     out += '\n';
@@ -147,8 +147,8 @@ bool describe(std::string& out, const SecurityDescriptor& sd, bool raw, bool jso
     return parsed.ok();
   }
   char head[160];
-  std::snprintf(head, sizeof(head), "sk 0x%08x  references %u  length %zu\n", sd.offset(), sd.reference_count(),
-                bytes->size());
+  std::snprintf(head, sizeof(head), "sk 0x%08x  references %u  length %zu\n", sd.offset(),
+                sd.reference_count(), bytes->size());
   if (path) {
     std::string shown;
     appendEscaped(shown, *path, Escape::printable);
@@ -180,7 +180,8 @@ bool describe(std::string& out, const SecurityDescriptor& sd, bool raw, bool jso
   out += "  SDDL     " + to_sddl(*parsed) + "\n";
   out += "  owner    " + (parsed->owner ? sidLine(*parsed->owner) : std::string("none")) + "\n";
   out += "  group    " + (parsed->group ? sidLine(*parsed->group) : std::string("none")) + "\n";
-  std::snprintf(b, sizeof b, "  control  0x%04x  %s\n", parsed->control, controlText(parsed->control).c_str());
+  std::snprintf(b, sizeof b, "  control  0x%04x  %s\n", parsed->control,
+                controlText(parsed->control).c_str());
   out += b;
   aclText(out, "DACL", parsed->dacl_present, parsed->dacl);
   aclText(out, "SACL", parsed->sacl_present, parsed->sacl);
@@ -233,23 +234,20 @@ int runSd(Context& ctx) {
 
 }  // namespace
 
-const Command SD_COMMAND = {
-    "sd",
-    "sd [options] HIVE [KEYPATH] [--raw] [--json]",
-    "show security descriptors, decoded",
-    "Without KEYPATH, walks the security records from the root key's around their\n"
-    "list; with KEYPATH, shows the record of that key. For each: its record offset,\n"
-    "reference count and descriptor length, then the descriptor decoded: its SDDL\n"
-    "string, owner and group (SID and, for well-known ones, the name: SYSTEM,\n"
-    "Administrators, Everyone, ...), control flags, and the entries of the DACL\n"
-    "and SACL: type, inheritance flags, rights (SDDL letters and the mask), SID.\n"
-    "  --raw   the self-relative descriptor in hex, 16 bytes a line, instead\n"
-    "  --json  JSON: one object for KEYPATH, else JSON Lines, one per record\n",
-    {{"--raw", false, false}, {"--json", false, false}},
-    1,
-    2,
-    false,
-    runSd,
-};
+const Command SD_COMMAND = {"sd",
+                            "sd [options] HIVE [KEYPATH] [--raw] [--json]",
+                            "show security descriptors, decoded",
+                            "Without KEYPATH, walks the security records from the root key's around their\n"
+                            "list; with KEYPATH, shows the record of that key. For each: its record offset,\n"
+                            "reference count and descriptor length, then the descriptor decoded: its SDDL\n"
+                            "string, owner and group (SID and, for well-known ones, the name: SYSTEM,\n"
+                            "Administrators, Everyone, ...), control flags, and the entries of the DACL\n"
+                            "and SACL: type, inheritance flags, rights (SDDL letters and the mask), SID.\n"
+                            "  --raw   the self-relative descriptor in hex, 16 bytes a line, instead\n"
+                            "  --json  JSON: one object for KEYPATH, else JSON Lines, one per record\n",
+                            "--raw --json",
+                            {1, 2},
+                            Access::read,
+                            runSd};
 
 }  // namespace hivekit::cli

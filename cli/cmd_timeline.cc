@@ -33,7 +33,9 @@ enum class Format { text, csv, tln, bodyfile, json };
 // Whole seconds since 1970 (0 for times before it, which the line formats
 // of timeline tools do not take).
 uint64_t unixSeconds(FileTime t) {
-  return static_cast<int64_t>(t) < UNIX_EPOCH ? 0 : static_cast<uint64_t>(static_cast<int64_t>(t) - UNIX_EPOCH) / 10'000'000;
+  return static_cast<int64_t>(t) < UNIX_EPOCH
+             ? 0
+             : static_cast<uint64_t>(static_cast<int64_t>(t) - UNIX_EPOCH) / 10'000'000;
 }
 
 void appendCsv(std::string& out, const std::string& field) {
@@ -78,24 +80,24 @@ int runTimeline(Context& ctx) {
   const bool oldestFirst = ctx.args.has("--oldest-first");
 
   Hive hive;
-  if (!openHive(ctx, ctx.operand(0), hive)) return EXIT_FAILED;
   Key start;
   std::vector<std::string> names;
-  if (!findKey(hive, ctx.operandCount() > 1 ? ctx.operand(1) : "", start, names)) return EXIT_FAILED;
+  if (!openAt(ctx, hive, start, names)) return EXIT_FAILED;
 
   std::vector<Entry> entries;
   std::string nameBuffer;
   std::vector<uint32_t> atDepth;  // the record of the key at each depth of the current path
   Output out;
   Progress progress("timeline");
-  const TreeWalk::PathForm form = format == Format::json ? TreeWalk::PathForm::raw : TreeWalk::PathForm::printable;
+  const TreeWalk::PathForm form =
+      format == Format::json ? TreeWalk::PathForm::raw : TreeWalk::PathForm::printable;
   TreeWalk walk(hive, ctx.operand(0), out, form, false, &progress);
   // The start key's record carries its whole path; the others their name.
   const std::string startPath = walk.pathOf(names);
   const bool complete = walk.run(start, startPath, [&](const TreeWalk::Visit& v) {
     atDepth.resize(v.depth);
-    Entry e{v.key.last_write(), v.depth ? atDepth.back() : NO_PARENT, static_cast<uint32_t>(nameBuffer.size()), 0,
-            v.key};
+    Entry e{v.key.last_write(), v.depth ? atDepth.back() : NO_PARENT,
+            static_cast<uint32_t>(nameBuffer.size()), 0, v.key};
     if (v.depth == 0)
       nameBuffer += startPath;
     else
@@ -188,7 +190,8 @@ int runTimeline(Context& ctx) {
 
 const Command TIMELINE_COMMAND = {
     "timeline",
-    "timeline [options] HIVE [KEYPATH] [--oldest-first] [--since T] [--until T] [--csv|--tln|--bodyfile|--json]",
+    "timeline [options] HIVE [KEYPATH] [--oldest-first] [--since T] [--until T] "
+    "[--csv|--tln|--bodyfile|--json]",
     "list every key by last write time",
     "Lists every key of KEYPATH's tree (the whole hive when omitted), newest first:\n"
     "its last write time (ISO 8601 UTC to 100 ns) and its path.\n"
@@ -205,17 +208,9 @@ const Command TIMELINE_COMMAND = {
     "  --json           JSON Lines, one key object per line\n"
     "Times before 1970 are 0 in TLN and bodyfile lines; a '|' in a path is written\n"
     "%007C there.\n",
-    {{"--oldest-first", false, false},
-     {"--since", true, false},
-     {"--until", true, false},
-     {"--csv", false, false},
-     {"--tln", false, false},
-     {"--bodyfile", false, false},
-     {"--json", false, false}},
-    1,
-    2,
-    false,
-    runTimeline,
-};
+    "--oldest-first --since= --until= --csv --tln --bodyfile --json",
+    {1, 2},
+    Access::read,
+    runTimeline};
 
 }  // namespace hivekit::cli

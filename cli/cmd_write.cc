@@ -2,8 +2,8 @@
 //
 // Each opens the hive read-write, does its one change and closes it, which
 // writes the change; a failed write is a failed command.
-#include <hivekit/hivekit.h>
 #include <fcntl.h>
+#include <hivekit/hivekit.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -109,25 +109,14 @@ bool parseType(const std::string& text, ValueType& type, Form& form) {
   if (!parse_type(text, type)) return false;
   form = Form::Bytes;
   if (!text.empty() && std::isdigit(static_cast<unsigned char>(text[0]))) return true;
-  switch (type) {
-    case ValueType::sz:
-    case ValueType::expand_sz:
-    case ValueType::link:
-      form = Form::Text;
-      break;
-    case ValueType::multi_sz:
-      form = Form::TextList;
-      break;
-    case ValueType::dword:
-    case ValueType::dword_big_endian:
-      form = Form::Number32;
-      break;
-    case ValueType::qword:
-      form = Form::Number64;
-      break;
-    default:
-      break;
-  }
+  if (type == ValueType::sz || type == ValueType::expand_sz || type == ValueType::link)
+    form = Form::Text;
+  else if (type == ValueType::multi_sz)
+    form = Form::TextList;
+  else if (type == ValueType::dword || type == ValueType::dword_big_endian)
+    form = Form::Number32;
+  else if (type == ValueType::qword)
+    form = Form::Number64;
   return true;
 }
 
@@ -165,7 +154,8 @@ int runSet(Context& ctx) {
   std::vector<std::byte> bytes;
   if (fromFile) {
     // The file's bytes are the data, as stored: what 'get --raw' writes.
-    if (!data.empty() || fromStdin) return usageError(ctx.command, "DATA comes from the file with --from-file");
+    if (!data.empty() || fromStdin)
+      return usageError(ctx.command, "DATA comes from the file with --from-file");
     const std::string file = ctx.args.value("--from-file");
     const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
     std::string content;
@@ -298,20 +288,17 @@ int runImport(Context& ctx) {
 
 }  // namespace
 
-const Command NEW_COMMAND = {
-    "new",
-    "new [options] HIVE [--minor 3|5] [--force]",
-    "create an empty hive",
-    "Writes a new hive holding only its root key.\n"
-    "  --minor 3|5  format version 1.3 (lf lists, no big-data records) or 1.5 (the\n"
-    "               default: lh lists, data above 16344 bytes in db records)\n"
-    "  --force      replace HIVE when it exists\n",
-    {{"--minor", true, false}, {"--force", false, false}},
-    1,
-    1,
-    true,
-    runNew,
-};
+const Command NEW_COMMAND = {"new",
+                             "new [options] HIVE [--minor 3|5] [--force]",
+                             "create an empty hive",
+                             "Writes a new hive holding only its root key.\n"
+                             "  --minor 3|5  format version 1.3 (lf lists, no big-data records) or 1.5 (the\n"
+                             "               default: lh lists, data above 16344 bytes in db records)\n"
+                             "  --force      replace HIVE when it exists\n",
+                             "--minor= --force",
+                             {1, 1},
+                             Access::write,
+                             runNew};
 
 const Command MKKEY_COMMAND = {
     "mkkey",
@@ -320,12 +307,10 @@ const Command MKKEY_COMMAND = {
     "Creates KEYPATH and every missing key on the way to it; an existing key is\n"
     "left as it is. If a level cannot be created, the levels this command created\n"
     "are removed again.\n",
-    {},
-    2,
-    2,
-    true,
-    runMkkey,
-};
+    "",
+    {2, 2},
+    Access::write,
+    runMkkey};
 
 const Command SET_COMMAND = {
     "set",
@@ -349,38 +334,30 @@ const Command SET_COMMAND = {
     "                  dropped for text and number types)\n"
     "  --from-file FILE  the bytes of FILE are the data, exactly, whatever TYPE\n"
     "                  (what 'get --raw' writes)\n",
-    {{"--stdin", false, false}, {"--from-file", true, false}},
-    4,
-    SIZE_MAX,
-    true,
-    runSet,
-};
+    "--stdin --from-file=",
+    {4, SIZE_MAX},
+    Access::write,
+    runSet};
 
-const Command RM_COMMAND = {
-    "rm",
-    "rm [options] HIVE KEYPATH [VALUE]",
-    "delete a key with everything below it, or one value",
-    "Without VALUE, deletes KEYPATH with all its subkeys and values. With VALUE,\n"
-    "deletes that value of KEYPATH (\"\" for the default value).\n",
-    {},
-    2,
-    3,
-    true,
-    runRm,
-};
+const Command RM_COMMAND = {"rm",
+                            "rm [options] HIVE KEYPATH [VALUE]",
+                            "delete a key with everything below it, or one value",
+                            "Without VALUE, deletes KEYPATH with all its subkeys and values. With VALUE,\n"
+                            "deletes that value of KEYPATH (\"\" for the default value).\n",
+                            "",
+                            {2, 3},
+                            Access::write,
+                            runRm};
 
-const Command MV_COMMAND = {
-    "mv",
-    "mv [options] HIVE KEYPATH NEWPARENT [NEWNAME]",
-    "move or rename a key",
-    "Moves KEYPATH below the key NEWPARENT, under NEWNAME or its own name. To\n"
-    "rename a key in place, give its parent as NEWPARENT.\n",
-    {},
-    3,
-    4,
-    true,
-    runMv,
-};
+const Command MV_COMMAND = {"mv",
+                            "mv [options] HIVE KEYPATH NEWPARENT [NEWNAME]",
+                            "move or rename a key",
+                            "Moves KEYPATH below the key NEWPARENT, under NEWNAME or its own name. To\n"
+                            "rename a key in place, give its parent as NEWPARENT.\n",
+                            "",
+                            {3, 4},
+                            Access::write,
+                            runMv};
 
 const Command IMPORT_COMMAND = {
     "import",
@@ -398,11 +375,9 @@ const Command IMPORT_COMMAND = {
     "The whole file is checked before the hive changes: an error in it (a malformed\n"
     "or unknown line, value data larger than the hive's version allows, ...) is\n"
     "reported with its line and leaves the hive as it was.\n",
-    {{"--prefix", true, false}, {"--dry-run", false, false}},
-    2,
-    2,
-    true,
-    runImport,
-};
+    "--prefix= --dry-run",
+    {2, 2},
+    Access::write,
+    runImport};
 
 }  // namespace hivekit::cli

@@ -85,6 +85,11 @@ int Output::reportFailure() const {
   return fail(std::string("cannot write to standard output: ") + std::strerror(_error));
 }
 
+int Output::finish(bool complete, const std::string& incomplete) {
+  if (!flush()) return reportFailure();
+  return complete ? EXIT_OK : fail(incomplete);
+}
+
 int print(std::string_view text) {
   Output o;
   o.put(text);

@@ -23,16 +23,21 @@ constexpr int EXIT_USAGE = 2;
 
 struct Context;
 
+enum class Access { read, write };
+
 struct Command {
   const char* name;
-  const char* synopsis;             // after "hivekit ": "info [options] HIVE"
-  const char* summary;              // one line for the command list
-  const char* details;              // what it does, its own options, its output
-  std::vector<OptionSpec> options;  // besides COMMON_OPTIONS
-  size_t minOperands;
-  size_t maxOperands;  // SIZE_MAX: any number
-  bool writes;         // opens the hive read-write
+  const char* synopsis;  // after "hivekit ": "info [options] HIVE"
+  const char* summary;   // one line for the command list
+  const char* details;   // what it does, its own options, its output
+  const char* options;   // besides COMMON_OPTIONS, as optionSpecs() reads them
+  struct {
+    size_t min, max;  // max SIZE_MAX: any number
+  } operands;
+  Access access;  // how it opens the hive
   int (*run)(Context&);
+
+  bool writes() const { return access == Access::write; }
 };
 
 struct Context {
@@ -79,6 +84,9 @@ class Output {
   bool failed() const { return _error != 0; }
   // "hivekit: cannot write to standard output: REASON"; EXIT_FAILED.
   int reportFailure() const;
+  // The exit status of a walk that wrote here: EXIT_OK when it was
+  // `complete`, else the write failure or `incomplete` reported.
+  int finish(bool complete, const std::string& incomplete);
 
  private:
   int _error = 0;  // errno of the failed write

@@ -70,7 +70,7 @@ void printGeneralHelp(FILE* out) {
 
 void printCommandHelp(const Command* c) {
   std::printf("usage: hivekit %s\n%s\n\n%s\n%s", c->synopsis, c->summary, c->details, COMMON_HELP);
-  std::fputs(c->writes ? WRITE_HELP : READ_HELP, stdout);
+  std::fputs(c->writes() ? WRITE_HELP : READ_HELP, stdout);
 }
 
 int run(int argc, char** argv) {
@@ -101,21 +101,21 @@ int run(int argc, char** argv) {
 
   Context ctx;
   ctx.command = command;
-  std::vector<OptionSpec> optionList = COMMON_OPTIONS;
-  optionList.insert(optionList.end(), command->options.begin(), command->options.end());
+  std::vector<OptionSpec> optionList = optionSpecs(COMMON_OPTIONS);
+  for (OptionSpec& own : optionSpecs(command->options)) optionList.push_back(std::move(own));
   std::string error;
   if (!parseArgs(std::vector<std::string>(argv + 2, argv + argc), optionList, ctx.args, error) ||
-      !readCommonOptions(ctx.args, command->writes, ctx.common, error)) {
+      !readCommonOptions(ctx.args, command->writes(), ctx.common, error)) {
     return usageError(command, error);
   }
   if (ctx.common.help) {
     printCommandHelp(command);
     return EXIT_OK;
   }
-  if (command->writes && (ctx.common.dirty || ctx.common.unsafe))
+  if (command->writes() && (ctx.common.dirty || ctx.common.unsafe))
     return usageError(command, "--dirty and --unsafe are for reading commands only");
-  if (ctx.operandCount() < command->minOperands) return usageError(command, "missing arguments");
-  if (ctx.operandCount() > command->maxOperands) return usageError(command, "too many arguments");
+  if (ctx.operandCount() < command->operands.min) return usageError(command, "missing arguments");
+  if (ctx.operandCount() > command->operands.max) return usageError(command, "too many arguments");
   if (ctx.common.verbose) set_log(LogLevel::trace);
   return command->run(ctx);
 }

@@ -7,7 +7,7 @@ namespace hivekit::cli {
 bool openHive(const Context& ctx, const std::string& path, Hive& out) {
   const CommonOptions& c = ctx.common;
   OpenOptions options;
-  options.writable = ctx.command->writes;
+  options.writable = ctx.command->writes();
   options.accept_dirty = c.dirty;
   options.in_memory = c.unsafe;
   options.codepage = c.codepage;
@@ -23,7 +23,7 @@ bool openHive(const Context& ctx, const std::string& path, Hive& out) {
   if (!opened) {
     fail(opened.status());
     if (opened.status().code() == Code::dirty)
-      std::fputs(ctx.command->writes
+      std::fputs(ctx.command->writes()
                      ? "hivekit: name the hive's logs with --log FILE, or write a clean copy of the hive as "
                        "stored with 'hivekit recover --dirty'\n"
                      : "hivekit: --dirty reads the hive as stored; --log FILE names its logs\n",
@@ -78,6 +78,11 @@ bool findKey(const Hive& hive, const std::string& keyPath, Key& out, std::vector
     if (next) at = *next;
   }
   return true;
+}
+
+bool openAt(const Context& ctx, Hive& hive, Key& key, std::vector<std::string>& names) {
+  return openHive(ctx, ctx.operand(0), hive) &&
+         findKey(hive, ctx.operandCount() > 1 ? ctx.operand(1) : "", key, names);
 }
 
 }  // namespace hivekit::cli

@@ -31,5 +31,9 @@ bool findKey(const Hive& hive, const std::string& keyPath, Key& out);
 // The same, and the names of the keys on the way from the root to it as
 // they are stored (the letter case of the hive, not of KEYPATH).
 bool findKey(const Hive& hive, const std::string& keyPath, Key& out, std::vector<std::string>& names);
+// Opens the hive of the first operand and finds the key of the optional
+// second (the root when it is absent), with the names on the way to it.
+// False once a failure is reported.
+bool openAt(const Context& ctx, Hive& hive, Key& key, std::vector<std::string>& names);
 
 }  // namespace hivekit::cli

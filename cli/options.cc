@@ -8,12 +8,26 @@
 
 namespace hivekit::cli {
 
-const std::vector<OptionSpec> COMMON_OPTIONS = {
-    {"--dirty", false, false},   {"--unsafe", false, false},  {"--codepage", true, false},
-    {"--verbose", false, false}, {"--no-logs", false, false}, {"--log", true, true},
-    {"--help", false, false},    {"-h", false, false},        {"--wait", false, false},
-    {"--time", true, false},
-};
+const char* const COMMON_OPTIONS =
+    "--dirty --unsafe --codepage= --verbose --no-logs --log=* --help -h --wait --time=";
+
+std::vector<OptionSpec> optionSpecs(std::string_view list) {
+  std::vector<OptionSpec> specs;
+  while (!list.empty()) {
+    const size_t end = std::min(list.find(' '), list.size());
+    std::string_view word = list.substr(0, end);
+    list.remove_prefix(std::min(end + 1, list.size()));
+    if (word.empty()) continue;
+    OptionSpec spec;
+    spec.repeatable = word.ends_with("=*");
+    if (spec.repeatable) word.remove_suffix(1);
+    spec.takesValue = word.ends_with('=');
+    if (spec.takesValue) word.remove_suffix(1);
+    spec.name = word;
+    specs.push_back(std::move(spec));
+  }
+  return specs;
+}
 
 std::string ParsedArgs::value(const std::string& name, const std::string& fallback) const {
   auto it = options.find(name);
@@ -26,8 +40,8 @@ const std::vector<std::string>& ParsedArgs::values(const std::string& name) cons
   return it == options.end() ? none : it->second;
 }
 
-bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& optionList, ParsedArgs& out,
-               std::string& error) {
+bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& optionList,
+               ParsedArgs& out, std::string& error) {
   auto find = [&](const std::string& name) -> const OptionSpec* {
     for (const OptionSpec& s : optionList)
       if (name == s.name) return &s;
@@ -158,7 +172,8 @@ bool readTimeRange(const ParsedArgs& parsed, std::optional<FileTime>& since, std
     if (!parsed.has(option)) continue;
     FileTime t;
     if (!parse_iso8601(parsed.value(option), t)) {
-      error = std::string(option) + " takes a UTC time: 2024-03-01, 2024-03-01T12:00:00, 2024-03-01T12:00:00.5Z";
+      error =
+          std::string(option) + " takes a UTC time: 2024-03-01, 2024-03-01T12:00:00, 2024-03-01T12:00:00.5Z";
       return false;
     }
     *slot = t;

@@ -8,15 +8,21 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace hivekit::cli {
 
 struct OptionSpec {
-  const char* name;  // "--codepage", "-o"
-  bool takesValue;
-  bool repeatable;
+  std::string name;  // "--codepage", "-o"
+  bool takesValue = false;
+  bool repeatable = false;
 };
+
+// The options a list such as "--json -o= --type=*" names, separated by
+// spaces: a name alone is a flag, "NAME=" takes a value, "NAME=*" takes a
+// value and may be given more than once.
+std::vector<OptionSpec> optionSpecs(std::string_view list);
 
 struct ParsedArgs {
   std::vector<std::string> operands;
@@ -35,8 +41,8 @@ struct ParsedArgs {
 bool parseArgs(const std::vector<std::string>& args, const std::vector<OptionSpec>& optionList,
                ParsedArgs& out, std::string& error);
 
-// The options every command shares.
-extern const std::vector<OptionSpec> COMMON_OPTIONS;
+// The options every command shares, in optionSpecs() form.
+extern const char* const COMMON_OPTIONS;
 
 struct CommonOptions {
   bool dirty = false;

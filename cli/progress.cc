@@ -15,7 +15,8 @@ std::mutex lineMutex;
 bool lineShown = false;
 
 int64_t nowMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
       .count();
 }
 
@@ -67,7 +68,8 @@ ProgressThread::ProgressThread(std::string label, std::function<std::string()> s
       for (int i = 0; i < 5 && !_stop.load(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
       if (_stop.load()) break;
       const std::string more = status ? status() : std::string();
-      show(label + ": " + std::to_string((nowMs() - start) / 1000) + " s" + (more.empty() ? "" : ", " + more));
+      show(label + ": " + std::to_string((nowMs() - start) / 1000) + " s" +
+           (more.empty() ? "" : ", " + more));
     }
   });
 }

@@ -176,4 +176,19 @@ std::string preview(const Value& v, const Bytes& data) {
   return hexPreview(data);
 }
 
+bool writeKeyLine(TreeWalk& walk, const TreeWalk::Visit& v, std::string& out) {
+  JsonWriter j(out);
+  j.beginObject();
+  keyMembers(j, v.key, v.path);
+  j.key("values").beginArray();
+  for (const Value& value : v.values) {
+    const Result<Bytes> data = value.data();
+    if (!walk.chargeData(data->size())) return false;
+    valueObject(j, value, data);
+  }
+  j.endArray().endObject();
+  out += '\n';
+  return true;
+}
+
 }  // namespace hivekit::cli

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "json.h"
+#include "tree_walk.h"
 
 namespace hivekit::cli {
 
@@ -37,5 +38,9 @@ std::string preview(const Value& value, const Bytes& data);
 
 // A whole value object.
 void valueObject(JsonWriter& j, const Value& value, const Result<Bytes>& data);
+
+// The JSON line of a visited key: its members and its values with their
+// data, which `walk` is charged for. False once the walk is over budget.
+bool writeKeyLine(TreeWalk& walk, const TreeWalk::Visit& v, std::string& out);
 
 }  // namespace hivekit::cli

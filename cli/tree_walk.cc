@@ -89,7 +89,8 @@ bool TreeWalk::run(const Key& start, const std::string& startPath, const Visitor
     if (parentLength > 1) _path += '\\';
     appendName(_path, child.name());
     if (_stack.size() >= MAX_DEPTH) {
-      report("key nesting deeper than " + std::to_string(MAX_DEPTH) + " levels at " + _path + "; not descending");
+      report("key nesting deeper than " + std::to_string(MAX_DEPTH) + " levels at " + _path +
+             "; not descending");
       continue;
     }
     const uint32_t offset = child.offset();
@@ -133,8 +134,9 @@ bool TreeWalk::enter(const Key& key, size_t depth, const size_t* listedBefore, c
     badValues = values.status().ok() ? values.skipped() : key.value_count();
     if (!_budget.charge(_values.size())) return overBudget();
   }
-  const Visit v{key, _path, depth, listedBefore ? *listedBefore : frame.end - frame.first, listedBefore != nullptr,
-                _values};
+  const Visit v{
+      key,    _path, depth, listedBefore ? *listedBefore : frame.end - frame.first, listedBefore != nullptr,
+      _values};
   if (!visit(v)) return false;
   if (badKeys || badValues)
     report(_path + ": " + std::to_string(badKeys) + " subkeys and " + std::to_string(badValues) +

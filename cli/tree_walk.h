@@ -41,9 +41,9 @@ class TreeWalk {
   struct Visit {
     const Key& key;
     const std::string& path;
-    size_t depth;       // 0 for the key the walk starts at
-    size_t subkeys;     // subkeys that could be read (for a repeated key: when first listed)
-    bool repeated;      // listed before: its subkeys are not visited again
+    size_t depth;                   // 0 for the key the walk starts at
+    size_t subkeys;                 // subkeys that could be read (for a repeated key: when first listed)
+    bool repeated;                  // listed before: its subkeys are not visited again
     std::span<const Value> values;  // in value-list order; empty unless the walk reads values
   };
   // Returns false to stop the walk (a failed write).

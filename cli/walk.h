@@ -21,9 +21,7 @@ class WalkBudget {
   // Counts `items` keys or values and `bytes` of their data; false once the
   // walk has gone past the budget.
   bool charge(uint64_t items, uint64_t bytes = 0) {
-    _items += items;
-    _bytes += bytes;
-    return _items <= _maxItems && _bytes <= _maxBytes;
+    return (_items += items) <= _maxItems && (_bytes += bytes) <= _maxBytes;
   }
 
  private:

@@ -28,10 +28,7 @@ u32 absLength(s32 size) {
 }  // namespace
 
 u32 RegistryHiveObj::allocateRecord(u32 size, u32* allocatedSize) {
-  if (readonly()) {
-    Error::set(Errors::READ_ONLY);
-    return INVALID_RECORD;
-  }
+  if (Error::setIf(readonly(), Errors::READ_ONLY)) return INVALID_RECORD;
   if ((_mode & modeUnsafe) && refuseUnsafe("allocateRecord")) return INVALID_RECORD;
   if (size == 0 || size > MAX_RECORD_LENGTH) {
     HK_LOG(hiveLog, 4) << "Invalid record size requested: " << size;
@@ -83,10 +80,7 @@ u32 RegistryHiveObj::growForRecord(u32 length) {
     Error::set(Errors::ALLOCATION_FAILED);
     return INVALID_RECORD;
   }
-  if (!reserveBins(H + S)) {
-    Error::set(Errors::ALLOCATION_FAILED);
-    return INVALID_RECORD;
-  }
+  if (Error::setIf(!reserveBins(H + S), Errors::ALLOCATION_FAILED)) return INVALID_RECORD;
   if (fileSize() < fileEnd && _stripe->setElementCount(fileEnd) != fileEnd) {
     HK_LOG(hiveLog, 4) << "Failed to resize hive file to " << fileEnd
                        << "; error: " << Log::hex(Error::get());
@@ -149,10 +143,7 @@ bool RegistryHiveObj::appendEmptyHbin(u32 H, u32 S) {
 }
 
 bool RegistryHiveObj::initRecord(u32 offset, u32 size) {
-  if (readonly()) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
+  if (Error::setIf(readonly(), Errors::READ_ONLY)) return false;
   if ((_mode & modeUnsafe) && refuseUnsafe("initRecord")) return false;
   HK_ASSERT(hiveLog, size >= 8 && size % hive_hbin::RECORD_ALIGNMENT == 0, false);
   u32 hbin = INVALID_HBIN;
@@ -265,10 +256,7 @@ bool RegistryHiveObj::updateFreeSpace(u32 hbin_idx) {
 
 u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* allocatedSize,
                                   bool keepIfLarger) {
-  if (readonly()) {
-    Error::set(Errors::READ_ONLY);
-    return INVALID_RECORD;
-  }
+  if (Error::setIf(readonly(), Errors::READ_ONLY)) return INVALID_RECORD;
   if ((_mode & modeUnsafe) && refuseUnsafe("resizeRecord")) return INVALID_RECORD;
   if (newSize > MAX_RECORD_LENGTH) {
     HK_LOG(hiveLog, 4) << "Invalid record size requested: " << newSize;
@@ -286,32 +274,26 @@ u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* a
   HK_ASSERT(hiveLog, (u64{recordSize} + freeBehind) % hive_hbin::RECORD_ALIGNMENT == 0, INVALID_RECORD);
   const u32 inHbin = offset - _hbins[hbin].offset;
   const u32 total = recordSize + freeBehind;
-  u8 field[4];
+  // Writes a cell's size field at `at` in the hbin.
+  auto writeSize = [&](u32 at, u32 size, const char* failure) {
+    u8 field[4];
+    W32(field, size);
+    if (writeHBIN(hbin, at, field, 4)) return true;
+    HK_LOG(hiveLog, 4) << "Failed to write " << failure << ", record=" << offset;
+    return false;
+  };
 
   // A new size of 0 frees the record, merged with the free space behind it.
   if (length == 0) {
-    W32(field, total);
-    if (!writeHBIN(hbin, inHbin, field, 4)) {
-      HK_LOG(hiveLog, 4) << "Failed to write free record while freeing, record=" << offset;
-      return INVALID_RECORD;
-    }
+    if (!writeSize(inHbin, total, "free record while freeing")) return INVALID_RECORD;
     updateFreeSpace(hbin);
     return offset;
   }
 
   if (total >= length) {
-    W32(field, static_cast<u32>(-static_cast<s32>(length)));
-    if (!writeHBIN(hbin, inHbin, field, 4)) {
-      HK_LOG(hiveLog, 4) << "Failed to write record while resizing, record=" << offset;
+    if (!writeSize(inHbin, static_cast<u32>(-static_cast<s32>(length)), "record while resizing") ||
+        (total > length && !writeSize(inHbin + length, total - length, "free record while resizing")))
       return INVALID_RECORD;
-    }
-    if (total > length) {
-      W32(field, total - length);
-      if (!writeHBIN(hbin, inHbin + length, field, 4)) {
-        HK_LOG(hiveLog, 4) << "Failed to write free record while resizing, record=" << offset;
-        return INVALID_RECORD;
-      }
-    }
     updateFreeSpace(hbin);
     return offset;
   }
@@ -329,20 +311,13 @@ u32 RegistryHiveObj::resizeRecord(u32 offset, u32 newSize, bool copyData, u32* a
     HK_LOG(hiveLog, 4) << "Failed to copy data to the new record while resizing, record=" << moved;
     return INVALID_RECORD;
   }
-  W32(field, recordSize);
-  if (!writeHBIN(hbin, inHbin, field, 4)) {
-    HK_LOG(hiveLog, 4) << "Failed to write free record while resizing (re-allocate), record=" << offset;
-    return INVALID_RECORD;
-  }
+  if (!writeSize(inHbin, recordSize, "free record while resizing (re-allocate)")) return INVALID_RECORD;
   updateFreeSpace(hbin);
   return moved;
 }
 
 bool RegistryHiveObj::writeRecord(u32 offset, const void* data, u32 position, u32 length) {
-  if (readonly()) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
+  if (Error::setIf(readonly(), Errors::READ_ONLY)) return false;
   if ((_mode & modeUnsafe) && refuseUnsafe("writeRecord")) return false;
   if (length == 0) return true;
   if (position < 4) {
@@ -369,10 +344,7 @@ bool RegistryHiveObj::writeRecord(u32 offset, const void* data, u32 position, u3
 }
 
 bool RegistryHiveObj::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data, u32 length) {
-  if (readonly()) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
+  if (Error::setIf(readonly(), Errors::READ_ONLY)) return false;
   if ((_mode & modeUnsafe) && refuseUnsafe("writeHBIN")) return false;
   HK_ASSERT(hiveLog, hbin_idx < _hbins.size(), false);
   HK_ASSERT(hiveLog, _binsMem, false);

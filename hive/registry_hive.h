@@ -138,6 +138,11 @@ class RegistryHiveObj : public HiveFile {
     if (const hive_record* record = residentRecord(offset)) return record;
     return loadRecordChecked(offset);
   }
+  // cacheLoadRecord's answer when every check passes on what is known
+  // already (the hbin's record starts built and up to date); null when any
+  // check fails or needs more, with nothing logged: the full path then
+  // decides and reports. For readers that try a quick judgement first.
+  const hive_record* residentRecord(u32 offset) const;
   // Asks the processor to start loading the record at `offset` (nothing
   // is checked or read): a reader that knows which records it will ask
   // for next lets their cache misses overlap.
@@ -223,10 +228,6 @@ class RegistryHiveObj : public HiveFile {
 
  private:
   const hive_record* loadRecordChecked(u32 offset);
-  // cacheLoadRecord's answer when every check passes on what is known
-  // already (the hbin's record starts built and up to date); null when any
-  // check fails or needs more (the full path then decides and reports).
-  const hive_record* residentRecord(u32 offset) const;
 
   // Where the record walk of one hbin lands: bits of _startBits (and, in a
   // writable hive, _freeBits), built by one walk from offset 32 the first

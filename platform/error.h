@@ -27,6 +27,13 @@ constexpr u32 IO_ERROR = 0x8000;  // OR-ed with errno for other system failures
 
 void set(u32 code);
 u32 get();
+// Sets `code` when `failed` holds and returns `failed`: the entry checks of
+// a call read as one line each, `if (Error::setIf(!_valid, OBJECT_INVALID))
+// return false;`, and chain with || in the order they are made.
+inline bool setIf(bool failed, u32 code) {
+  if (failed) set(code);
+  return failed;
+}
 // The errno of an IO_ERROR code, else 0.
 inline int systemError(u32 code) {
   return (code & IO_ERROR) ? static_cast<int>(code & 0x7fff) : 0;

@@ -12,7 +12,28 @@
 namespace Platform {
 
 namespace {
-void setErrno(int e) { Error::set(e == ENOENT ? Error::FILE_NOT_FOUND : (Error::IO_ERROR | static_cast<u32>(e))); }
+void setErrno(int e) {
+  Error::set(e == ENOENT ? Error::FILE_NOT_FOUND : (Error::IO_ERROR | static_cast<u32>(e)));
+}
+
+// Repeats `step(done)`, a pread or pwrite of what is left after `done`
+// bytes, until `count` bytes are done, the call moves nothing or fails
+// (the error set); returns the bytes done. Interrupted calls are retried.
+template <typename Step>
+u64 transfer(u64 count, Step step) {
+  u64 done = 0;
+  while (done < count) {
+    const ssize_t n = step(done);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      setErrno(errno);
+      break;
+    }
+    if (n == 0) break;
+    done += static_cast<u64>(n);
+  }
+  return done;
+}
 }  // namespace
 
 Ref<FileStripe> FileStripe::open(const std::string& path, u32 flags) {
@@ -35,7 +56,9 @@ Ref<FileStripe> FileStripe::open(const std::string& path, u32 flags) {
   return Ref<FileStripe>(new FileStripe(fd, path, writable));
 }
 
-FileStripe::~FileStripe() { close(); }
+FileStripe::~FileStripe() {
+  close();
+}
 
 void FileStripe::close() {
   if (_fd < 0) return;
@@ -71,18 +94,9 @@ u64 FileStripe::setElementCount(u64 count) {
 }
 
 u64 FileStripe::readAt(u64 position, void* buffer, u64 count) {
-  u64 done = 0;
-  while (done < count) {
-    ssize_t n = pread(_fd, static_cast<u8*>(buffer) + done, count - done, static_cast<off_t>(position + done));
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      setErrno(errno);
-      break;
-    }
-    if (n == 0) break;
-    done += static_cast<u64>(n);
-  }
-  return done;
+  return transfer(count, [&](u64 done) {
+    return pread(_fd, static_cast<u8*>(buffer) + done, count - done, static_cast<off_t>(position + done));
+  });
 }
 
 u64 FileStripe::writeAt(u64 position, const void* buffer, u64 count) {
@@ -90,19 +104,10 @@ u64 FileStripe::writeAt(u64 position, const void* buffer, u64 count) {
     Error::set(Error::IO_ERROR | EBADF);
     return 0;
   }
-  u64 done = 0;
-  while (done < count) {
-    ssize_t n =
-        pwrite(_fd, static_cast<const u8*>(buffer) + done, count - done, static_cast<off_t>(position + done));
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      setErrno(errno);
-      break;
-    }
-    if (n == 0) break;
-    done += static_cast<u64>(n);
-  }
-  return done;
+  return transfer(count, [&](u64 done) {
+    return pwrite(_fd, static_cast<const u8*>(buffer) + done, count - done,
+                  static_cast<off_t>(position + done));
+  });
 }
 
 Ref<FileView> FileStripe::view(u64 position, u64 count) {

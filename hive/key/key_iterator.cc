@@ -8,98 +8,56 @@ namespace Libraries::Files::Hive {
 
 namespace {
 
-// Registers an iterator in the first slot whose iterator is gone.
+// Shifts the live iterators of a list for an entry inserted or removed.
 template <class T>
-void registerIterator(std::vector<WeakRef<T>>& slots, const Ref<T>& it) {
+void shiftIterators(std::vector<WeakRef<T>>& slots, u32 index, bool inserted) {
+  for (WeakRef<T>& slot : slots) {
+    if (Ref<T> it = slot.lock()) inserted ? it->insertedAt(index) : it->removedAt(index);
+  }
+}
+
+// A new iterator over a list of `key`, kept in the first of `slots` whose
+// iterator is gone so that the key can shift it.
+template <class T>
+Ref<T> newIterator(KeyObj* key, std::vector<WeakRef<T>>& slots) {
+  Ref<T> it = makeRef<T>(Ref<KeyObj>(key));
   for (WeakRef<T>& slot : slots) {
     if (!slot.lock()) {
       slot = WeakRef<T>(it);
-      return;
+      return it;
     }
   }
   slots.push_back(WeakRef<T>(it));
+  return it;
 }
 
 }  // namespace
 
-u32 KeyIteratorObj::seek(u32 position) {
-  Mon::Lock lock(_key->hive()->mon());
-  const u32 n = _key->keys();
-  _position = position > n ? n : position;
-  return _position;
-}
-
-u32 KeyIteratorObj::count() {
-  Mon::Lock lock(_key->hive()->mon());
-  return _key->keys();
-}
-
-Ref<Key> KeyIteratorObj::next() {
-  Mon::Lock lock(_key->hive()->mon());
-  if (_position >= _key->keys()) return nullptr;
-  Ref<KeyObj> k = _key->key(_position);
-  ++_position;
-  return k;
-}
-
-u32 ValueIteratorObj::seek(u32 position) {
-  Mon::Lock lock(_key->hive()->mon());
-  const u32 n = _key->values();
-  _position = position > n ? n : position;
-  return _position;
-}
-
-u32 ValueIteratorObj::count() {
-  Mon::Lock lock(_key->hive()->mon());
-  return _key->values();
-}
-
-Ref<Value> ValueIteratorObj::next() {
-  Mon::Lock lock(_key->hive()->mon());
-  if (_position >= _key->values()) return nullptr;
-  Ref<ValueObj> v = _key->value(_position);
-  ++_position;
-  return v;
+Ref<Value> ValueEntries::at(KeyObj& key, u32 index) {
+  return key.value(index);
 }
 
 Ref<KeyIterator> KeyObj::keyIterator() {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) return nullptr;
-  Ref<KeyIteratorObj> it = makeRef<KeyIteratorObj>(Ref<KeyObj>(this));
-  registerIterator(_keyIterators, it);
-  return it;
+  return _valid ? newIterator(this, _keyIterators) : nullptr;
 }
 
 Ref<ValueIterator> KeyObj::valueIterator() {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) return nullptr;
-  Ref<ValueIteratorObj> it = makeRef<ValueIteratorObj>(Ref<KeyObj>(this));
-  registerIterator(_valueIterators, it);
-  return it;
+  return _valid ? newIterator(this, _valueIterators) : nullptr;
 }
 
 void KeyObj::keysInsertedAt(u32 index) {
-  for (WeakRef<KeyIteratorObj>& slot : _keyIterators) {
-    if (Ref<KeyIteratorObj> it = slot.lock()) it->insertedAt(index);
-  }
+  shiftIterators(_keyIterators, index, true);
 }
-
 void KeyObj::keysRemovedAt(u32 index) {
-  for (WeakRef<KeyIteratorObj>& slot : _keyIterators) {
-    if (Ref<KeyIteratorObj> it = slot.lock()) it->removedAt(index);
-  }
+  shiftIterators(_keyIterators, index, false);
 }
-
 void KeyObj::valuesInsertedAt(u32 index) {
-  for (WeakRef<ValueIteratorObj>& slot : _valueIterators) {
-    if (Ref<ValueIteratorObj> it = slot.lock()) it->insertedAt(index);
-  }
+  shiftIterators(_valueIterators, index, true);
 }
-
 void KeyObj::valuesRemovedAt(u32 index) {
-  for (WeakRef<ValueIteratorObj>& slot : _valueIterators) {
-    if (Ref<ValueIteratorObj> it = slot.lock()) it->removedAt(index);
-  }
+  shiftIterators(_valueIterators, index, false);
 }
 
 }  // namespace Libraries::Files::Hive

@@ -2,6 +2,7 @@
 // _keyList and _tree, list hashes, and lookup by name.
 #include <algorithm>
 
+#include "hive/entry_checks.h"
 #include "hive/key/key_obj.h"
 #include "hive/key/subkey_search.h"
 #include "platform/check.h"
@@ -66,7 +67,8 @@ bool KeyObj::initSubkeys() {
   SubkeyList list;
   const bool loaded = loadSubkeyList(*_hive, record(), list);
   std::vector<KeyEntry> entries(list.entries.size());
-  for (size_t i = 0; i < entries.size(); ++i) entries[i] = KeyEntry{list.entries[i].hash, list.entries[i].offset, {}};
+  for (size_t i = 0; i < entries.size(); ++i)
+    entries[i] = KeyEntry{list.entries[i].hash, list.entries[i].offset, {}};
   _keyList.assign(std::move(entries));
   _tree = std::move(list.sublists);
   _twoLevelList = list.twoLevel;
@@ -134,14 +136,7 @@ bool KeyObj::binaryFindKey(const Ref<String>& name, Ref<KeyObj>& found, u32& pos
 
 Ref<Key> KeyObj::key(Ref<String> name) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return nullptr;
-  }
-  if (!name) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return nullptr;
-  }
+  if (!entryChecks(Entry::read, _readOnly, _valid, name)) return nullptr;
   if (!initSubkeys()) return nullptr;
   Ref<KeyObj> found;
   u32 position = 0;

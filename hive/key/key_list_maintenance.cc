@@ -335,23 +335,24 @@ bool KeyObj::insertKey(u32 position, u32 nkOffset, u32 hash) {
     --_numOfKeys;
     return false;
   }
-  if (cell != old) {
-    _tree[sublist].offset = cell;
-    if (_twoLevelList) {
-      u8 pointer[4];
-      W32(pointer, cell);
-      if (!_hive->writeRecord(_keyListCell, pointer, L::OFS_ITEMS + 4 * sublist, 4)) {
-        HK_LOG(hiveLog, 4) << "Failed to update ri pointer for list:" << cell << " Key: " << _offset;
-        return false;
-      }
-    } else {
-      _keyListCell = cell;
-      setHeader32(N::OFS_KEY_LIST, cell);
-    }
-  }
+  if (cell != old && !pointAtSublist(sublist, cell)) return false;
   setHeader32(N::OFS_NUM_KEYS, _numOfKeys);
   stamp();
   return syncKeyRecord();
+}
+
+bool KeyObj::pointAtSublist(u32 sublist, u32 cell) {
+  _tree[sublist].offset = cell;
+  if (!_twoLevelList) {
+    _keyListCell = cell;
+    setHeader32(N::OFS_KEY_LIST, cell);
+    return true;
+  }
+  u8 pointer[4];
+  W32(pointer, cell);
+  if (_hive->writeRecord(_keyListCell, pointer, L::OFS_ITEMS + 4 * sublist, 4)) return true;
+  HK_LOG(hiveLog, 4) << "Failed to update ri pointer for list:" << cell << " Key: " << _offset;
+  return false;
 }
 
 bool KeyObj::unlinkKey(u32 position) {
@@ -373,18 +374,7 @@ bool KeyObj::unlinkKey(u32 position) {
     if (cell == INVALID_RECORD) {
       ok = false;
     } else if (cell != old) {
-      _tree[sublist].offset = cell;
-      if (_twoLevelList) {
-        u8 pointer[4];
-        W32(pointer, cell);
-        if (!_hive->writeRecord(_keyListCell, pointer, L::OFS_ITEMS + 4 * sublist, 4)) {
-          HK_LOG(hiveLog, 4) << "Failed to update ri pointer for list:" << cell << " Key: " << _offset;
-          ok = false;
-        }
-      } else {
-        _keyListCell = cell;
-        setHeader32(N::OFS_KEY_LIST, cell);
-      }
+      ok = pointAtSublist(sublist, cell) && ok;
     }
   } else {
     ok = freeOwnRecord(_tree[sublist].offset, "subkey list") && ok;

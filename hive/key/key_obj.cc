@@ -1,5 +1,6 @@
 #include "hive/key/key_obj.h"
 
+#include "hive/entry_checks.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -59,17 +60,15 @@ const Ref<String>& KeyObj::nameRef() {
   KeyRecord rec;
   std::u16string name;
   if (readKeyRecord(*_hive, _offset, rec) && !readKeyName(*_hive, rec, name) && rec.compressedName())
-    HK_LOG(hiveLog, 3) << "Name of key could not be converted from codepaged name to Ref<String>. key:" << _offset;
+    HK_LOG(hiveLog, 3) << "Name of key could not be converted from codepaged name to Ref<String>. key:"
+                       << _offset;
   _name = String::fromUtf16(std::move(name));
   return _name;
 }
 
 Ref<KeyObj> KeyObj::key(u32 index) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return nullptr;
-  }
+  if (!entryChecks(Entry::read, _readOnly, _valid)) return nullptr;
   if (!initSubkeys()) return nullptr;
   HK_ASSERT_AS(hiveLog, "_keyList.size() == _numOfKeys", _keyList.size() == _numOfKeys, nullptr);
   if (index >= _keyList.size()) return nullptr;

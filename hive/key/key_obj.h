@@ -151,6 +151,9 @@ class KeyObj : public ValueOwner {
   u32 writeNewKeyRecord(const u8* storedName, u32 nameLength, bool compressed);
   Ref<KeyObj> keyToMove(const Ref<Key>& key);
   bool unlinkKey(u32 position);
+  // Sublist `sublist` of the subkey list now lives at `cell`: points the ri
+  // list at it, or the key itself when the list has one level.
+  bool pointAtSublist(u32 sublist, u32 cell);
 
   // Key operations.
   bool canBeDeleted();

@@ -1,5 +1,6 @@
 // Key operations that change the tree: create, delete, move / rename, and
 // the security reference counts that go with them.
+#include "hive/entry_checks.h"
 #include "hive/key/key_obj.h"
 #include "hive/value/value_obj.h"
 #include "platform/check.h"
@@ -10,6 +11,20 @@ namespace Libraries::Files::Hive {
 namespace {
 using N = hive_record_nk;
 using S = hive_record_sk;
+
+// A key name in the form its nk record stores.
+struct StoredName {
+  std::vector<u8> bytes;
+  u64 length = 0;
+  bool compressed = false;
+};
+
+// `name` as a record stores it; false with `code` set when it cannot be.
+bool storeName(RegistryHiveObj& hive, const Ref<String>& name, u32 code, StoredName& out) {
+  return !Error::setIf(
+      !hive.stringToRegName(name, out.bytes, out.length, out.compressed) || out.length > out.bytes.size(),
+      code);
+}
 }  // namespace
 
 bool KeyObj::adjustSecurityCellRefCount(RegistryHiveObj* hive, u32 offset, bool increment) {
@@ -70,59 +85,29 @@ u32 KeyObj::writeNewKeyRecord(const u8* storedName, u32 nameLength, bool compres
 }
 
 Ref<Key> KeyObj::createKey(Ref<String> name) {
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return nullptr;
-  }
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
+  if (!entryChecks(Entry::change, _readOnly, _valid, name) ||
+      Error::setIf(name->isEmpty(), Errors::INVALID_ARGUMENT))
     return nullptr;
-  }
-  if (!name) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return nullptr;
-  }
-  if (name->isEmpty()) {
-    Error::set(Errors::INVALID_ARGUMENT);
-    return nullptr;
-  }
   if (!initSubkeys()) return nullptr;
-  if (name->length() > MAX_KEY_NAME_LENGTH) {
-    Error::set(Errors::KEY_NAME_INVALID);
-    return nullptr;
-  }
+  if (Error::setIf(name->length() > MAX_KEY_NAME_LENGTH, Errors::KEY_NAME_INVALID)) return nullptr;
   Ref<KeyObj> existing;
   u32 position = INVALID_RECORD;
-  if (binaryFindKey(name, existing, position)) {
-    Error::set(Errors::KEY_EXISTS);
+  if (Error::setIf(binaryFindKey(name, existing, position), Errors::KEY_EXISTS) ||
+      Error::setIf(position == INVALID_RECORD, Errors::NO_INSERT_POSITION) ||
+      Error::setIf(!ensureFreeListPlace(position), Errors::KEY_LIST_FULL))
     return nullptr;
-  }
-  if (position == INVALID_RECORD) {
-    Error::set(Errors::NO_INSERT_POSITION);
-    return nullptr;
-  }
-  if (!ensureFreeListPlace(position)) {
-    Error::set(Errors::KEY_LIST_FULL);
-    return nullptr;
-  }
-  std::vector<u8> stored;
-  u64 nameLength = 0;
-  bool compressed = false;
-  if (!_hive->stringToRegName(name, stored, nameLength, compressed) || nameLength > stored.size()) {
-    Error::set(Errors::KEY_NAME_INVALID);
-    return nullptr;
-  }
-  HK_ASSERT(hiveLog, nameLength <= 0xffffu, nullptr);
+  StoredName stored;
+  if (!storeName(*_hive, name, Errors::KEY_NAME_INVALID, stored)) return nullptr;
+  HK_ASSERT(hiveLog, stored.length <= 0xffffu, nullptr);
   // Characters without a codepage byte hash as 0, as the lists of other
   // writers do; a hash is a hint and never a reason to refuse a name.
   u32 hash = 0;
-  if (_listType != keyListLI && !makeHash(_listType, name, compressed, true, hash)) {
-    Error::set(Errors::HASH_FAILED);
+  if (Error::setIf(_listType != keyListLI && !makeHash(_listType, name, stored.compressed, true, hash),
+                   Errors::HASH_FAILED))
     return nullptr;
-  }
 
-  const u32 nk = writeNewKeyRecord(stored.data(), static_cast<u32>(nameLength), compressed);
+  const u32 nk = writeNewKeyRecord(stored.bytes.data(), static_cast<u32>(stored.length), stored.compressed);
   if (nk == INVALID_RECORD) return nullptr;
   // Readers size their buffers by the longest subkey name.
   const u32 nameBytes = static_cast<u32>(name->length()) * 2;
@@ -145,38 +130,16 @@ bool KeyObj::canBeDeleted() {
 }
 
 bool KeyObj::deleteKey(Ref<Key> key) {
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
-  if (!key) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return false;
-  }
+  if (!entryChecks(Entry::change, _readOnly, _valid, key)) return false;
   Ref<KeyObj> k = key.cast<KeyObj>();
-  if (!k || k->_hive.get() != _hive.get()) {
-    Error::set(Errors::INVALID_ARGUMENT);
+  if (Error::setIf(!k || k->_hive.get() != _hive.get(), Errors::INVALID_ARGUMENT) ||
+      Error::setIf(!k->_valid, Errors::OBJECT_INVALID) ||
+      Error::setIf(!k->canBeDeleted(), Errors::KEY_NOT_EMPTY))
     return false;
-  }
-  if (!k->_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
-  if (!k->canBeDeleted()) {
-    Error::set(Errors::KEY_NOT_EMPTY);
-    return false;
-  }
   if (!initSubkeys()) return false;
   const u32 position = positionOfSubkey(k.get());
-  if (position == INVALID_RECORD) {
-    Error::set(Errors::INVALID_ARGUMENT);
-    return false;
-  }
+  if (Error::setIf(position == INVALID_RECORD, Errors::INVALID_ARGUMENT)) return false;
   if (!unlinkKey(position)) return false;
   return k->selfDelete();
 }
@@ -213,28 +176,23 @@ bool KeyObj::selfDelete() {
 
 u32 KeyObj::setName(const Ref<String>& name, KeyListType type, u32 newParent, u32& hash) {
   hash = 0;
-  std::vector<u8> stored;
-  u64 nameLength = 0;
-  bool compressed = false;
-  if (!_hive->stringToRegName(name, stored, nameLength, compressed) || nameLength > stored.size()) {
-    Error::set(Errors::MOVE_NAME_TOO_LONG);
+  StoredName stored;
+  if (!storeName(*_hive, name, Errors::MOVE_NAME_TOO_LONG, stored)) return INVALID_RECORD;
+  HK_ASSERT(hiveLog, stored.length <= 0xffffu, INVALID_RECORD);
+  if (Error::setIf(type != keyListLI && !makeHash(type, name, stored.compressed, true, hash),
+                   Errors::HASH_FAILED))
     return INVALID_RECORD;
-  }
-  HK_ASSERT(hiveLog, nameLength <= 0xffffu, INVALID_RECORD);
-  if (type != keyListLI && !makeHash(type, name, compressed, true, hash)) {
-    Error::set(Errors::HASH_FAILED);
-    return INVALID_RECORD;
-  }
-  const u32 recordSize = N::HEADER_SIZE + static_cast<u32>(nameLength);
+  const u16 nameLength = static_cast<u16>(stored.length);
+  const u32 recordSize = N::HEADER_SIZE + nameLength;
   std::vector<u8> record(recordSize, 0);
   u8* r = record.data();
   std::copy(_header, _header + N::HEADER_SIZE, r);
   u16 flags = L16(r + N::OFS_FLAGS);
-  flags = compressed ? (flags | N::FLAG_COMP_NAME) : (flags & ~N::FLAG_COMP_NAME);
+  flags = stored.compressed ? (flags | N::FLAG_COMP_NAME) : (flags & ~N::FLAG_COMP_NAME);
   W16(r + N::OFS_FLAGS, flags);
   W32(r + N::OFS_PARENT, newParent);
-  W16(r + N::OFS_NAME_LENGTH, static_cast<u16>(nameLength));
-  std::copy(stored.begin(), stored.begin() + static_cast<size_t>(nameLength), r + N::OFS_NAME);
+  W16(r + N::OFS_NAME_LENGTH, nameLength);
+  std::copy(stored.bytes.begin(), stored.bytes.begin() + nameLength, r + N::OFS_NAME);
   const u64 now = _hive->now();
   W64(r + N::OFS_LAST_WRITE, now);
 
@@ -271,19 +229,13 @@ u32 KeyObj::setName(const Ref<String>& name, KeyListType type, u32 newParent, u3
 // error set otherwise.
 Ref<KeyObj> KeyObj::keyToMove(const Ref<Key>& key) {
   Ref<KeyObj> k = key.cast<KeyObj>();
-  if (!k) {
-    Error::set(Errors::INVALID_ARGUMENT);
-    return nullptr;
-  }
+  if (Error::setIf(!k, Errors::INVALID_ARGUMENT)) return nullptr;
   if (k->_hive.get() != _hive.get()) {
     HK_LOG(hiveLog, 4) << "Attempt to move a key form a different hive";
     Error::set(Errors::INVALID_ARGUMENT);
     return nullptr;
   }
-  if (!k->_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return nullptr;
-  }
+  if (Error::setIf(!k->_valid, Errors::OBJECT_INVALID)) return nullptr;
   if (!k->_parent) {
     HK_LOG(hiveLog, 4) << "Attempt to move root key";
     Error::set(Errors::MOVE_ROOT);
@@ -300,54 +252,28 @@ Ref<KeyObj> KeyObj::keyToMove(const Ref<Key>& key) {
 }
 
 bool KeyObj::move(Ref<Key> key, Ref<String> newName) {
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
-  if (!key || !newName) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return false;
-  }
+  if (!entryChecks(Entry::change, _readOnly, _valid, key, newName)) return false;
   Ref<KeyObj> k = keyToMove(key);
   if (!k) return false;
   Ref<KeyObj> oldParent = k->_parent;
   if (!initSubkeys()) return false;
-  if (newName->isEmpty()) {
-    Error::set(Errors::INVALID_ARGUMENT);
+  if (Error::setIf(newName->isEmpty(), Errors::INVALID_ARGUMENT) ||
+      Error::setIf(newName->length() > MAX_KEY_NAME_LENGTH, Errors::MOVE_NAME_TOO_LONG))
     return false;
-  }
-  if (newName->length() > MAX_KEY_NAME_LENGTH) {
-    Error::set(Errors::MOVE_NAME_TOO_LONG);
-    return false;
-  }
   Ref<KeyObj> existing;
   u32 position = INVALID_RECORD;
-  if (binaryFindKey(newName, existing, position)) {
-    Error::set(Errors::MOVE_NAME_EXISTS);
+  if (Error::setIf(binaryFindKey(newName, existing, position), Errors::MOVE_NAME_EXISTS) ||
+      Error::setIf(position == INVALID_RECORD, Errors::NO_MOVE_POSITION))
     return false;
-  }
-  if (position == INVALID_RECORD) {
-    Error::set(Errors::NO_MOVE_POSITION);
-    return false;
-  }
   // A rename keeps the key in this very list: take this object as the old
   // parent even when the key was reached through another object of it.
   KeyObj* from = oldParent->_offset == _offset ? this : oldParent.get();
   if (!from->initSubkeys()) return false;
   u32 oldPosition = from->positionOfSubkey(k.get());
-  if (oldPosition == INVALID_RECORD) {
-    Error::set(Errors::INVALID_ARGUMENT);
+  if (Error::setIf(oldPosition == INVALID_RECORD, Errors::INVALID_ARGUMENT) ||
+      Error::setIf(!ensureFreeListPlace(position), Errors::KEY_LIST_FULL))
     return false;
-  }
-  if (!ensureFreeListPlace(position)) {
-    Error::set(Errors::KEY_LIST_FULL);
-    return false;
-  }
   u32 hash = 0;
   const u32 moved = k->setName(newName, _listType, _offset, hash);
   if (moved == INVALID_RECORD) {

@@ -189,27 +189,6 @@ bool readKeyRecord(RegistryHiveObj& hive, u32 offset, KeyRecord& out, const hive
   return true;
 }
 
-bool parseKeyRecord(const u8* bytes, u32 room, u32 offset, KeyRecord& out) {
-  if (room < N::HEADER_SIZE || B16(bytes + 4) != N::SIGNATURE) return false;
-  const u32 nameLength = L16(bytes + N::OFS_NAME_LENGTH);
-  if (nameLength + N::HEADER_SIZE > room) return false;
-  out.offset = offset;
-  out.flags = L16(bytes + N::OFS_FLAGS);
-  out.lastWriteTime = L64(bytes + N::OFS_LAST_WRITE);
-  out.parent = L32(bytes + N::OFS_PARENT);
-  out.numKeys = L32(bytes + N::OFS_NUM_KEYS);
-  out.keyList = L32(bytes + N::OFS_KEY_LIST);
-  if (out.keyList == INVALID_RECORD) out.keyList = 0;
-  out.numValues = L32(bytes + N::OFS_NUM_VALUES);
-  out.valueList = L32(bytes + N::OFS_VALUE_LIST);
-  if (out.valueList == INVALID_RECORD) out.valueList = 0;
-  out.sk = L32(bytes + N::OFS_SK);
-  out.classCell = L32(bytes + N::OFS_CLASS);
-  out.classLength = L16(bytes + N::OFS_CLASS_LENGTH);
-  out.nameLength = static_cast<u16>(nameLength);
-  return true;
-}
-
 bool readKeyName(RegistryHiveObj& hive, const KeyRecord& key, std::u16string& out) {
   out.clear();
   const hive_record* hr = hive.cacheLoadRecord(key.offset);

@@ -67,7 +67,40 @@ bool readKeyRecord(RegistryHiveObj& hive, u32 offset, KeyRecord& out, const hive
 // space the bytes up to the next live record. The record must carry "nk"
 // and hold its fixed part and name within `room`; whether its cell is in
 // use is not asked. Logs nothing: a scan of free space refuses many.
-bool parseKeyRecord(const u8* bytes, u32 room, u32 offset, KeyRecord& out);
+// Inline: a walk reads every key's fields two or three times.
+inline bool parseKeyRecord(const u8* bytes, u32 room, u32 offset, KeyRecord& out) {
+  using N = hive_record_nk;
+  if (room < N::HEADER_SIZE || B16(bytes + 4) != N::SIGNATURE) return false;
+  const u32 nameLength = L16(bytes + N::OFS_NAME_LENGTH);
+  if (nameLength + N::HEADER_SIZE > room) return false;
+  out.offset = offset;
+  out.flags = L16(bytes + N::OFS_FLAGS);
+  out.lastWriteTime = L64(bytes + N::OFS_LAST_WRITE);
+  out.parent = L32(bytes + N::OFS_PARENT);
+  out.numKeys = L32(bytes + N::OFS_NUM_KEYS);
+  out.keyList = L32(bytes + N::OFS_KEY_LIST);
+  if (out.keyList == INVALID_RECORD) out.keyList = 0;
+  out.numValues = L32(bytes + N::OFS_NUM_VALUES);
+  out.valueList = L32(bytes + N::OFS_VALUE_LIST);
+  if (out.valueList == INVALID_RECORD) out.valueList = 0;
+  out.sk = L32(bytes + N::OFS_SK);
+  out.classCell = L32(bytes + N::OFS_CLASS);
+  out.classLength = L16(bytes + N::OFS_CLASS_LENGTH);
+  out.nameLength = static_cast<u16>(nameLength);
+  return true;
+}
+
+// The nk record at `offset` when readKeyRecord accepts it and the store
+// answers without its full path (RegistryHiveObj::residentRecord); null
+// otherwise, nothing logged: readKeyRecord then judges it and says why.
+inline const hive_record* acceptedKeyRecord(const RegistryHiveObj& hive, u32 offset) {
+  using N = hive_record_nk;
+  const hive_record* hr = hive.residentRecord(offset);
+  if (!hr || hr->length() < N::HEADER_SIZE || hr->signature() != N::SIGNATURE ||
+      hr->u16At(N::OFS_NAME_LENGTH) + N::HEADER_SIZE > hr->length())
+    return nullptr;
+  return hr;
+}
 // The key's stored name decoded (8-bit names through the hive's codepage).
 // False, with the Latin-1 reading in `out`, when a byte has no character in
 // the codepage; false and empty when the record cannot be loaded.

@@ -1,6 +1,7 @@
 // A key's security descriptor: choosing or making the sk record it uses.
 #include <cstring>
 
+#include "hive/entry_checks.h"
 #include "hive/key/key_obj.h"
 #include "hive/security/security_descriptor.h"
 #include "platform/check.h"
@@ -87,21 +88,15 @@ void dropDescriptor(RegistryHiveObj& hive, u32 offset) {
   if (!rec || rec->u32At(S::OFS_REFCOUNT) != 0) return;
   const u32 next = rec->u32At(S::OFS_FLINK), prev = rec->u32At(S::OFS_BLINK);
   if (next == offset || prev == offset || !loadSk(hive, next) || !loadSk(hive, prev)) return;
-  if (writeU32(hive, prev, S::OFS_FLINK, next) && writeU32(hive, next, S::OFS_BLINK, prev)) hive.freeRecord(offset);
+  if (writeU32(hive, prev, S::OFS_FLINK, next) && writeU32(hive, next, S::OFS_BLINK, prev))
+    hive.freeRecord(offset);
 }
 
 }  // namespace
 
 bool KeyObj::setSecurityDescriptor(const u8* bytes, u32 length) {
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
+  if (!entryChecks(Entry::change, _readOnly, _valid)) return false;
   if (!bytes || length < MIN_DESCRIPTOR || length > MAX_DESCRIPTOR) {
     HK_LOG(hiveLog, 4) << "Security descriptor of " << length << " bytes refused, key: " << _offset;
     Error::set(Errors::INVALID_ARGUMENT);

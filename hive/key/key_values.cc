@@ -1,6 +1,7 @@
 // The value list of a key: the list record (one vk offset per value, in
 // creation order), the cache of value objects, the index of value names,
 // and the value operations.
+#include "hive/entry_checks.h"
 #include "hive/key/key_iterator.h"
 #include "hive/key/key_obj.h"
 #include "hive/value/value_obj.h"
@@ -28,10 +29,7 @@ bool KeyObj::initValues() {
 
 Ref<ValueObj> KeyObj::value(u32 index) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return nullptr;
-  }
+  if (!entryChecks(Entry::read, _readOnly, _valid)) return nullptr;
   if (index >= _numOfValues) return nullptr;
   if (!initValues()) return nullptr;
   HK_ASSERT_AS(hiveLog, "_values.size() == _numOfValues", _values.size() == _numOfValues, nullptr);
@@ -51,14 +49,7 @@ Ref<ValueObj> KeyObj::value(u32 index) {
 
 Ref<Value> KeyObj::value(Ref<String> name) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return nullptr;
-  }
-  if (!name) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return nullptr;
-  }
+  if (!entryChecks(Entry::read, _readOnly, _valid, name)) return nullptr;
   if (!initValues()) return nullptr;
   const Ref<String> sought = name->upper();
   if (_numOfValues > VALUE_INDEX_MIN) {
@@ -138,23 +129,10 @@ void KeyObj::indexValueRemoved(u32 index) {
 }
 
 Ref<Value> KeyObj::createValue(Ref<String> name, ValueType type) {
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return nullptr;
-  }
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
+  if (!entryChecks(Entry::change, _readOnly, _valid, name) ||
+      Error::setIf(static_cast<bool>(value(name)), Errors::VALUE_EXISTS))
     return nullptr;
-  }
-  if (!name) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return nullptr;
-  }
-  if (value(name)) {
-    Error::set(Errors::VALUE_EXISTS);
-    return nullptr;
-  }
   if (_numOfValues > 0 && !initValues()) return nullptr;
   Ref<ValueObj> v = ValueObj::createValue(_hive, Ref<KeyObj>(this), name, type);
   if (!v) return nullptr;
@@ -229,10 +207,7 @@ u32 KeyObj::valueIndex(const ValueObj* value) {
 bool KeyObj::unlinkValue(const Ref<ValueObj>& value) {
   if (!value || !initValues()) return false;
   const u32 index = valueIndex(value.get());
-  if (index == INVALID_RECORD) {
-    Error::set(Errors::INVALID_ARGUMENT);
-    return false;
-  }
+  if (Error::setIf(index == INVALID_RECORD, Errors::INVALID_ARGUMENT)) return false;
   return unlinkValueAt(index);
 }
 
@@ -272,46 +247,19 @@ bool KeyObj::unlinkValueAt(u32 index) {
 }
 
 bool KeyObj::deleteValue(Ref<Value> value) {
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
-  if (!value) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return false;
-  }
+  if (!entryChecks(Entry::change, _readOnly, _valid, value)) return false;
   Ref<ValueObj> v = value.cast<ValueObj>();
-  if (!v) {
-    Error::set(Errors::INVALID_ARGUMENT);
-    return false;
-  }
+  if (Error::setIf(!v, Errors::INVALID_ARGUMENT)) return false;
   if (!unlinkValue(v)) return false;
   return v->selfDelete();
 }
 
 bool KeyObj::move(Ref<Value> value, Ref<String> newName) {
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
+  if (!entryChecks(Entry::change, _readOnly, _valid, value, newName) ||
+      Error::setIf(static_cast<bool>(this->value(newName)), Errors::MOVE_VALUE_EXISTS))
     return false;
-  }
-  if (!value || !newName) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return false;
-  }
-  if (this->value(newName)) {
-    Error::set(Errors::MOVE_VALUE_EXISTS);
-    return false;
-  }
   // The hive is checked before the parent is read: a value of another hive
   // is guarded by that hive's monitor, which this call does not hold.
   Ref<ValueObj> v = value.cast<ValueObj>();
@@ -327,10 +275,7 @@ bool KeyObj::move(Ref<Value> value, Ref<String> newName) {
   // Find the old entry while the value still has its old offset.
   if (!source->initValues()) return false;
   const u32 oldIndex = source->valueIndex(v.get());
-  if (oldIndex == INVALID_RECORD) {
-    Error::set(Errors::INVALID_ARGUMENT);
-    return false;
-  }
+  if (Error::setIf(oldIndex == INVALID_RECORD, Errors::INVALID_ARGUMENT)) return false;
   if (!v->setName(newName)) return false;
   if (!linkValue(v)) return false;
   if (!source->unlinkValueAt(oldIndex)) return false;

@@ -44,15 +44,9 @@ std::vector<u8> SecurityDescriptorObj::get() {
 }
 
 bool SecurityDescriptorObj::set(const u8* bytes, u32 length) {
-  if (bytes == nullptr && length != 0) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return false;
-  }
+  if (Error::setIf(bytes == nullptr && length != 0, Errors::NULL_ARGUMENT)) return false;
   Mon::Lock lock(_hive->mon());
-  if (_hive->readonly()) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
+  if (Error::setIf(_hive->readonly(), Errors::READ_ONLY)) return false;
   const hive_record* rec = _hive->cacheLoadRecord(_offset);
   HK_ASSERT(sdLog, rec != nullptr, false);
   HK_ASSERT(sdLog, rec->signature() == hive_record_sk::SIGNATURE, false);

@@ -17,10 +17,7 @@ u64 StripeValue::elementCount() {
 }
 
 u64 StripeValue::setElementCount(u64 count) {
-  if (count >= U32_LIMIT) {
-    Error::set(Errors::INVALID_ARGUMENT);
-    return 0;
-  }
+  if (Error::setIf(count >= U32_LIMIT, Errors::INVALID_ARGUMENT)) return 0;
   if (!_value->resizableAsStripe()) return Interfaces::Stripe::setElementCount(count);
   return _value->size(static_cast<u32>(count));
 }
@@ -34,19 +31,13 @@ u64 StripeValue::minElementCount() {
 }
 
 u64 StripeValue::readAt(u64 position, void* buffer, u64 count) {
-  if (count >= U32_LIMIT) {
-    Error::set(Errors::INVALID_ARGUMENT);
-    return 0;
-  }
+  if (Error::setIf(count >= U32_LIMIT, Errors::INVALID_ARGUMENT)) return 0;
   if (position >= U32_LIMIT) return 0;  // past the end of any value
   return _value->read(buffer, static_cast<u32>(position), static_cast<u32>(count));
 }
 
 u64 StripeValue::writeAt(u64 position, const void* buffer, u64 count) {
-  if (count >= U32_LIMIT) {
-    Error::set(Errors::INVALID_ARGUMENT);
-    return 0;
-  }
+  if (Error::setIf(count >= U32_LIMIT, Errors::INVALID_ARGUMENT)) return 0;
   if (position >= U32_LIMIT) return 0;
   return _value->write(buffer, static_cast<u32>(position), static_cast<u32>(count));
 }

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "hive/allocation_rollback.h"
+#include "hive/entry_checks.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -74,22 +75,14 @@ u32 ValueObj::datasizeFormType(ValueType type) {
 
 Ref<ValueObj> ValueObj::createValue(Ref<RegistryHiveObj> hive, Ref<ValueOwner> parent, Ref<String> name,
                                     ValueType type) {
-  if (!hive || !name) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return nullptr;
-  }
+  if (Error::setIf(!hive || !name, Errors::NULL_ARGUMENT)) return nullptr;
   Mon::Lock lock(hive->mon());
-  if (name->length() > MAX_VALUE_NAME_LENGTH) {
-    Error::set(Errors::VALUE_NAME_TOO_LONG);
-    return nullptr;
-  }
+  if (Error::setIf(name->length() > MAX_VALUE_NAME_LENGTH, Errors::VALUE_NAME_TOO_LONG)) return nullptr;
   std::vector<u8> stored;
   u64 length = 0;
   bool ascii = false;
-  if (!hive->stringToRegName(name, stored, length, ascii)) {
-    Error::set(Errors::VALUE_NAME_TOO_LONG);
+  if (Error::setIf(!hive->stringToRegName(name, stored, length, ascii), Errors::VALUE_NAME_TOO_LONG))
     return nullptr;
-  }
   HK_ASSERT(hiveLog, length <= 0xffff && length <= stored.size(), nullptr);
 
   std::vector<u8> record(VK::HEADER_SIZE + length, 0);
@@ -202,10 +195,7 @@ u32 ValueObj::walkExtents(u32 offset, u32 count, Piece piece) {
 
 u32 ValueObj::read(void* buffer, u32 offset, u32 size) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return 0;
-  }
+  if (!entryChecks(Entry::read, _readOnly, _valid)) return 0;
   const u32 count = clampCount(_dataSize, offset, size);
   if (count == 0) return 0;
   if (!_dataResident && _extents.empty() && !inDbForm()) {
@@ -221,14 +211,7 @@ u32 ValueObj::read(void* buffer, u32 offset, u32 size) {
 
 u32 ValueObj::write(const void* buffer, u32 offset, u32 size) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return 0;
-  }
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return 0;
-  }
+  if (!entryChecks(Entry::change, _readOnly, _valid)) return 0;
   const u32 count = clampCount(_dataSize, offset, size);
   if (count == 0) return 0;
   const u8* in = static_cast<const u8*>(buffer);
@@ -265,14 +248,7 @@ bool ValueObj::writeRecordData() {
 
 u32 ValueObj::size(u32 newSize) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return 0;
-  }
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return 0;
-  }
+  if (!entryChecks(Entry::change, _readOnly, _valid)) return 0;
   if (newSize == _dataSize) return _dataSize;
   // Bit 31 of the size field is the resident flag; hives of minor version
   // 3 have no db lists to hold more than one record; a db list counts its
@@ -322,9 +298,7 @@ u32 ValueObj::resizeToResident(u32 newSize, u32 keep) {
   _dbListDataRecord = INVALID_RECORD;
   _dataResident = true;
   std::memcpy(_recordData + VK::OFS_DATA, bytes, 4);
-  commitSize(newSize, "Failed to update vk record for resize. record: ");
-  freeRecords(old);
-  return _dataSize;
+  return commitSize(newSize, "Failed to update vk record for resize. record: ", old);
 }
 
 // Resident data, or a db list, moves into one data record of `newSize`.
@@ -353,15 +327,14 @@ u32 ValueObj::moveToOneRecord(u32 newSize, u32 keep) {
   _dbListDataRecord = INVALID_RECORD;
   _dataResident = false;
   W32(_recordData + VK::OFS_DATA, record);
-  commitSize(newSize, "Failed to update vk record for resize. record: ");
-  freeRecords(old);
-  return _dataSize;
+  return commitSize(newSize, "Failed to update vk record for resize. record: ", old);
 }
 
-u32 ValueObj::commitSize(u32 newSize, const char* failure) {
+u32 ValueObj::commitSize(u32 newSize, const char* failure, const std::vector<u32>& retired) {
   _dataSize = newSize;
   W32(_recordData + VK::OFS_DATA_SIZE, newSize | (_dataResident ? VK::DATA_RESIDENT : 0));
   if (!writeRecordData()) HK_LOG(hiveLog, 4) << failure << Log::hex(_offset);
+  freeRecords(retired);
   return _dataSize;
 }
 
@@ -445,9 +418,7 @@ u32 ValueObj::resizeDbForm(u32 newSize) {
   if (fragments.size() < have && list == _dbListDataRecord) _hive->resizeRecord(list, 4 * needed + 4, false);
   _extents = std::move(fragments);
   _dbListDataRecord = list;
-  commitSize(newSize, "Failed to update vk record for resize to db list. record: ");
-  freeRecords(retire);
-  return _dataSize;
+  return commitSize(newSize, "Failed to update vk record for resize to db list. record: ", retire);
 }
 
 // Moves data of up to one fragment (resident or in one record) into a new
@@ -487,23 +458,14 @@ u32 ValueObj::convertToDbForm(u32 newSize) {
   _dbListDataRecord = list;
   _dataResident = false;
   W32(_recordData + VK::OFS_DATA, db);
-  commitSize(newSize, "Failed to update vk record for resize to db list. record: ");
-  freeRecords(old);
-  return _dataSize;
+  return commitSize(newSize, "Failed to update vk record for resize to db list. record: ", old);
 }
 
 // ---------------------------------------------------------------- record
 
 bool ValueObj::selfDelete() {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
+  if (!entryChecks(Entry::change, _readOnly, _valid)) return false;
   if (!freeAllExtents()) return false;
   nameRef();  // the object keeps its name when its record is gone
   _extents.clear();
@@ -516,14 +478,7 @@ bool ValueObj::selfDelete() {
 
 bool ValueObj::setName(const Ref<String>& name) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
+  if (!entryChecks(Entry::change, _readOnly, _valid)) return false;
   std::vector<u8> stored;
   u64 length = 0;
   bool ascii = false;

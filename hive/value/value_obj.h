@@ -9,6 +9,7 @@
 
 #include <vector>
 
+#include "hive/entry_checks.h"
 #include "hive/registry_hive.h"
 #include "hive/value/value_owner.h"
 #include "hive/value/value_record.h"
@@ -84,6 +85,15 @@ class ValueObj : public Value {
   // The data's records are loaded and hold _dataSize bytes (true when
   // resident); sets the error otherwise. Call before allocating for the data.
   bool storageHolds();
+  // Makes the data exactly `bytes` (sized, then written); `what` names the
+  // data in the log. Clears the error on success.
+  bool replaceData(const std::vector<u8>& bytes, const char* what);
+  // The first `units` UTF-16 units of the data; false (error set) when they
+  // cannot all be read.
+  bool readText(u32 units, std::u16string& text);
+  // The width of a number value's data (4 or 8) after the entry checks; 0
+  // (error set) when a check fails or the data is not that wide.
+  u32 numberWidth(Entry entry);
   bool freeAllExtents();
   u32 resizeDbList(u32 newSize);
   // The two cases of resizeDbList: a db list already, or data of at most
@@ -102,8 +112,9 @@ class ValueObj : public Value {
   bool storageRecords(std::vector<u32>& records);
   // Frees each record; false when any could not be freed.
   bool freeRecords(const std::vector<u32>& records);
-  // Sets the data size (and resident bit) and rewrites the vk record.
-  u32 commitSize(u32 newSize, const char* failure);
+  // Sets the data size (and resident bit), rewrites the vk record, then
+  // frees the records the old storage no longer needs; returns the size.
+  u32 commitSize(u32 newSize, const char* failure, const std::vector<u32>& retired = {});
   bool writeDbList(u32 dbRecord, u32 listRecord, const std::vector<u32>& fragments);
   template <class Piece>
   u32 walkExtents(u32 offset, u32 count, Piece piece);
@@ -117,11 +128,7 @@ class ValueObj : public Value {
   u32 _dataSize = 0;
   u32 _type = 0;
   u32 _dbListDataRecord = INVALID_RECORD;
-  bool _dataResident = false;
-  bool _valid = false;
-  bool _isV13 = false;
-  bool _readOnly = false;
-  bool _resizable = false;
+  bool _dataResident = false, _valid = false, _isV13 = false, _readOnly = false, _resizable = false;
 };
 
 }  // namespace Libraries::Files::Hive

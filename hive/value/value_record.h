@@ -33,9 +33,7 @@ struct ValueRecord {
 
   u32 dataCell() const { return L32(fixed + hive_record_vk::OFS_DATA); }
   // The data lies in a db list.
-  bool inDbForm() const {
-    return !v13 && !resident && dataSize > hive_record_vk::V1_5_MAX_DATA_WITHOUT_DB;
-  }
+  bool inDbForm() const { return !v13 && !resident && dataSize > hive_record_vk::V1_5_MAX_DATA_WITHOUT_DB; }
   // Bytes one data record can give.
   u32 extentCapacity() const {
     return v13 ? hive_record_vk::V1_3_MAX_DATA : hive_record_vk::V1_5_MAX_DATA_WITHOUT_DB;
@@ -58,6 +56,48 @@ bool readValueRecord(RegistryHiveObj& hive, u32 offset, ValueRecord& out);
 // and the room it may take (see parseKeyRecord); `v13` is the hive's
 // version rule. Logs nothing; the cell's state is not asked.
 bool parseValueRecord(const u8* bytes, u32 room, u32 offset, bool v13, ValueRecord& out);
+// The vk record at `offset` when readValueRecord accepts it and the store
+// answers without its full path (RegistryHiveObj::residentRecord); null
+// otherwise, nothing logged: readValueRecord then judges it and says why.
+// A walk asks this of every value, and again for its data.
+inline const hive_record* acceptedValueRecord(const RegistryHiveObj& hive, u32 offset) {
+  using VK = hive_record_vk;
+  const hive_record* hr = hive.residentRecord(offset);
+  if (!hr || hr->length() < VK::HEADER_SIZE || hr->signature() != VK::SIGNATURE ||
+      hr->u16At(VK::OFS_NAME_LENGTH) + VK::HEADER_SIZE > hr->length())
+    return nullptr;
+  const u32 sizeField = hr->u32At(VK::OFS_DATA_SIZE);
+  if ((sizeField & VK::DATA_RESIDENT) != 0 && (sizeField & ~VK::DATA_RESIDENT) > 4) return nullptr;
+  return hr;
+}
+// The data record named by a vk record acceptedValueRecord gave, or
+// INVALID_RECORD when the data is resident.
+inline u32 valueDataCell(const hive_record* vk) {
+  using VK = hive_record_vk;
+  const u32 sizeField = vk->u32At(VK::OFS_DATA_SIZE);
+  const bool resident = (sizeField & VK::DATA_RESIDENT) != 0 || sizeField == 0;
+  return resident ? INVALID_RECORD : vk->u32At(VK::OFS_DATA);
+}
+// The data of the vk record at `offset` (as acceptedValueRecord gave it)
+// where locateValueData finds it in place, without its full path; false
+// for data in fragments and for anything the full path must judge.
+inline bool valueDataInPlace(const RegistryHiveObj& hive, u32 offset, const hive_record* vk, const u8*& data,
+                             u32& size) {
+  using VK = hive_record_vk;
+  const u32 sizeField = vk->u32At(VK::OFS_DATA_SIZE);
+  size = sizeField & ~VK::DATA_RESIDENT;
+  if ((sizeField & VK::DATA_RESIDENT) != 0 || size == 0) {
+    data = vk->bytes() + VK::OFS_DATA;
+    return true;
+  }
+  if (hive.versionMinor() > 3 && size > VK::V1_5_MAX_DATA_WITHOUT_DB) return false;
+  const u32 cell = vk->u32At(VK::OFS_DATA);
+  const hive_record* hr = cell == offset ? nullptr : hive.residentRecord(cell);
+  if (!hr || hr->length() < u64{size} + 4) return false;
+  data = hr->bytes() + 4;
+  return true;
+}
+
 // The stored name decoded (8-bit names through the hive's codepage, a byte
 // it lacks standing for itself). False when such a byte was met.
 bool readValueName(RegistryHiveObj& hive, const ValueRecord& value, std::u16string& out);
@@ -88,8 +128,8 @@ ValueDataPlace locateValueData(RegistryHiveObj& hive, const ValueRecord& value, 
 // the right fragment without loading the ones before it. Returns the bytes
 // handed over.
 template <class Piece>
-u32 walkValueExtents(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents, u32 offset,
-                     u32 count, Piece piece) {
+u32 walkValueExtents(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents,
+                     u32 offset, u32 count, Piece piece) {
   constexpr u32 CHUNK = hive_record_vk::V1_5_MAX_DATA_WITHOUT_DB;
   const u32 limit = value.extentCapacity();
   size_t index = 0;
@@ -122,7 +162,7 @@ u32 walkValueExtents(RegistryHiveObj& hive, const ValueRecord& value, const std:
 // `buffer`; `extents` are the value's (unused for resident data). Returns
 // the bytes copied: fewer than asked only past the end of the data or when
 // a data record cannot be loaded.
-u32 readValueData(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents, u32 offset,
-                  void* buffer, u32 size);
+u32 readValueData(RegistryHiveObj& hive, const ValueRecord& value, const std::vector<u32>& extents,
+                  u32 offset, void* buffer, u32 size);
 
 }  // namespace Libraries::Files::Hive

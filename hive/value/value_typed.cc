@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "hive/entry_checks.h"
 #include "hive/value/stripe_value.h"
 #include "hive/value/value_obj.h"
 #include "platform/error.h"
@@ -70,10 +71,7 @@ bool ValueObj::storageHolds() {
 
 bool ValueObj::setType(ValueType type) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
+  if (!entryChecks(Entry::read, _readOnly, _valid)) return false;
   const u32 previous = L32(_recordData + VK::OFS_TYPE);
   W32(_recordData + VK::OFS_TYPE, type);
   if (!writeRecordData()) {
@@ -88,43 +86,34 @@ bool ValueObj::setType(ValueType type) {
 
 Ref<Interfaces::Stripe> ValueObj::binary() {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return nullptr;
-  }
+  if (!entryChecks(Entry::read, _readOnly, _valid)) return nullptr;
   return makeRef<StripeValue>(Ref<ValueObj>(this));
+}
+
+bool ValueObj::readText(u32 units, std::u16string& text) {
+  if (!storageHolds()) return false;
+  const u32 got = readUnits(*this, units, text);
+  if (got == 2 * units) return true;
+  HK_LOG(hiveLog, 4) << "Wrong read result when reading string, record = " << Log::hex(_offset)
+                     << " string length (bytes): " << 2 * units << " read result: " << got;
+  shortRead();
+  return false;
 }
 
 Ref<String> ValueObj::string(u32 maxLength) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
+  if (!entryChecks(Entry::read, _readOnly, _valid) || Error::setIf(!isStringType(_type), Errors::WRONG_TYPE))
     return nullptr;
-  }
-  if (!isStringType(_type)) {
-    Error::set(Errors::WRONG_TYPE);
-    return nullptr;
-  }
   Error::set(0);
   const u32 units = _dataSize / 2;  // an odd last byte is ignored
-  if (units > maxLength) {
-    Error::set(Errors::DATA_TOO_LONG);
-    return nullptr;
-  }
+  if (Error::setIf(units > maxLength, Errors::DATA_TOO_LONG)) return nullptr;
   if (units == 0) {
     if (_dataSize == 0) return String::empty();
     Error::set(Errors::STRING_ONE_BYTE);
     return nullptr;
   }
-  if (!storageHolds()) return nullptr;
   std::u16string text;
-  const u32 got = readUnits(*this, units, text);
-  if (got != 2 * units) {
-    HK_LOG(hiveLog, 4) << "Wrong read result when reading string, record = " << Log::hex(_offset)
-                       << " string length (bytes): " << 2 * units << " read result: " << got;
-    shortRead();
-    return nullptr;
-  }
+  if (!readText(units, text)) return nullptr;
   // Stored strings end in a zero unit, often followed by slack: the text is
   // what comes before the first zero.
   const size_t end = text.find(u'\0');
@@ -132,41 +121,14 @@ Ref<String> ValueObj::string(u32 maxLength) {
   return String::fromUtf16(std::move(text));
 }
 
-bool ValueObj::setString(Ref<String> text) {
-  Mon::Lock lock(_hive->mon());
-  if (!text) {
-    Error::set(Errors::NULL_ARGUMENT);
-    return false;
-  }
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
-  if (!isStringType(_type)) {
-    Error::set(Errors::WRONG_TYPE);
-    return false;
-  }
-  const std::u16string_view units = untilZero(*text);
-  if (units.size() >= DATA_SIZE_LIMIT / 2) {
-    Error::set(Errors::INVALID_ARGUMENT);
-    return false;
-  }
-  std::vector<u8> bytes;
-  bytes.reserve(2 * units.size() + 2);
-  putUnits(bytes, units);
-  bytes.push_back(0);
-  bytes.push_back(0);
+bool ValueObj::replaceData(const std::vector<u8>& bytes, const char* what) {
   const u32 newSize = static_cast<u32>(bytes.size());
   if (size(newSize) != newSize) {
-    HK_LOG(hiveLog, 4) << "Failed to resize record to set string, record = " << Log::hex(_offset);
+    HK_LOG(hiveLog, 4) << "Failed to resize record to set " << what << ", record = " << Log::hex(_offset);
     return false;
   }
   if (write(bytes.data(), 0, newSize) != newSize) {
-    HK_LOG(hiveLog, 4) << "Failed to write new string, record = " << Log::hex(_offset);
+    HK_LOG(hiveLog, 4) << "Failed to write new " << what << ", record = " << Log::hex(_offset);
     Error::set(Errors::SHORT_WRITE);
     return false;
   }
@@ -174,26 +136,36 @@ bool ValueObj::setString(Ref<String> text) {
   return true;
 }
 
+bool ValueObj::setString(Ref<String> text) {
+  Mon::Lock lock(_hive->mon());
+  if (!entryChecks(Entry::change, _readOnly, _valid, text) ||
+      Error::setIf(!isStringType(_type), Errors::WRONG_TYPE))
+    return false;
+  const std::u16string_view units = untilZero(*text);
+  if (Error::setIf(units.size() >= DATA_SIZE_LIMIT / 2, Errors::INVALID_ARGUMENT)) return false;
+  std::vector<u8> bytes;
+  bytes.reserve(2 * units.size() + 2);
+  putUnits(bytes, units);
+  bytes.push_back(0);
+  bytes.push_back(0);
+  return replaceData(bytes, "string");
+}
+
+u32 ValueObj::numberWidth(Entry entry) {
+  if (!entryChecks(entry, _readOnly, _valid) || Error::setIf(!isNumberType(_type), Errors::WRONG_TYPE))
+    return 0;
+  const u32 width = datasizeFormType(_type);
+  return Error::setIf(_dataSize != width, Errors::NUMBER_WRONG_SIZE) ? 0 : width;
+}
+
 u64 ValueObj::number() {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return ALL_ONES;
-  }
-  if (!isNumberType(_type)) {
-    Error::set(Errors::WRONG_TYPE);
-    return ALL_ONES;
-  }
-  const u32 width = datasizeFormType(_type);
-  if (_dataSize != width) {
-    Error::set(Errors::NUMBER_WRONG_SIZE);
-    return ALL_ONES;
-  }
+  const u32 width = numberWidth(Entry::read);
+  if (width == 0) return ALL_ONES;
   u8 bytes[8] = {};
   if (read(bytes, 0, width) != width) {
-    HK_LOG(hiveLog, 4) << (width == 8 ? "Wrong read result when reading u64 value, record = "
-                                      : "Wrong read result when reading u32 value, record = ")
-                       << Log::hex(_offset);
+    HK_LOG(hiveLog, 4) << "Wrong read result when reading u" << 8 * width
+                       << " value, record = " << Log::hex(_offset);
     Error::set(Errors::SHORT_READ);
     return ALL_ONES;
   }
@@ -205,31 +177,13 @@ u64 ValueObj::number() {
 
 bool ValueObj::setNumber(u64 number) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
-  if (!isNumberType(_type)) {
-    Error::set(Errors::WRONG_TYPE);
-    return false;
-  }
-  const u32 width = datasizeFormType(_type);
-  if (_dataSize != width) {
-    Error::set(Errors::NUMBER_WRONG_SIZE);
-    return false;
-  }
+  const u32 width = numberWidth(Entry::change);
+  if (width == 0) return false;
   u8 bytes[8];
   if (_type == T::Qword) {
     W64(bytes, number);
   } else {
-    if (number > 0xffffffffull) {
-      Error::set(Errors::NUMBER_TOO_LARGE);
-      return false;
-    }
+    if (Error::setIf(number > 0xffffffffull, Errors::NUMBER_TOO_LARGE)) return false;
     const u32 v = static_cast<u32>(number);
     if (_type == T::DwordBigEndian) {
       WB16(bytes, static_cast<u16>(v >> 16));
@@ -239,9 +193,8 @@ bool ValueObj::setNumber(u64 number) {
     }
   }
   if (write(bytes, 0, width) != width) {
-    HK_LOG(hiveLog, 4) << (width == 8 ? "Wrong write result when writing u64 value, record = "
-                                      : "Wrong write result when writing u32 value, record = ")
-                       << Log::hex(_offset);
+    HK_LOG(hiveLog, 4) << "Wrong write result when writing u" << 8 * width
+                       << " value, record = " << Log::hex(_offset);
     Error::set(Errors::SHORT_WRITE);
     return false;
   }
@@ -251,29 +204,14 @@ bool ValueObj::setNumber(u64 number) {
 
 Ref<TVector<Ref<String>>> ValueObj::strings(u32 maxLength) {
   Mon::Lock lock(_hive->mon());
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
+  if (!entryChecks(Entry::read, _readOnly, _valid) ||
+      Error::setIf(_type != T::MultiString, Errors::WRONG_TYPE))
     return nullptr;
-  }
-  if (_type != T::MultiString) {
-    Error::set(Errors::WRONG_TYPE);
-    return nullptr;
-  }
   Error::set(0);
   const u32 units = _dataSize / 2;
-  if (units > maxLength) {
-    Error::set(Errors::DATA_TOO_LONG);
-    return nullptr;
-  }
-  if (!storageHolds()) return nullptr;
+  if (Error::setIf(units > maxLength, Errors::DATA_TOO_LONG)) return nullptr;
   std::u16string text;
-  const u32 got = readUnits(*this, units, text);
-  if (got != 2 * units) {
-    HK_LOG(hiveLog, 4) << "Wrong read result when reading string, record = " << Log::hex(_offset)
-                       << " string length (bytes): " << 2 * units << " read result: " << got;
-    shortRead();
-    return nullptr;
-  }
+  if (!readText(units, text)) return nullptr;
   auto list = TVector<Ref<String>>::create();
   // Each string ends in a zero unit; an empty string (a zero unit right
   // after a terminator, or at the start) ends the list.
@@ -295,50 +233,20 @@ Ref<TVector<Ref<String>>> ValueObj::strings(u32 maxLength) {
 
 bool ValueObj::setStrings(Ref<TVector<Ref<String>>> strings) {
   Mon::Lock lock(_hive->mon());
-  if (!strings) {
-    Error::set(Errors::NULL_ARGUMENT);
+  if (!entryChecks(Entry::change, _readOnly, _valid, strings) ||
+      Error::setIf(_type != T::MultiString, Errors::WRONG_TYPE))
     return false;
-  }
-  if (!_valid) {
-    Error::set(Errors::OBJECT_INVALID);
-    return false;
-  }
-  if (_readOnly) {
-    Error::set(Errors::READ_ONLY);
-    return false;
-  }
-  if (_type != T::MultiString) {
-    Error::set(Errors::WRONG_TYPE);
-    return false;
-  }
   std::vector<u8> bytes;
   for (const Ref<String>& s : strings->items()) {
-    if (!s) {
-      Error::set(Errors::NULL_ARGUMENT);
-      return false;
-    }
+    if (Error::setIf(!s, Errors::NULL_ARGUMENT)) return false;
     putUnits(bytes, untilZero(*s));
     bytes.push_back(0);
     bytes.push_back(0);
-    if (bytes.size() >= DATA_SIZE_LIMIT) {
-      Error::set(Errors::INVALID_ARGUMENT);
-      return false;
-    }
+    if (Error::setIf(bytes.size() >= DATA_SIZE_LIMIT, Errors::INVALID_ARGUMENT)) return false;
   }
   bytes.push_back(0);
   bytes.push_back(0);
-  const u32 newSize = static_cast<u32>(bytes.size());
-  if (size(newSize) != newSize) {
-    HK_LOG(hiveLog, 4) << "Failed to resize record to set string list, record = " << Log::hex(_offset);
-    return false;
-  }
-  if (write(bytes.data(), 0, newSize) != newSize) {
-    HK_LOG(hiveLog, 4) << "Failed to write new string list, record = " << Log::hex(_offset);
-    Error::set(Errors::SHORT_WRITE);
-    return false;
-  }
-  Error::set(0);
-  return true;
+  return replaceData(bytes, "string list");
 }
 
 }  // namespace Libraries::Files::Hive
