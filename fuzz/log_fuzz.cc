@@ -14,6 +14,8 @@
 //   then LOG1, and the rest is LOG2
 //   bit 6    compare the last hive of the run with itself through the
 //            public diff (one expensive check per run, not every one)
+//   bit 7    the made hive holds a db value spread over several hbins
+//            (several times the size: most runs take the small one)
 // The repairs let the fuzzer reach entry replay instead of dying on the
 // checksum; without them the raw bytes are tried as they are. A read-only
 // open that succeeds also writes the recovered copy (what `hivekit
@@ -99,7 +101,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (split > size) split = size;
   std::vector<u8> log1(data, data + split), log2(data + split, data + size);
 
-  const std::vector<u8>& hive = (flags & 32) ? ownHive : dirtyHive();
+  const std::vector<u8>& hive = (flags & 32) ? ownHive : dirtyHive((flags & 128) != 0);
   if (flags & 4) {
     // The checks compare against the hive's base block; a short hive
     // compares against zeros.

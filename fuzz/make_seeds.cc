@@ -61,8 +61,10 @@ std::vector<u8> pattern(size_t n) {
   return out;
 }
 
-// Every value storage form and type, names of both forms.
-std::vector<u8> typesHive() {
+// Every value storage form and type, names of both forms; with `big`, a
+// value just over one record (a db), which makes the hive five times as
+// large: only a few seeds carry it, as every run pays for the size.
+std::vector<u8> typesHive(bool big) {
   HiveBuilder b(5);
   u32 root = b.root();
   u32 k = b.key(root, u"Types");
@@ -71,7 +73,7 @@ std::vector<u8> typesHive() {
   b.value(k, u"expand", 2, sz(u"%PATH%"));
   b.value(k, u"small", 3, {1, 2});
   b.value(k, u"blob", 3, pattern(100));
-  b.value(k, u"big", 3, pattern(16400));  // just over one record: a db
+  if (big) b.value(k, u"big", 3, pattern(16400));
   b.value(k, u"dword", 4, {1, 0, 0, 0});
   b.value(k, u"be", 5, {0, 0, 0, 1});
   std::vector<u8> multi = sz(u"a");
@@ -110,16 +112,19 @@ std::vector<u8> liHive() {
 }
 
 void openSeeds() {
-  const std::vector<u8> types = typesHive();
+  const std::vector<u8> types = typesHive(false);
   for (u8 selector : {0, 1, 2, 3, 4, 8, 0x21, 0x63})
     write("open", "types-" + std::to_string(selector), prepend(selector, types));
+  const std::vector<u8> withDb = typesHive(true);
+  for (u8 selector : {1, 3, 0x21})
+    write("open", "types-db-" + std::to_string(selector), prepend(selector, withDb));
   for (u8 selector : {0, 3, 4}) {
     write("open", "ri3-" + std::to_string(selector), prepend(selector, riHive(3)));
     write("open", "ri5-" + std::to_string(selector), prepend(selector, riHive(5)));
   }
   write("open", "li", prepend(0, liHive()));
   write("open", "li-w", prepend(3, liHive()));
-  write("open", "dirty", prepend(1, hivekit::fuzz::dirtyHive()));
+  write("open", "dirty", prepend(1, hivekit::fuzz::dirtyHive(true)));
   Ref<MemoryStripe> empty = MemoryStripe::create();
   { Hive::HiveFile::create(empty, 3, Hive::latin1, {}); }
   write("open", "empty-w", prepend(3, empty->bytes()));
@@ -135,8 +140,8 @@ std::vector<u8> logInput(u8 flags, const std::vector<u8>& log1, const std::vecto
 
 // A new-format log as the library writes it: the dirty hive opened
 // writable over a started log with no entries, changed and flushed.
-std::vector<u8> writtenLog() {
-  const std::vector<u8>& hive = hivekit::fuzz::dirtyHive();
+std::vector<u8> writtenLog(bool spread) {
+  const std::vector<u8>& hive = hivekit::fuzz::dirtyHive(spread);
   std::vector<u8> header(hive.begin(), hive.begin() + 512);
   Platform::W32(header.data() + Hive::hive_header::OFS_PRIMARY_SEQ, 1);
   Platform::W32(header.data() + Hive::hive_header::OFS_SECONDARY_SEQ, 1);
@@ -158,8 +163,8 @@ std::vector<u8> writtenLog() {
 }
 
 // An old-format log: a dirty vector marking the first page, then the page.
-std::vector<u8> oldLog() {
-  const std::vector<u8>& hive = hivekit::fuzz::dirtyHive();
+std::vector<u8> oldLog(bool spread) {
+  const std::vector<u8>& hive = hivekit::fuzz::dirtyHive(spread);
   std::vector<u8> log(hive.begin(), hive.begin() + 512);
   Platform::W32(log.data() + Hive::hive_header::OFS_PRIMARY_SEQ, 1);
   Platform::W32(log.data() + Hive::hive_header::OFS_SECONDARY_SEQ, 1);
@@ -176,8 +181,8 @@ std::vector<u8> oldLog() {
 }
 
 void logSeeds() {
-  const std::vector<u8> written = writtenLog();
-  const std::vector<u8> old = oldLog();
+  const std::vector<u8> written = writtenLog(false);
+  const std::vector<u8> old = oldLog(false);
   for (u8 mode : {0, 1, 2, 3}) {
     write("log", "new-" + std::to_string(mode), logInput(mode, written, {}));
     write("log", "new-fixed-" + std::to_string(mode), logInput(mode | 0x0C, written, {}));
@@ -188,6 +193,12 @@ void logSeeds() {
   write("log", "new-diff", logInput(0x4D, written, {}));
   write("log", "new-diff-w", logInput(0x4F, written, {}));
   write("log", "raw", logInput(0x0C, std::vector<u8>(2048, 0), std::vector<u8>(1024, 0)));
+  // Beside the hive whose db value spreads over several hbins (flag 0x80).
+  const std::vector<u8> spreadWritten = writtenLog(true);
+  for (u8 mode : {1, 3}) {
+    write("log", "spread-fixed-" + std::to_string(mode), logInput(0x8C | mode, spreadWritten, {}));
+    write("log", "spread-old-" + std::to_string(mode), logInput(0x80 | mode, oldLog(true), {}));
+  }
 }
 
 std::vector<u8> utf16(const std::string& text) {
@@ -223,7 +234,7 @@ void regSeeds() {
   write("regfile", "prefix-empty", prepend(0x31, utf16(plain)));
 
   // What the exporter writes for the types hive.
-  Ref<Hive::HiveFile> h = Hive::HiveFile::open(MemoryStripe::create(typesHive()), 1, Hive::latin1, {});
+  Ref<Hive::HiveFile> h = Hive::HiveFile::open(MemoryStripe::create(typesHive(true)), 1, Hive::latin1, {});
   if (!h) return;
   Ref<MemoryStripe> out = MemoryStripe::create();
   Hive::RegFileUtil::exportRegFile(h->root(), out, String::create("HKEY_LOCAL_MACHINE/SOFTWARE"), 0);
@@ -286,9 +297,11 @@ void patternSeeds() {
 // raw, a truncated hive), and a log loses its zero tail and is cut to
 // kLogLimit at a sector boundary. Keys and values beyond the cut are
 // references past the end: damage of the kind the targets look for.
-constexpr size_t kHbinLimit = 16 * 1024;
-constexpr size_t kLogLimit = 16 * 1024;
-constexpr size_t kTopLimit = 40 * 1024;       // a copy of the top of a tree, within -max_len
+// A run's cost grows with the hive it walks (tree, deleted-record scan,
+// diff): two pages of hbins reach the same record kinds as four.
+constexpr size_t kHbinLimit = 8 * 1024;
+constexpr size_t kLogLimit = 8 * 1024;
+constexpr size_t kTopLimit = 16 * 1024;       // a copy of the top of a tree, within -max_len
 constexpr size_t kTextLimit = 16 * 1024 - 2;  // with the selector, within -max_len
 
 std::vector<u8> readFile(const fs::path& path) {
