@@ -12,7 +12,7 @@ const char* const COMMON_OPTIONS =
     "--dirty --unsafe --codepage= --verbose --no-logs --log=* --help -h --wait --time=";
 
 std::vector<OptionSpec> optionSpecs(std::string_view list) {
-  std::vector<OptionSpec> specs;
+  std::vector<OptionSpec> parsed;
   while (!list.empty()) {
     const size_t end = std::min(list.find(' '), list.size());
     std::string_view word = list.substr(0, end);
@@ -24,9 +24,9 @@ std::vector<OptionSpec> optionSpecs(std::string_view list) {
     option.takesValue = word.ends_with('=');
     if (option.takesValue) word.remove_suffix(1);
     option.name = word;
-    specs.push_back(std::move(option));
+    parsed.push_back(std::move(option));
   }
-  return specs;
+  return parsed;
 }
 
 std::string ParsedArgs::value(const std::string& name, const std::string& fallback) const {
