@@ -143,6 +143,17 @@ class RegistryHiveObj : public HiveFile {
   // check fails or needs more, with nothing logged: the full path then
   // decides and reports. For readers that try a quick judgement first.
   const hive_record* residentRecord(u32 offset) const;
+  // residentRecord's answer when it is a named record of type `Layout`
+  // (nk, vk): its signature, a fixed part and the name after it inside the
+  // cell; null otherwise, nothing logged.
+  template <class Layout>
+  const hive_record* residentNamedRecord(u32 offset) const {
+    const hive_record* hr = residentRecord(offset);
+    if (!hr || hr->length() < Layout::HEADER_SIZE || hr->signature() != Layout::SIGNATURE ||
+        hr->u16At(Layout::OFS_NAME_LENGTH) + Layout::HEADER_SIZE > hr->length())
+      return nullptr;
+    return hr;
+  }
   // Asks the processor to start loading the record at `offset` (nothing
   // is checked or read): a reader that knows which records it will ask
   // for next lets their cache misses overlap.

@@ -94,12 +94,7 @@ inline bool parseKeyRecord(const u8* bytes, u32 room, u32 offset, KeyRecord& out
 // answers without its full path (RegistryHiveObj::residentRecord); null
 // otherwise, nothing logged: readKeyRecord then judges it and says why.
 inline const hive_record* acceptedKeyRecord(const RegistryHiveObj& hive, u32 offset) {
-  using N = hive_record_nk;
-  const hive_record* hr = hive.residentRecord(offset);
-  if (!hr || hr->length() < N::HEADER_SIZE || hr->signature() != N::SIGNATURE ||
-      hr->u16At(N::OFS_NAME_LENGTH) + N::HEADER_SIZE > hr->length())
-    return nullptr;
-  return hr;
+  return hive.residentNamedRecord<hive_record_nk>(offset);
 }
 // The key's stored name decoded (8-bit names through the hive's codepage).
 // False, with the Latin-1 reading in `out`, when a byte has no character in

@@ -62,10 +62,8 @@ bool parseValueRecord(const u8* bytes, u32 room, u32 offset, bool v13, ValueReco
 // A walk asks this of every value, and again for its data.
 inline const hive_record* acceptedValueRecord(const RegistryHiveObj& hive, u32 offset) {
   using VK = hive_record_vk;
-  const hive_record* hr = hive.residentRecord(offset);
-  if (!hr || hr->length() < VK::HEADER_SIZE || hr->signature() != VK::SIGNATURE ||
-      hr->u16At(VK::OFS_NAME_LENGTH) + VK::HEADER_SIZE > hr->length())
-    return nullptr;
+  const hive_record* hr = hive.residentNamedRecord<VK>(offset);
+  if (!hr) return nullptr;
   const u32 sizeField = hr->u32At(VK::OFS_DATA_SIZE);
   if ((sizeField & VK::DATA_RESIDENT) != 0 && (sizeField & ~VK::DATA_RESIDENT) > 4) return nullptr;
   return hr;
