@@ -158,11 +158,7 @@ Ref<HiveFile> HiveFile::open(Ref<String> path, u32 mode, HiveCodepage codepage) 
     Error::set(Errors::INVALID_FILE);
     return nullptr;
   }
-  if (file->elementSize() != 1) {
-    HK_LOG(hiveLog, 4) << "File object with element size != 1 not supported";
-    Error::set(Errors::NOT_SUPPORTED);
-    return nullptr;
-  }
+  if (!usableStripe(file.get(), "", "File object")) return nullptr;
   LogFiles logs;
   LogFileNames names;
   if (getLogFileNames(path, names)) {
@@ -205,6 +201,18 @@ Ref<HiveFile> HiveFile::open(Ref<String> path, u32 mode, HiveCodepage codepage) 
   return HiveFile::open(hiveFile, logs, mode, codepage, std::move(sync));
 }
 
+bool HiveFile::usableStripe(const Interfaces::Stripe* stripe, const char* missing, const char* kind) {
+  if (!stripe) {
+    HK_LOG(hiveLog, 4) << missing;
+    Error::set(Errors::NULL_ARGUMENT);
+    return false;
+  }
+  if (stripe->elementSize() == 1) return true;
+  HK_LOG(hiveLog, 4) << kind << " with element size != 1 not supported";
+  Error::set(Errors::NOT_SUPPORTED);
+  return false;
+}
+
 Ref<HiveFile> HiveFile::open(Ref<Interfaces::Stripe> stripe, u32 mode, HiveCodepage codepage,
                              SyncCallback sync) {
   return open(std::move(stripe), LogFiles(), mode, codepage, std::move(sync));
@@ -212,16 +220,7 @@ Ref<HiveFile> HiveFile::open(Ref<Interfaces::Stripe> stripe, u32 mode, HiveCodep
 
 Ref<HiveFile> HiveFile::open(Ref<Interfaces::Stripe> stripe, const LogFiles& logs, u32 mode,
                              HiveCodepage codepage, SyncCallback sync) {
-  if (!stripe) {
-    HK_LOG(hiveLog, 4) << "No hive stripe given";
-    Error::set(Errors::NULL_ARGUMENT);
-    return nullptr;
-  }
-  if (stripe->elementSize() != 1) {
-    HK_LOG(hiveLog, 4) << "Stripe object with element size != 1 not supported";
-    Error::set(Errors::NOT_SUPPORTED);
-    return nullptr;
-  }
+  if (!usableStripe(stripe.get(), "No hive stripe given")) return nullptr;
   Ref<RegistryHiveObj> hive = makeRef<RegistryHiveObj>(stripe, logs, mode, codepage, std::move(sync));
   if (hive->valid()) return hive;
   // Dropping the object flushes; keep the reason of the failure readable.
@@ -268,17 +267,8 @@ bool writeImage(Interfaces::Stripe& stripe, const std::vector<u8>& image) {
 
 Ref<HiveFile> HiveFile::create(Ref<Interfaces::Stripe> stripe, u32 minorVersion, HiveCodepage codepage,
                                SyncCallback sync, const std::u16string& fileName, u64 fixedTime) {
-  if (!stripe) {
-    HK_LOG(hiveLog, 4) << "No stripe given for the new hive";
-    Error::set(Errors::NULL_ARGUMENT);
+  if (!usableStripe(stripe.get(), "No stripe given for the new hive") || !minorSupported(minorVersion))
     return nullptr;
-  }
-  if (!minorSupported(minorVersion)) return nullptr;
-  if (stripe->elementSize() != 1) {
-    HK_LOG(hiveLog, 4) << "Stripe object with element size != 1 not supported";
-    Error::set(Errors::NOT_SUPPORTED);
-    return nullptr;
-  }
   if (stripe->elementCount() != 0) {
     HK_LOG(hiveLog, 4) << "A new hive needs an empty stripe, size: " << stripe->elementCount();
     Error::set(Errors::INVALID_ARGUMENT);

@@ -38,9 +38,9 @@ class HiveFile : public Interfaces::Config::Hive::RegistryHive {
 
   // The three logs of a hive, in this order; any may be null.
   struct LogFiles {
-    Ref<Interfaces::Stripe> primary;  // .LOG
-    Ref<Interfaces::Stripe> log1;     // .LOG1
-    Ref<Interfaces::Stripe> log2;     // .LOG2
+    Ref<Interfaces::Stripe> primary;              // .LOG
+    Ref<Interfaces::Stripe> log1;                 // .LOG1
+    Ref<Interfaces::Stripe> log2;                 // .LOG2
     Ref<String> primaryName, log1Name, log2Name;  // for messages
     // Makes an empty .LOG1 when a flush needs a log and the hive has none
     // to write (log1 null). May be empty, or return null: the flush then
@@ -69,7 +69,8 @@ class HiveFile : public Interfaces::Config::Hive::RegistryHive {
   // Opens by path, with the logs found beside it (".LOG", ".LOG1", ".LOG2").
   // Null on failure: 0x8445 null path, 0x10002 element size, otherwise see the log.
   static Ref<HiveFile> open(Ref<String> path, u32 mode, HiveCodepage codepage);
-  static Ref<HiveFile> open(Ref<Interfaces::Stripe> stripe, u32 mode, HiveCodepage codepage, SyncCallback sync);
+  static Ref<HiveFile> open(Ref<Interfaces::Stripe> stripe, u32 mode, HiveCodepage codepage,
+                            SyncCallback sync);
   static Ref<HiveFile> open(Ref<Interfaces::Stripe> stripe, const LogFiles& logs, u32 mode,
                             HiveCodepage codepage, SyncCallback sync);
 
@@ -84,6 +85,12 @@ class HiveFile : public Interfaces::Config::Hive::RegistryHive {
                               SyncCallback sync, const std::u16string& fileName = u"", u64 fixedTime = 0);
   // Creates (or truncates) the file at path; its sync reaches the disk.
   static Ref<HiveFile> create(Ref<String> path, u32 minorVersion, HiveCodepage codepage);
+
+  // A stripe a hive can work on: not null (else logs `missing` and sets
+  // 0x8445) and of 1-byte elements (else logs "<kind> with element size
+  // != 1 not supported" and sets 0x10002).
+  static bool usableStripe(const Interfaces::Stripe* stripe, const char* missing,
+                           const char* kind = "Stripe object");
 
   // path + ".LOG", ".LOG1", ".LOG2". 0x8445 null, 0x8446 empty.
   static bool getLogFileNames(Ref<String> hiveFileName, LogFileNames& names);

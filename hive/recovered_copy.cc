@@ -11,16 +11,7 @@ namespace Libraries::Files::Hive {
 
 bool RegistryHiveObj::writeRecoveredCopy(Ref<Interfaces::Stripe> target) {
   Mon::Lock lock(_mon);
-  if (!target) {
-    HK_LOG(hiveLog, 4) << "No stripe given for the recovered copy";
-    Error::set(Errors::NULL_ARGUMENT);
-    return false;
-  }
-  if (target->elementSize() != 1) {
-    HK_LOG(hiveLog, 4) << "Stripe object with element size != 1 not supported";
-    Error::set(Errors::NOT_SUPPORTED);
-    return false;
-  }
+  if (!usableStripe(target.get(), "No stripe given for the recovered copy")) return false;
   const bool own = target == _file || target.get() == _stripe.get() || _log.isLog(target.get());
   if (own) {
     HK_LOG(hiveLog, 4) << "The recovered copy cannot overwrite the hive or one of its logs";

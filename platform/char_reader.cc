@@ -202,33 +202,9 @@ bool CharReader::fill() {
 }
 
 bool CharReader::readLine(std::u16string& line) {
-  line.clear();
-  bool any = false;
-  for (;;) {
-    if (_next == _units.size()) {
-      if (!fill()) return any && !_failed;
-      continue;
-    }
-    if (_pendingCr) {
-      _pendingCr = false;
-      if (_units[_next] == u'\n') {
-        ++_next;
-        continue;
-      }
-    }
-    const char16_t* p = _units.data() + _next;
-    size_t n = _units.size() - _next;
-    size_t i = 0;
-    while (i < n && p[i] != u'\r' && p[i] != u'\n') ++i;
-    line.append(p, i);
-    any = true;
-    _next += i;
-    if (i < n) {
-      _pendingCr = p[i] == u'\r';
-      ++_next;
-      return true;
-    }
-  }
+  // A piece without a bound is always the rest of the line.
+  bool ended = false;
+  return readPiece(line, std::u16string::npos, ended);
 }
 
 bool CharReader::readPiece(std::u16string& piece, size_t maxUnits, bool& ended) {

@@ -20,10 +20,6 @@ using DB = hive_record_db;
 constexpr u32 GRANULE = hive_hbin::RECORD_ALIGNMENT;
 constexpr u32 MAX_DEPTH = 512;
 constexpr u32 CHUNK = VK::V1_5_MAX_DATA_WITHOUT_DB;
-// Work is counted in bytes looked at: a step up a path, a list entry, a
-// byte of data handed out.
-constexpr u64 PATH_STEP_COST = 64;
-constexpr u64 ENTRY_COST = 8;
 
 // A stretch of the hive bins data scanned on its own: an hbin, or a page
 // where no hbin header stands.
@@ -40,7 +36,7 @@ class Scanner {
         _visit(visit),
         _live(live),
         _length(hive.binsAvailable()),
-        _budget(32 * u64{hive.binsAvailable()} + (64u << 20)),
+        _budget(_result.complete, hive.binsAvailable()),
         _claimed(hive.binsAvailable() / GRANULE / 64 + 1, 0) {
     findRegions();
   }
@@ -58,7 +54,7 @@ class Scanner {
     return offset % GRANULE == 0 && length <= roomAt(offset) &&
            !_live.touches(offset, static_cast<u32>(length));
   }
-  bool charge(u64 cost);
+  bool charge(u64 cost) { return _budget.charge(cost); }
   // Candidates: a record of that kind at `offset` that fits.
   bool keyAt(u32 offset, KeyRecord& key, const u8*& bytes) const;
   bool valueAt(u32 offset, ValueRecord& value) const;
@@ -80,11 +76,11 @@ class Scanner {
   const std::function<bool(const DeletedItem&)>& _visit;
   const LiveRecords& _live;
   u32 _length;
-  u64 _budget;
+  DeletedScanResult _result;
+  ScanBudget _budget;
   std::vector<u64> _claimed;  // vk records a recovered key lists
   std::vector<Region> _regions;
   std::vector<u8> _buffer;  // data gathered from fragments
-  DeletedScanResult _result;
 };
 
 void Scanner::findRegions() {
@@ -123,16 +119,6 @@ u32 Scanner::roomAt(u32 offset) const {
   const u32 length = s < 0 ? static_cast<u32>(-static_cast<s64>(s)) : static_cast<u32>(s);
   if (length >= GRANULE && length % GRANULE == 0 && length <= room) return length;
   return room;
-}
-
-bool Scanner::charge(u64 cost) {
-  if (cost > _budget) {
-    _budget = 0;
-    _result.complete = false;
-    return false;
-  }
-  _budget -= cost;
-  return true;
 }
 
 bool Scanner::keyAt(u32 offset, KeyRecord& key, const u8*& bytes) const {
@@ -183,27 +169,14 @@ bool Scanner::scanPass(bool keys) {
 
 bool Scanner::livePath(u32 nk, std::vector<std::u16string>& out) {
   return _live.pathTo(
-      nk, MAX_DEPTH, [this] { return charge(PATH_STEP_COST); }, out);
+      nk, MAX_DEPTH, [this] { return charge(ScanBudget::PATH_STEP); }, out);
 }
 
 void Scanner::pathTo(u32 parent, DeletedItem& item) {
-  std::vector<std::u16string> chain;  // the deleted keys above, nearest first
-  u32 at = parent;
-  for (u32 depth = 0;; ++depth) {
-    if (depth < MAX_DEPTH && _live.isKey(at) && livePath(at, item.path)) break;
-    KeyRecord key;
-    const u8* bytes = nullptr;
-    if (depth >= MAX_DEPTH || !charge(PATH_STEP_COST) || !keyAt(at, key, bytes)) {
-      item.orphan = true;
-      item.path.clear();
-      break;
-    }
-    chain.emplace_back();
-    decodeRecordName(_hive.codepage(), bytes + N::OFS_NAME, key.nameLength, key.compressedName(),
-                     chain.back());
-    at = key.parent;
-  }
-  item.path.insert(item.path.end(), chain.rbegin(), chain.rend());
+  const auto deleted = [this](u32 nk, KeyRecord& key, const u8*& bytes) { return keyAt(nk, key, bytes); };
+  if (!_live.pathThrough(
+          parent, MAX_DEPTH, [this] { return charge(ScanBudget::PATH_STEP); }, deleted, item.path))
+    item.orphan = true;
 }
 
 bool Scanner::emitKey(u32 offset, const KeyRecord& key, const u8* bytes) {
@@ -225,7 +198,7 @@ bool Scanner::emitKey(u32 offset, const KeyRecord& key, const u8* bytes) {
     item.intact = listFits;
     const u8* list = listFits ? _hive.binsBytes(key.valueList + 4, 4 * key.numValues) : nullptr;
     for (u32 i = 0; list && i < key.numValues; ++i) {
-      if (!charge(ENTRY_COST)) return false;
+      if (!charge(ScanBudget::ENTRY)) return false;
       const u32 vk = L32(list + 4 * i);
       ValueRecord value;
       if (!valueAt(vk, value)) {
@@ -287,7 +260,7 @@ bool Scanner::recoverDbData(const ValueRecord& value, DeletedItem& item) {
   item.cells.push_back({DeletedCell::db, cell, dbFits});
   if (!dbFits) return false;
   const u32 listCell = L32(db + DB::OFS_LIST);
-  const bool listFits = fits(listCell, 4 + 4 * u64{count}) && charge(ENTRY_COST * count);
+  const bool listFits = fits(listCell, 4 + 4 * u64{count}) && charge(ScanBudget::ENTRY * count);
   item.cells.push_back({DeletedCell::fragmentList, listCell, listFits});
   if (!listFits) return false;
   const u8* list = _hive.binsBytes(listCell + 4, 4 * count);

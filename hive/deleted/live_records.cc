@@ -193,4 +193,25 @@ bool LiveRecords::pathTo(u32 nk, u32 maxDepth, const std::function<bool()>& step
   return true;
 }
 
+bool LiveRecords::pathThrough(u32 parent, u32 maxDepth, const std::function<bool()>& step,
+                              const FormerKey& former, std::vector<std::u16string>& out) const {
+  std::vector<std::u16string> chain;  // the former keys above, nearest first
+  u32 at = parent;
+  for (u32 depth = 0;; ++depth) {
+    if (depth < maxDepth && isKey(at) && pathTo(at, maxDepth, step, out)) break;
+    KeyRecord key;
+    const u8* bytes = nullptr;
+    if (depth >= maxDepth || !step() || !former(at, key, bytes)) {
+      out.clear();
+      return false;
+    }
+    chain.emplace_back();
+    decodeRecordName(_hive.codepage(), bytes + hive_record_nk::OFS_NAME, key.nameLength, key.compressedName(),
+                     chain.back());
+    at = key.parent;
+  }
+  out.insert(out.end(), chain.rbegin(), chain.rend());
+  return true;
+}
+
 }  // namespace Libraries::Files::Hive

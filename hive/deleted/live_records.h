@@ -36,6 +36,32 @@
 
 namespace Libraries::Files::Hive {
 
+// What a scan of the records the live tree does not reach may spend: work
+// counted in bytes looked at (a step up a path, a list entry, a byte of
+// data handed out), 32 per byte of the data scanned and 64 MiB more. A
+// refused charge spends the rest and marks the scan incomplete.
+class ScanBudget {
+ public:
+  static constexpr u64 PATH_STEP = 64;
+  static constexpr u64 ENTRY = 8;
+
+  explicit ScanBudget(bool& complete, u64 scanned = 0) : _complete(complete) { allow(scanned); }
+  void allow(u64 scanned) { _left = 32 * scanned + (u64{64} << 20); }
+  bool charge(u64 cost) {
+    if (cost <= _left) {
+      _left -= cost;
+      return true;
+    }
+    _left = 0;
+    _complete = false;
+    return false;
+  }
+
+ private:
+  u64 _left = 0;
+  bool& _complete;
+};
+
 class LiveRecords {
  public:
   static constexpr u32 GRANULE = hive_hbin::RECORD_ALIGNMENT;
@@ -70,6 +96,15 @@ class LiveRecords {
   // once per key: the caller's budget) refuses.
   bool pathTo(u32 nk, u32 maxDepth, const std::function<bool()>& step,
               std::vector<std::u16string>& out) const;
+  // Reads a key the live tree no longer reaches (a deleted one, an older
+  // version of one): its record and the bytes its name is read from.
+  using FormerKey = std::function<bool(u32 nk, KeyRecord& key, const u8*& bytes)>;
+  // The path of a key under `parent` that may itself be gone: up through
+  // keys `former` can read until a live key, then that key's live path.
+  // False, with `out` empty, when the chain breaks before a live key, runs
+  // deeper than `maxDepth` keys, or `step` refuses.
+  bool pathThrough(u32 parent, u32 maxDepth, const std::function<bool()>& step, const FormerKey& former,
+                   std::vector<std::u16string>& out) const;
 
  private:
   void mark(u32 offset, u32 length);

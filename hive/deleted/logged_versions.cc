@@ -22,9 +22,6 @@ constexpr u32 GRANULE = hive_hbin::RECORD_ALIGNMENT;
 constexpr u32 SECTOR = 512;
 constexpr u32 MAX_DEPTH = 512;
 constexpr u32 CHUNK = VK::V1_5_MAX_DATA_WITHOUT_DB;
-// Work is counted as in the deleted scan: path steps, list entries, bytes.
-constexpr u64 PATH_STEP_COST = 64;
-constexpr u64 ENTRY_COST = 8;
 
 // The page images of one entry, by 512-byte sector: a sector the entry
 // logs twice reads as the later reference gives it. Adjacent sectors form
@@ -131,7 +128,7 @@ class VersionScanner {
     u64 logPosition;
   };
 
-  bool charge(u64 cost);
+  bool charge(u64 cost) { return _budget.charge(cost); }
   void load(const Source& source);
   u32 roomAt(const EntryImage::Run& run, u32 offset) const;
   void collect();
@@ -152,7 +149,7 @@ class VersionScanner {
   const LiveRecords& _live;
   const std::function<bool(const DeletedItem&)>& _visit;
   DeletedScanResult& _result;
-  u64 _budget = 0;
+  ScanBudget _budget{_result.complete};
   EntryImage _image;
   // What the current entry's images hold.
   std::unordered_map<u32, ImageKey> _keys;
@@ -176,7 +173,7 @@ void VersionScanner::run() {
       sources.push_back({i, nullptr, log.primarySequence()});
     }
   }
-  _budget = 32 * logBytes + (64u << 20);
+  _budget.allow(logBytes);
   std::stable_sort(sources.begin(), sources.end(),
                    [](const Source& a, const Source& b) { return a.sequence < b.sequence; });
   for (const Source& source : sources) {
@@ -188,16 +185,6 @@ void VersionScanner::run() {
       if (!emitValue(source, value)) return;
   }
   _image.clear();
-}
-
-bool VersionScanner::charge(u64 cost) {
-  if (cost > _budget) {
-    _budget = 0;
-    _result.complete = false;
-    return false;
-  }
-  _budget -= cost;
-  return true;
 }
 
 // Reads the entry's ranges; a damaged reference or a failed read ends the
@@ -252,7 +239,7 @@ void VersionScanner::collect() {
     const KeyRecord& key = _keys.at(nk).record;
     if (key.numValues == 0 || key.valueList == 0) continue;
     const u8* list = _image.bytes(key.valueList, 4 + 4 * u64{key.numValues});
-    if (!list || !charge(ENTRY_COST * key.numValues)) continue;
+    if (!list || !charge(ScanBudget::ENTRY * key.numValues)) continue;
     for (u32 i = 0; i < key.numValues; ++i) _owners.emplace(L32(list + 4 + 4 * i), nk);
   }
 }
@@ -331,7 +318,7 @@ bool VersionScanner::gatherData(const ValueRecord& value, From from, std::vector
   if (!note(DeletedCell::db, at, db && B16(db + 4) == DB::SIGNATURE && L16(db + DB::OFS_COUNT) == count))
     return false;
   const u32 listCell = L32(db + DB::OFS_LIST);
-  const u8* list = charge(ENTRY_COST * count) ? cell(listCell, 4 + 4 * u64{count}, from) : nullptr;
+  const u8* list = charge(ScanBudget::ENTRY * count) ? cell(listCell, 4 + 4 * u64{count}, from) : nullptr;
   if (!note(DeletedCell::fragmentList, listCell, list != nullptr)) return false;
   // Fragments are records of their own, as a live value's are.
   std::vector<u32> fragments(count);
@@ -355,28 +342,21 @@ bool VersionScanner::gatherData(const ValueRecord& value, From from, std::vector
 
 bool VersionScanner::livePath(u32 nk, std::vector<std::u16string>& out) {
   return _live.pathTo(
-      nk, MAX_DEPTH, [this] { return charge(PATH_STEP_COST); }, out);
+      nk, MAX_DEPTH, [this] { return charge(ScanBudget::PATH_STEP); }, out);
 }
 
 // Up from `parent` through live keys and the keys of the entry's images.
 void VersionScanner::pathTo(u32 parent, DeletedItem& item) {
-  std::vector<std::u16string> chain;  // the image keys above, nearest first
-  u32 at = parent;
-  for (u32 depth = 0;; ++depth) {
-    if (depth < MAX_DEPTH && _live.isKey(at) && livePath(at, item.path)) break;
-    auto it = _keys.find(at);
-    if (depth >= MAX_DEPTH || it == _keys.end() || !charge(PATH_STEP_COST)) {
-      item.orphan = true;
-      item.path.clear();
-      break;
-    }
-    const KeyRecord& key = it->second.record;
-    chain.emplace_back();
-    decodeRecordName(_hive.codepage(), it->second.bytes + N::OFS_NAME, key.nameLength, key.compressedName(),
-                     chain.back());
-    at = key.parent;
-  }
-  item.path.insert(item.path.end(), chain.rbegin(), chain.rend());
+  const auto imaged = [this](u32 nk, KeyRecord& key, const u8*& bytes) {
+    auto it = _keys.find(nk);
+    if (it == _keys.end()) return false;
+    key = it->second.record;
+    bytes = it->second.bytes;
+    return true;
+  };
+  if (!_live.pathThrough(
+          parent, MAX_DEPTH, [this] { return charge(ScanBudget::PATH_STEP); }, imaged, item.path))
+    item.orphan = true;
 }
 
 // A value's key: one of the entry whose list names it, else the live key
@@ -398,7 +378,7 @@ void VersionScanner::ownerPath(u32 vk, DeletedItem& item) {
 }
 
 bool VersionScanner::emitKey(const Source& source, const ImageKey& key) {
-  if (!charge(PATH_STEP_COST)) return false;
+  if (!charge(ScanBudget::PATH_STEP)) return false;
   if (keyShown(key)) return true;
   const KeyRecord& k = key.record;
   DeletedItem item;

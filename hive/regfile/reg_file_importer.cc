@@ -39,15 +39,6 @@ std::u16string hexNumber(u32 v) {
   return s;
 }
 
-std::u16string decimal(u64 v) {
-  std::u16string s;
-  do {
-    s.insert(s.begin(), static_cast<char16_t>(u'0' + v % 10));
-    v /= 10;
-  } while (v != 0);
-  return s;
-}
-
 std::u16string quoted(std::u16string_view text) {
   return quotedForMessage(text);
 }
@@ -238,11 +229,14 @@ bool RegFileImportHandler::openValue(const RegItem& item, u64 size) {
     return false;
   }
   _stripe = _value->binary();
-  if (!_stripe || _stripe->setElementCount(size) != size) {
-    report(item.line, u"Failed to resize value: " + quoted(item.name) + u" to " + decimal(size) + u" bytes");
-    return false;
-  }
-  return true;
+  return resizeValue(item, size);
+}
+
+bool RegFileImportHandler::resizeValue(const RegItem& item, u64 size) {
+  if (_stripe && _stripe->setElementCount(size) == size) return true;
+  report(item.line,
+         u"Failed to resize value: " + quoted(item.name) + u" to " + decimalText(size) + u" bytes");
+  return false;
 }
 
 bool RegFileImportHandler::writePiece(const RegItem& item) {
@@ -264,9 +258,7 @@ bool RegFileImportHandler::takePiece(const RegItem& item) {
     // each piece.
     auto known = _largeSizes.find(item.line);
     if (!openValue(item, known != _largeSizes.end() ? known->second : item.size)) return false;
-  } else if (_stripe->elementCount() < item.size && _stripe->setElementCount(item.size) != item.size) {
-    report(item.line,
-           u"Failed to resize value: " + quoted(item.name) + u" to " + decimal(item.size) + u" bytes");
+  } else if (_stripe->elementCount() < item.size && !resizeValue(item, item.size)) {
     return false;
   }
   return writePiece(item);
@@ -276,12 +268,7 @@ bool RegFileImportHandler::setValue(const RegItem& item) {
   if (!item.streamed && !openValue(item, item.size)) return false;
   // A streamed value made from the checked size must come out at it (the
   // file could have changed between the passes).
-  if (item.streamed && _stripe->elementCount() != item.size &&
-      _stripe->setElementCount(item.size) != item.size) {
-    report(item.line,
-           u"Failed to resize value: " + quoted(item.name) + u" to " + decimal(item.size) + u" bytes");
-    return false;
-  }
+  if (item.streamed && _stripe->elementCount() != item.size && !resizeValue(item, item.size)) return false;
   if (!writePiece(item)) return false;
   if (item.type != Binary && !_value->setType(item.type)) {
     report(item.line,
@@ -294,7 +281,7 @@ bool RegFileImportHandler::setValue(const RegItem& item) {
 }
 
 void RegFileImportHandler::report(u64 line, std::u16string_view message, int level) const {
-  std::u16string text = u"line " + decimal(line) + u": ";
+  std::u16string text = u"line " + decimalText(line) + u": ";
   text += message;
   if (_errors) {
     _errors(Platform::utf16ToUtf8(text));

@@ -79,6 +79,8 @@ class RegFileImportHandler {
   bool openValue(const RegItem& item, u64 size);
   // Writes the item's `data` at its place in the value being set.
   bool writePiece(const RegItem& item);
+  // Sets the open value's data size; reports a failure.
+  bool resizeValue(const RegItem& item, u64 size);
   bool deleteValue(const RegItem& item, const Ref<String>& name);
   bool root(u64 line);
   // False when the current key cannot hold a value of that name: it was

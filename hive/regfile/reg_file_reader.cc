@@ -27,7 +27,9 @@ int lower(int c) {
   return c >= u'A' && c <= u'Z' ? c - u'A' + u'a' : c;
 }
 
-std::u16string decimal(u64 v) {
+}  // namespace
+
+std::u16string decimalText(u64 v) {
   std::u16string s;
   do {
     s.insert(s.begin(), static_cast<char16_t>(u'0' + v % 10));
@@ -35,8 +37,6 @@ std::u16string decimal(u64 v) {
   } while (v != 0);
   return s;
 }
-
-}  // namespace
 
 std::u16string quotedForMessage(std::u16string_view text) {
   if (text.size() <= RegFileReader::MAX_QUOTED_UNITS) return std::u16string(text);
@@ -220,7 +220,8 @@ bool RegFileReader::readEntry(RegItem& item) {
 
 bool RegFileReader::addByte(RegItem& item, u8 byte) {
   if (++item.size > _maxDataSize)
-    return fail(item.line, u"Value data larger than the hive allows (" + decimal(_maxDataSize) + u" bytes): ",
+    return fail(item.line,
+                u"Value data larger than the hive allows (" + decimalText(_maxDataSize) + u" bytes): ",
                 item.name);
   if (!_keepData) return true;
   item.data.push_back(byte);
@@ -246,17 +247,22 @@ bool RegFileReader::readString(RegItem& item) {
   return addByte(item, 0) && addByte(item, 0);
 }
 
-bool RegFileReader::readDword(RegItem& item) {
-  for (char16_t expected : std::u16string_view(u"dword:"))
-    if (lower(get()) != expected) return fail(item.line, u"Invalid value: ", item.name);
-  skipBlanks();
-  u32 number = 0;
+bool RegFileReader::readHexNumber(u32& number) {
+  number = 0;
   int digits = 0;
   for (int d; (d = hexDigit(peek())) >= 0; ++digits) {
     get();
     number = number << 4 | static_cast<u32>(d);
   }
-  if (digits == 0 || digits > 8 || !onlyBlanksLeft())
+  return digits != 0 && digits <= 8;
+}
+
+bool RegFileReader::readDword(RegItem& item) {
+  for (char16_t expected : std::u16string_view(u"dword:"))
+    if (lower(get()) != expected) return fail(item.line, u"Invalid value: ", item.name);
+  skipBlanks();
+  u32 number = 0;
+  if (!readHexNumber(number) || !onlyBlanksLeft())
     return fail(item.line, u"Invalid dword value: ", item.name);
   item.type = 4;
   for (int shift = 0; shift < 32; shift += 8)
@@ -271,14 +277,7 @@ bool RegFileReader::readHex(RegItem& item) {
   item.type = 3;
   if (peek() == u'(') {
     get();
-    u32 type = 0;
-    int digits = 0;
-    for (int d; (d = hexDigit(peek())) >= 0; ++digits) {
-      get();
-      type = type << 4 | static_cast<u32>(d);
-    }
-    if (digits == 0 || digits > 8 || get() != u')') return invalid();
-    item.type = type;
+    if (!readHexNumber(item.type) || get() != u')') return invalid();
   }
   if (get() != u':') return invalid();
   // After a comma a byte must follow (on this line or a continued one).

@@ -65,6 +65,8 @@ struct RegItem {
 
 // At most 200 units of `text`, then "..." when there were more.
 std::u16string quotedForMessage(std::u16string_view text);
+// `v` in decimal digits, for messages.
+std::u16string decimalText(u64 v);
 
 class RegFileReader {
  public:
@@ -108,6 +110,9 @@ class RegFileReader {
   std::u16string restQuoted();
   // Consumes the rest of the line; false when it holds more than blanks.
   bool onlyBlanksLeft();
+  // Reads the hexadecimal number at the position into `number`: true when
+  // it has 1 to 8 digits (more are read, but refused).
+  bool readHexNumber(u32& number);
   bool fail(u64 line, std::u16string message);
   bool fail(u64 line, std::u16string_view label, std::u16string_view text);
 

@@ -36,18 +36,12 @@
 #include <functional>
 #include <string>
 
-#include "hive/interfaces.h"
+#include "hive/util/util.h"
 #include "hive/value/value_limits.h"
-#include "platform/log.h"
 
 namespace Libraries::Files::Hive {
 
-using Interfaces::Config::Hive::Key;
 using Interfaces::Config::Hive::RegistryHive;
-using Platform::Ref;
-using Platform::String;
-using Platform::u32;
-using Platform::u64;
 
 extern const Platform::Log::Channel regUtilLog;  // "HiveRegUtil"
 

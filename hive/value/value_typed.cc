@@ -58,6 +58,19 @@ void shortRead() {
   if (Error::get() == 0) Error::set(Errors::SHORT_READ);
 }
 
+// The end of a number's read or write: all `width` bytes `moved` (the
+// error cleared), or the failure logged and its error set.
+bool numberMoved(u32 moved, u32 width, bool writing, u32 record) {
+  if (moved == width) {
+    Error::set(0);
+    return true;
+  }
+  HK_LOG(hiveLog, 4) << (writing ? "Wrong write result when writing u" : "Wrong read result when reading u")
+                     << 8 * width << " value, record = " << Log::hex(record);
+  Error::set(writing ? Errors::SHORT_WRITE : Errors::SHORT_READ);
+  return false;
+}
+
 }  // namespace
 
 // The size field comes from the hive and may claim up to 2 GiB: only once
@@ -163,13 +176,7 @@ u64 ValueObj::number() {
   const u32 width = numberWidth(Entry::read);
   if (width == 0) return ALL_ONES;
   u8 bytes[8] = {};
-  if (read(bytes, 0, width) != width) {
-    HK_LOG(hiveLog, 4) << "Wrong read result when reading u" << 8 * width
-                       << " value, record = " << Log::hex(_offset);
-    Error::set(Errors::SHORT_READ);
-    return ALL_ONES;
-  }
-  Error::set(0);
+  if (!numberMoved(read(bytes, 0, width), width, false, _offset)) return ALL_ONES;
   if (_type == T::Qword) return L64(bytes);
   if (_type == T::DwordBigEndian) return B32(bytes);
   return L32(bytes);
@@ -192,14 +199,7 @@ bool ValueObj::setNumber(u64 number) {
       W32(bytes, v);
     }
   }
-  if (write(bytes, 0, width) != width) {
-    HK_LOG(hiveLog, 4) << "Wrong write result when writing u" << 8 * width
-                       << " value, record = " << Log::hex(_offset);
-    Error::set(Errors::SHORT_WRITE);
-    return false;
-  }
-  Error::set(0);
-  return true;
+  return numberMoved(write(bytes, 0, width), width, true, _offset);
 }
 
 Ref<TVector<Ref<String>>> ValueObj::strings(u32 maxLength) {
