@@ -1,21 +1,29 @@
 #include "platform/memory_stripe.h"
 
+#include <cerrno>
 #include <cstring>
+#include <new>
+#include <stdexcept>
 
 #include "platform/error.h"
 
 namespace Platform {
 
-namespace {
-constexpr u32 NO_SPACE = Error::IO_ERROR | 28;  // ENOSPC
+// Memory that cannot be had is a full disk to the caller: a result, not an
+// exception through the library.
+bool MemoryStripe::grow(u64 count) {
+  try {
+    if (count > _bytes.max_size()) throw std::length_error("stripe");
+    _bytes.resize(count);
+    return true;
+  } catch (const std::exception&) {
+    Error::set(Error::IO_ERROR | ENOSPC);
+    return false;
+  }
 }
 
 u64 MemoryStripe::setElementCount(u64 count) {
-  if (count > _limit || _failWrites) {
-    Error::set(NO_SPACE);
-    return _bytes.size();
-  }
-  _bytes.resize(count);
+  grow(count);
   return _bytes.size();
 }
 
@@ -27,11 +35,11 @@ u64 MemoryStripe::readAt(u64 position, void* buffer, u64 count) {
 }
 
 u64 MemoryStripe::writeAt(u64 position, const void* buffer, u64 count) {
-  if (_failWrites || position + count > _limit || position + count < position) {
-    Error::set(NO_SPACE);
+  if (position + count < position) {
+    Error::set(Error::IO_ERROR | ENOSPC);
     return 0;
   }
-  if (position + count > _bytes.size()) _bytes.resize(position + count);
+  if (position + count > _bytes.size() && !grow(position + count)) return 0;
   if (count) std::memcpy(_bytes.data() + position, buffer, count);
   return count;
 }

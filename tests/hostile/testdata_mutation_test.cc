@@ -44,6 +44,7 @@
 #include "hive/log/marvin32.h"
 #include "hive/regfile/reg_file_util.h"
 #include "platform/memory_stripe.h"
+#include "tests/support/fault_stripe.h"
 #include "tests/support/run_tool.h"
 #include "tests/support/test_files.h"
 
@@ -416,7 +417,7 @@ class TestdataMutation : public ::testing::Test {
       ++_tally.opened;
       hivekit::fuzz::walkHive(opened, limits.walk);
       if (Ref<Key> root = opened->root()) {
-        Ref<MemoryStripe> text = MemoryStripe::create();
+        Ref<hivekit::test::FaultStripe> text = hivekit::test::FaultStripe::wrap(MemoryStripe::create());
         text->limitSize(limits.exportBytes);
         (void)RegFileUtil::exportRegFile(root, text, String::create("HKEY_LOCAL_MACHINE/X"), number % 4,
                                          [](const std::string&) {});

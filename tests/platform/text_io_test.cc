@@ -6,6 +6,7 @@
 #include "platform/char_reader.h"
 #include "platform/memory_stripe.h"
 #include "platform/text_writer.h"
+#include "tests/support/fault_stripe.h"
 
 namespace Platform {
 namespace {
@@ -74,15 +75,16 @@ TEST(TextWriter, Utf8SurrogatesAndByteOrderMark) {
 TEST(TextWriter, CreationRefusals) {
   EXPECT_FALSE(TextWriter::create(nullptr, TextWriter::Encoding::Utf8, false));
   EXPECT_FALSE(TextWriter::create(MemoryStripe::create(), static_cast<TextWriter::Encoding>(3), false));
-  auto stripe = MemoryStripe::create();
-  stripe->failWrites(true);
-  EXPECT_FALSE(TextWriter::create(stripe, TextWriter::Encoding::Utf16LE, true));
+  auto failing = hivekit::test::FaultStripe::wrap(MemoryStripe::create());
+  failing->arm(hivekit::test::FaultStripe::Write, 1, hivekit::test::FaultStripe::Fail, true);
+  EXPECT_FALSE(TextWriter::create(failing, TextWriter::Encoding::Utf16LE, true));
 }
 
 TEST(TextWriter, FailedWriteIsReportedAndSticks) {
   auto stripe = MemoryStripe::create();
-  stripe->limitSize(100000);
-  auto w = TextWriter::create(stripe, TextWriter::Encoding::Utf16LE, true);
+  auto full = hivekit::test::FaultStripe::wrap(stripe);
+  full->limitSize(100000);
+  auto w = TextWriter::create(full, TextWriter::Encoding::Utf16LE, true);
   ASSERT_TRUE(w);
   bool ok = true;
   for (int i = 0; i < 10000 && ok; ++i) ok = w->print("0123456789");

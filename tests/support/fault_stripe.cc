@@ -40,8 +40,16 @@ bool FaultStripe::faulted(Kind kind) {
   return true;
 }
 
+namespace {
+u64 diskFull() {
+  Platform::Error::set(Platform::Error::IO_ERROR | ENOSPC);
+  return 0;
+}
+}  // namespace
+
 u64 FaultStripe::setElementCount(u64 count) {
   if (faulted(Resize)) return _inner->elementCount();
+  if (count > _limit) return diskFull() + _inner->elementCount();
   return _inner->setElementCount(count);
 }
 
@@ -54,6 +62,7 @@ u64 FaultStripe::readAt(u64 position, void* buffer, u64 count) {
 }
 
 u64 FaultStripe::writeAt(u64 position, const void* buffer, u64 count) {
+  if (count > _limit || position > _limit - count) return diskFull();
   if (!faulted(Write)) return _inner->writeAt(position, buffer, count);
   if (_fault == Fail) return 0;
   const u64 n = _inner->writeAt(position, buffer, count / 2);

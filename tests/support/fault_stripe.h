@@ -53,6 +53,11 @@ class FaultStripe : public Interfaces::Stripe {
   u64 calls() const;
   void resetCounts();
 
+  // Writes and resizes that would take the stripe past `limit` elements
+  // fail as on a full disk (nothing moves, IO_ERROR | ENOSPC); they are
+  // not counted as faults.
+  void limitSize(u64 limit) { _limit = limit; }
+
   const Ref<Interfaces::Stripe>& inner() const { return _inner; }
 
   u32 elementSize() const override { return _inner->elementSize(); }
@@ -77,6 +82,7 @@ class FaultStripe : public Interfaces::Stripe {
   u64 _at = 0;    // the call of _kind, counted from arm(), that goes wrong
   u64 _seen = 0;  // calls of _kind since arm()
   u64 _fired = 0;
+  u64 _limit = ~u64{0};
 };
 
 // One way for calls to go wrong, named for test output; FAULT_KINDS lists
