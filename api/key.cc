@@ -281,6 +281,13 @@ Result<Key> Key::subkey(std::string_view name) const {
   return Access::makeKey(core_, (*found)->offset());
 }
 
+Result<std::vector<std::string>> split_path(std::string_view path) {
+  std::vector<std::string_view> parts;
+  if (!splitPath(path, parts))
+    return Status(Code::invalid_argument, "empty name in key path " + quoted(path));
+  return std::vector<std::string>(parts.begin(), parts.end());
+}
+
 Result<Key> Key::key(std::string_view path) const {
   Call call(core_);
   if (!call.ok()) return call.status();

@@ -35,20 +35,9 @@ bool openHive(const Context& ctx, const std::string& path, Hive& out) {
 }
 
 bool splitKeyPath(const std::string& keyPath, std::vector<std::string>& parts) {
-  parts.clear();
-  std::string p = keyPath;
-  if (!p.empty() && p[0] == '\\') p.erase(0, 1);
-  if (!p.empty() && p.back() == '\\') p.pop_back();
-  if (p.empty()) return true;
-  size_t start = 0;
-  while (true) {
-    size_t end = p.find('\\', start);
-    std::string part = p.substr(start, end == std::string::npos ? std::string::npos : end - start);
-    if (part.empty()) return false;
-    parts.push_back(part);
-    if (end == std::string::npos) break;
-    start = end + 1;
-  }
+  Result<std::vector<std::string>> split = split_path(libraryPath(keyPath));
+  if (!split) return false;
+  parts = std::move(*split);
   return true;
 }
 

@@ -17,8 +17,9 @@ namespace hivekit::cli {
 // HIVE unless --no-logs. On failure reports it and returns false.
 bool openHive(const Context& ctx, const std::string& path, Hive& out);
 
-// Splits a KEYPATH: backslash-separated, a leading "\" optional, "\" or ""
-// for the root. False for an empty component ("a\\b").
+// Splits a KEYPATH as the library reads libraryPath(KEYPATH): at
+// backslashes, those at either end ignored, "\" or "" for the root. False
+// for an empty name inside it ("a\\b").
 bool splitKeyPath(const std::string& keyPath, std::vector<std::string>& parts);
 
 // KEYPATH in the form the library reads it: with a leading backslash, so

@@ -41,6 +41,11 @@ namespace hivekit {
 
 class Subkeys;
 
+// The names `path` holds, as the path forms above read it (what Key::key,
+// create_key and delete_key walk): invalid_argument for an empty name
+// inside it. For tools that take key paths from their users.
+HIVEKIT_EXPORT Result<std::vector<std::string>> split_path(std::string_view path);
+
 class HIVEKIT_EXPORT Key {
  public:
   // A null handle: name() is "", calls fail with Code::invalid_handle.
