@@ -206,13 +206,13 @@ struct PyHive {
 
 // ---------------------------------------------------------------- handle objects
 
-struct KeyObject {
+struct PyKey {
   PyObject_HEAD
   hivekit::Key key;
   StateRef s;
 };
 
-struct ValueObject {
+struct PyValue {
   PyObject_HEAD
   hivekit::Value value;
   StateRef s;
@@ -245,7 +245,7 @@ void dealloc(PyObject* self) {
 
 // New objects; these take the C++ parts (placement into the Python object).
 PyObject* new_key(hivekit::Key key, const StateRef& s) {
-  KeyObject* o = PyObject_New(KeyObject, g_key_type);
+  PyKey* o = PyObject_New(PyKey, g_key_type);
   if (!o) throw py::error_already_set();
   new (&o->key) hivekit::Key(std::move(key));
   new (&o->s) StateRef(s);
@@ -253,7 +253,7 @@ PyObject* new_key(hivekit::Key key, const StateRef& s) {
 }
 
 PyObject* new_value(hivekit::Value value, const StateRef& s) {
-  ValueObject* o = PyObject_New(ValueObject, g_value_type);
+  PyValue* o = PyObject_New(PyValue, g_value_type);
   if (!o) throw py::error_already_set();
   new (&o->value) hivekit::Value(std::move(value));
   new (&o->s) StateRef(s);
@@ -278,11 +278,11 @@ PyObject* new_iter(PyTypeObject* type, Range range, const StateRef& s) {
   return self;
 }
 
-KeyObject* as_key(PyObject* self) {
-  return reinterpret_cast<KeyObject*>(self);
+PyKey* as_key(PyObject* self) {
+  return reinterpret_cast<PyKey*>(self);
 }
-ValueObject* as_value(PyObject* self) {
-  return reinterpret_cast<ValueObject*>(self);
+PyValue* as_value(PyObject* self) {
+  return reinterpret_cast<PyValue*>(self);
 }
 
 PyObject* type_object(std::uint32_t type) {
@@ -301,10 +301,10 @@ PyObject* bytes_of(const hivekit::Bytes& b) {
 // Arguments and results of the pybind11 functions attached to the CPython
 // types: a Key or Value argument, a new Key or Value result.
 struct KeyArg {
-  KeyObject* o;
+  PyKey* o;
 };
 struct ValueArg {
-  ValueObject* o;
+  PyValue* o;
 };
 struct NewKey {
   hivekit::Key key;
@@ -416,14 +416,14 @@ namespace {
 PyObject* key_name(PyObject* self, void*) {
   return guarded(
       [&]() -> PyObject* {
-        KeyObject* k = as_key(self);
+        PyKey* k = as_key(self);
         k->s->check_open();
         return decode_raw(k->key.name());
       },
       nullptr);
 }
 
-PyObject* key_path(const KeyObject* k) {
+PyObject* key_path(const PyKey* k) {
   k->s->check_open();
   return decode_raw(k->key.path());
 }
@@ -435,7 +435,7 @@ PyObject* key_path_get(PyObject* self, void*) {
 PyObject* key_last_write(PyObject* self, void*) {
   return guarded(
       [&]() -> PyObject* {
-        KeyObject* k = as_key(self);
+        PyKey* k = as_key(self);
         k->s->check_open();
         return PyLong_FromUnsignedLongLong(k->key.last_write());
       },
@@ -445,7 +445,7 @@ PyObject* key_last_write(PyObject* self, void*) {
 PyObject* key_offset(PyObject* self, void*) {
   return guarded(
       [&]() -> PyObject* {
-        KeyObject* k = as_key(self);
+        PyKey* k = as_key(self);
         k->s->check_open();
         return PyLong_FromUnsignedLong(k->key.offset());
       },
@@ -469,7 +469,7 @@ PyObject* key_iter(PyObject* self) {
 Py_ssize_t key_len(PyObject* self) {
   return guarded(
       [&]() -> Py_ssize_t {
-        KeyObject* k = as_key(self);
+        PyKey* k = as_key(self);
         k->s->check_open();
         return k->key.subkey_count();
       },
@@ -486,7 +486,7 @@ PyObject* key_getitem(PyObject* self, PyObject* name) {
   return guarded(
       [&]() -> PyObject* {
         if (!PyUnicode_Check(name)) throw py::type_error("a value name is a str");
-        KeyObject* k = as_key(self);
+        PyKey* k = as_key(self);
         return new_value(take(k->key.value(py::cast<Text>(py::handle(name)).utf8)), k->s);
       },
       nullptr);
@@ -518,7 +518,7 @@ PyObject* key_richcompare(PyObject* self, PyObject* other, int op) {
 PyObject* key_repr(PyObject* self) {
   return guarded(
       [&]() -> PyObject* {
-        KeyObject* k = as_key(self);
+        PyKey* k = as_key(self);
         if (k->s->closed.load()) return PyUnicode_FromString("<hivekit.Key of a closed hive>");
         py::object path = py::reinterpret_steal<py::object>(key_path(k));
         if (!path) throw py::error_already_set();
@@ -544,7 +544,7 @@ PyMethodDef key_methods[] = {
 };
 
 PyType_Slot key_slots[] = {
-    {Py_tp_dealloc, reinterpret_cast<void*>(&dealloc<KeyObject>)},
+    {Py_tp_dealloc, reinterpret_cast<void*>(&dealloc<PyKey>)},
     {Py_tp_getset, key_getset},
     {Py_tp_methods, key_methods},
     {Py_tp_iter, reinterpret_cast<void*>(&key_iter)},
@@ -565,7 +565,7 @@ PyType_Slot key_slots[] = {
 PyObject* value_name(PyObject* self, void*) {
   return guarded(
       [&]() -> PyObject* {
-        ValueObject* v = as_value(self);
+        PyValue* v = as_value(self);
         v->s->check_open();
         return decode_raw(v->value.name());
       },
@@ -575,7 +575,7 @@ PyObject* value_name(PyObject* self, void*) {
 PyObject* value_type(PyObject* self, void*) {
   return guarded(
       [&]() -> PyObject* {
-        ValueObject* v = as_value(self);
+        PyValue* v = as_value(self);
         v->s->check_open();
         return type_object(static_cast<std::uint32_t>(v->value.type()));
       },
@@ -585,7 +585,7 @@ PyObject* value_type(PyObject* self, void*) {
 PyObject* value_size(PyObject* self, void*) {
   return guarded(
       [&]() -> PyObject* {
-        ValueObject* v = as_value(self);
+        PyValue* v = as_value(self);
         v->s->check_open();
         return PyLong_FromUnsignedLong(v->value.size());
       },
@@ -599,7 +599,7 @@ PyObject* value_data(PyObject* self, void*) {
 PyObject* value_repr(PyObject* self) {
   return guarded(
       [&]() -> PyObject* {
-        ValueObject* v = as_value(self);
+        PyValue* v = as_value(self);
         if (v->s->closed.load()) return PyUnicode_FromString("<hivekit.Value of a closed hive>");
         py::object name = decode(v->value.name());
         const auto type = v->value.type();
@@ -619,7 +619,7 @@ PyGetSetDef value_getset[] = {
 };
 
 PyType_Slot value_slots[] = {
-    {Py_tp_dealloc, reinterpret_cast<void*>(&dealloc<ValueObject>)},
+    {Py_tp_dealloc, reinterpret_cast<void*>(&dealloc<PyValue>)},
     {Py_tp_getset, value_getset},
     {Py_tp_repr, reinterpret_cast<void*>(&value_repr)},
     {Py_tp_doc, const_cast<char*>("A value of a key (a handle: cheap, made as needed).")},
@@ -692,8 +692,8 @@ PyType_Slot value_iter_slots[] = {
     {0, nullptr},
 };
 
-PyType_Spec key_spec = {"hivekit.Key", sizeof(KeyObject), 0, Py_TPFLAGS_DEFAULT, key_slots};
-PyType_Spec value_spec = {"hivekit.Value", sizeof(ValueObject), 0, Py_TPFLAGS_DEFAULT, value_slots};
+PyType_Spec key_spec = {"hivekit.Key", sizeof(PyKey), 0, Py_TPFLAGS_DEFAULT, key_slots};
+PyType_Spec value_spec = {"hivekit.Value", sizeof(PyValue), 0, Py_TPFLAGS_DEFAULT, value_slots};
 PyType_Spec subkey_iter_spec = {"hivekit.SubkeyIterator", sizeof(SubkeyIterObject), 0, Py_TPFLAGS_DEFAULT,
                                 subkey_iter_slots};
 PyType_Spec value_iter_spec = {"hivekit.ValueIterator", sizeof(ValueIterObject), 0, Py_TPFLAGS_DEFAULT,
