@@ -116,6 +116,17 @@ Result<Bytes> Value::data() const {
   return data;
 }
 
+Result<Bytes> Value::read(std::uint32_t offset, std::uint32_t max_bytes) const {
+  Call call(core_);
+  if (!call.ok()) return call.status();
+  u32 type = 0;
+  std::vector<std::byte> data;
+  Status why;
+  if (!readValue(call.hive(), offset_, type, data, why, offset, max_bytes))
+    return Result<Bytes>(Bytes(std::move(data)), std::move(why));
+  return Bytes(std::move(data));
+}
+
 Result<std::string> Value::string() const {
   u32 type = 0;
   std::vector<std::byte> data;

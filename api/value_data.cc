@@ -1,5 +1,7 @@
 #include "api/value_data.h"
 
+#include <algorithm>
+
 #include "hive/format/errors.h"
 #include "hive/value/value_limits.h"
 #include "hive/value/value_record.h"
@@ -13,7 +15,8 @@ using Libraries::Files::Hive::ValueRecord;
 namespace Errors = Libraries::Files::Hive::Errors;
 namespace Types = Interfaces::Config::Hive::ValueTypes;
 
-bool readValue(RegistryHiveObj& hive, u32 offset, u32& type, std::vector<std::byte>& data, Status& why) {
+bool readValue(RegistryHiveObj& hive, u32 offset, u32& type, std::vector<std::byte>& data, Status& why,
+               u32 from, u32 maxBytes) {
   data.clear();
   ValueRecord rec;
   if (!readValueRecord(hive, offset, rec)) {
@@ -28,9 +31,10 @@ bool readValue(RegistryHiveObj& hive, u32 offset, u32& type, std::vector<std::by
     why = engineStatus("cannot read the value's data", Code::corrupt);
     return false;
   }
-  data.resize(rec.dataSize);
-  const u32 got = readValueData(hive, rec, extents.extents, 0, data.data(), rec.dataSize);
-  if (got != rec.dataSize) {
+  const u32 want = from >= rec.dataSize ? 0 : std::min(maxBytes, rec.dataSize - from);
+  data.resize(want);
+  const u32 got = readValueData(hive, rec, extents.extents, from, data.data(), want);
+  if (got != want) {
     data.resize(got);
     why = engineStatus("the value's data could not be read completely", Code::corrupt);
     return false;

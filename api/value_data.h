@@ -12,9 +12,11 @@
 
 namespace hivekit::detail {
 
-// The value's type and all of its data. False with `why` set when a record
-// is damaged; `data` then holds what could be read.
-bool readValue(RegistryHiveObj& hive, u32 offset, u32& type, std::vector<std::byte>& data, Status& why);
+// The value's type and its data: all of it, or at most `maxBytes` from
+// byte `from` on (none when `from` lies at or past its end). False with
+// `why` set when a record is damaged; `data` then holds what could be read.
+bool readValue(RegistryHiveObj& hive, u32 offset, u32& type, std::vector<std::byte>& data, Status& why,
+               u32 from = 0, u32 maxBytes = ~u32{0});
 
 // The value's data as Value::data() gives it: where the hive's records
 // cannot change (a read-only hive) and the data lies in one piece, a view

@@ -55,6 +55,32 @@ Result<std::string> typed(const Value& v, ValueType type) {
   }
 }
 
+// The value's bytes, as they are or as a hex dump, read and written a piece
+// at a time: a value of hundreds of megabytes is never held whole (nor its
+// dump, four times its size).
+int writeData(const Value& v, bool dump) {
+  static constexpr uint32_t PIECE = 16u << 20;  // a multiple of a dump line
+  Output o;
+  for (uint32_t at = 0;;) {
+    Result<Bytes> piece = v.read(at, PIECE);
+    if (!piece) {
+      o.flush();
+      return fail("cannot read the data of the value", piece.status());
+    }
+    if (piece->size() == 0) break;
+    const std::string_view bytes(reinterpret_cast<const char*>(piece->data()), piece->size());
+    if (dump) {
+      o.put(hexDump(piece->data(), piece->size(), at));
+    } else {
+      o.put(bytes);
+    }
+    if (!o.flush()) return o.reportFailure();
+    at += static_cast<uint32_t>(piece->size());
+    if (piece->size() < PIECE) break;
+  }
+  return EXIT_OK;
+}
+
 int runGet(Context& ctx) {
   const bool json = ctx.args.has("--json"), raw = ctx.args.has("--raw"), cls = ctx.args.has("--class");
   if (raw && (json || cls)) return usageError(ctx.command, "--raw goes alone");
@@ -85,10 +111,10 @@ int runGet(Context& ctx) {
     return fail(v.status());
   }
   const ValueType type = v->type();
-  Result<Bytes> data = v->data();
-  if (!data) return fail("cannot read the data of the value", data.status());
-  if (raw) return print(std::string_view(reinterpret_cast<const char*>(data->data()), data->size()));
+  if (raw) return writeData(*v, false);
   if (json) {
+    Result<Bytes> data = v->data();
+    if (!data) return fail("cannot read the data of the value", data.status());
     std::string out;
     JsonWriter j(out);
     j.beginObject().key("path").string(rawPath(names));
@@ -102,7 +128,7 @@ int runGet(Context& ctx) {
         type == ValueType::dword || type == ValueType::dword_big_endian || type == ValueType::qword)
       warn("the data does not read as " + typeName(type) + " (" + text.status().message() +
            "); showing its bytes");
-    *text = hexDump(data->data(), data->size());
+    return writeData(*v, true);
   }
   return print(*text);
 }

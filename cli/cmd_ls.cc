@@ -29,6 +29,11 @@ std::string quoted(const std::string& text) {
   return "\"" + s + "\"";
 }
 
+// A value larger than this is previewed from its first bytes only: a line
+// of the listing must not read hundreds of megabytes.
+constexpr uint32_t WHOLE_PREVIEW = 1u << 20;
+constexpr uint32_t PREFIX_PREVIEW = 64;
+
 // "  name  TYPE  size  preview" lines for values, names and types in
 // columns. False when the values need more data than the budget allows.
 bool valueLines(std::string& out, std::span<const Value> values,
@@ -44,7 +49,8 @@ bool valueLines(std::string& out, std::span<const Value> values,
   for (size_t i = 0; i < values.size(); ++i) {
     const Value& v = values[i];
     const ValueType type = v.type();
-    Result<Bytes> data = v.data();
+    const bool whole = v.size() <= WHOLE_PREVIEW;
+    Result<Bytes> data = whole ? v.data() : v.read(0, PREFIX_PREVIEW);
     if (!charge(data->size())) return false;
     std::string name = names[i];
     // A long name gets a line of its own, so the columns stay aligned.
@@ -54,7 +60,8 @@ bool valueLines(std::string& out, std::span<const Value> values,
     }
     char b[160];
     std::snprintf(b, sizeof(b), "  %-*s  %-*s %8zu  ", static_cast<int>(width), name.c_str(),
-                  static_cast<int>(typeWidth), typeName(type).c_str(), data->size());
+                  static_cast<int>(typeWidth), typeName(type).c_str(),
+                  whole ? data->size() : size_t{v.size()});
     out += b;
     out += data.ok() ? preview(v, *data) : "(data unreadable)";
     out += '\n';

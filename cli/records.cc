@@ -126,14 +126,15 @@ std::string quoted(const std::string& text) {
   return "\"" + s + "\"";
 }
 
-std::string hexPreview(const Bytes& data) {
+// `more`: the data goes on past `data`.
+std::string hexPreview(const Bytes& data, bool more = false) {
   std::string s;
   size_t n = std::min<size_t>(data.size(), 16);
   for (size_t i = 0; i < n; ++i) {
     if (i) s += ' ';
     appendHexBytes(s, data.data() + i, 1);
   }
-  if (data.size() > n) s += " ...";
+  if (data.size() > n || more) s += " ...";
   return s;
 }
 
@@ -147,6 +148,7 @@ std::string number(uint64_t n) {
 }  // namespace
 
 std::string preview(const Value& v, const Bytes& data) {
+  if (data.size() < v.size()) return hexPreview(data, true);
   switch (v.type()) {
     case ValueType::sz:
     case ValueType::expand_sz:

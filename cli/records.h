@@ -33,7 +33,8 @@ void keyMembers(JsonWriter& j, const Key& key, std::string_view path);
 // failure, the part that could be).
 void valueMembers(JsonWriter& j, const Value& value, const Result<Bytes>& data);
 // A short preview of the data for people: a string quoted and cut at 60
-// characters, a number in decimal and hex, else the first 16 bytes in hex.
+// characters, a number in decimal and hex, else the first 16 bytes in hex;
+// when `data` is only the start of the value's data, its first 16 bytes.
 std::string preview(const Value& value, const Bytes& data);
 
 // A whole value object.

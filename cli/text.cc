@@ -59,10 +59,10 @@ void appendDecimal(std::string& out, uint64_t v) {
   out.append(p, static_cast<size_t>(buf + sizeof buf - p));
 }
 
-std::string hexDump(const std::byte* data, size_t length) {
+std::string hexDump(const std::byte* data, size_t length, uint64_t firstOffset) {
   std::string out;
   for (size_t line = 0; line < length; line += 16) {
-    appendHexFixed(out, line, 8);
+    appendHexFixed(out, firstOffset + line, 8);
     out += "  ";
     for (size_t i = 0; i < 16; ++i) {
       if (line + i < length) {

@@ -25,7 +25,7 @@ void appendHexBytes(std::string& out, const std::byte* data, size_t length);
 void appendHexFixed(std::string& out, uint64_t v, int width);
 void appendDecimal(std::string& out, uint64_t v);
 // Offset, 16 bytes in hex, and the printable ASCII column, one line per 16.
-std::string hexDump(const std::byte* data, size_t length);
+std::string hexDump(const std::byte* data, size_t length, uint64_t firstOffset = 0);
 
 // How text is shown; each form writes the characters it does not escape as
 // they are, so that all output is UTF-8.

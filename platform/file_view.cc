@@ -9,6 +9,10 @@
 
 namespace Platform {
 
+namespace {
+constexpr u64 POPULATE_LIMIT = u64{64} << 20;
+}  // namespace
+
 Ref<FileView> FileView::map(int fd, u64 position, u64 length) {
   if (length == 0) {
     Error::set(Error::IO_ERROR | EINVAL);
@@ -23,11 +27,14 @@ Ref<FileView> FileView::map(int fd, u64 position, u64 length) {
     Error::set(Error::IO_ERROR | EINVAL);
     return nullptr;
   }
-  // The hive's open reads every hbin header and so touches every page
-  // (a walk then reads them all again): the pages are mapped in one go
-  // rather than by a fault on each run of them.
+  // The hive's open reads every hbin header and so touches every page of
+  // an ordinary hive (a walk then reads them all again): its pages are
+  // mapped in one go rather than by a fault on each run of them. A file of
+  // hundreds of megabytes is mostly a few big values, which a reader may
+  // never look at: its pages come in as they are read.
+  const int populate = mapped <= POPULATE_LIMIT ? MAP_POPULATE : 0;
   void* base =
-      mmap(nullptr, mapped, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, static_cast<off_t>(position - skip));
+      mmap(nullptr, mapped, PROT_READ, MAP_PRIVATE | populate, fd, static_cast<off_t>(position - skip));
   if (base == MAP_FAILED) {
     Error::set(Error::IO_ERROR | static_cast<u32>(errno));
     return nullptr;
@@ -35,6 +42,8 @@ Ref<FileView> FileView::map(int fd, u64 position, u64 length) {
   return Ref<FileView>(new FileView(base, mapped, static_cast<const u8*>(base) + skip, length));
 }
 
-FileView::~FileView() { munmap(_base, _mappedLength); }
+FileView::~FileView() {
+  munmap(_base, _mappedLength);
+}
 
 }  // namespace Platform

@@ -45,6 +45,10 @@ class HIVEKIT_EXPORT Value {
   // The raw data, whatever the type. Fails with corrupt when the data's
   // records are damaged.
   Result<Bytes> data() const;
+  // At most `max_bytes` of the data from byte `offset` on: fewer at its
+  // end, none past it. Only those bytes are copied, so a look at the start
+  // of a value of hundreds of megabytes costs memory for what it shows.
+  Result<Bytes> read(std::uint32_t offset, std::uint32_t max_bytes) const;
 
   // Typed reads. Each fails with wrong_type when the value's type (or, for
   // numbers, its size) does not fit, and corrupt when the data is damaged.

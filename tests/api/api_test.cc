@@ -73,6 +73,13 @@ TEST(PublicApi, ReadsEveryFormAsStored) {
   EXPECT_TRUE(std::equal(data->begin(), data->end(), big.begin(), big.end(),
                          [](std::byte x, test::u8 y) { return std::to_integer<test::u8>(x) == y; }));
   EXPECT_EQ(key->value("Big")->string().status().code(), Code::wrong_type);
+  // A piece across the fragments of its data, and one at and past its end.
+  Result<Bytes> piece = key->value("Big")->read(16000, 1000);
+  ASSERT_TRUE(piece.ok());
+  EXPECT_TRUE(std::equal(piece->begin(), piece->end(), big.begin() + 16000, big.begin() + 17000,
+                         [](std::byte x, test::u8 y) { return std::to_integer<test::u8>(x) == y; }));
+  EXPECT_EQ(key->value("Big")->read(static_cast<std::uint32_t>(big.size()) - 1, 9)->size(), 1u);
+  EXPECT_EQ(key->value("Big")->read(static_cast<std::uint32_t>(big.size()) + 5, 9)->size(), 0u);
   // The key as registry text in memory: UTF-16 behind its byte order mark.
   Result<std::string> text = export_reg_to_string(*key);
   ASSERT_TRUE(text.ok()) << text.status().to_string();
