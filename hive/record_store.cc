@@ -1,7 +1,4 @@
-// The record store: the hive bins area in memory, the hbin table, and the
-// checks every record access passes.
-//
-// The area is loaded whole at open (loadHiveBins) and the table built in
+// The area is loaded whole at open (load) and the table built in
 // the same pass, so finding a record's hbin is one look into _pageHbin
 // whatever the size of the hive, and no record access reads the file.
 // _startBits answers "is this offset a record start?" with one bit test,
@@ -15,11 +12,11 @@
 // makes it walk the whole hbin instead.
 // The calls here run for every record touched, so they test the mode
 // before calling refuseUnsafe.
+#include "hive/record_store.h"
+
 #include <algorithm>
 #include <cstring>
 
-#include "hive/readonly_cache.h"
-#include "hive/registry_hive.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -35,43 +32,32 @@ constexpr u32 WORD_BYTES = 64 * ALIGN;
 
 }  // namespace
 
-u64 RegistryHiveObj::fileSize() {
+u64 RecordStore::fileSize() {
   return _fileSize = _stripe->elementCount();
+}
+
+bool RecordStore::refuseUnsafe(const char* function) const {
+  if ((_mode & modeUnsafe) == 0) return false;
+  HK_LOG(hiveLog, 4) << "Call of " << function << " in unsafe mode";
+  return true;
+}
+
+bool RecordStore::openUnsafe() {
+  _unsafeCache = makeRef<ReadOnlyCache>(_stripe);
+  return _unsafeCache->valid();
 }
 
 // ------------------------------------------------------------ loading
 
-bool RegistryHiveObj::loadHiveBins() {
+bool RecordStore::load(bool fileAsIs) {
   const u32 length = hiveLength();
   // A read-only hive read as its file holds it is shown from the file's own
   // pages; a log laid over the file, or changes to come, need a copy.
-  if (readonly() && !_mapped && length > 0) _binsView = _stripe->view(HIVE_HEADER_SIZE, length);
-  if (_binsView) {
+  if (readonly() && fileAsIs && length > 0) _binsView = _stripe->view(HIVE_HEADER_SIZE, length);
+  if (_binsView)
     _bins = _binsView->data();
-  } else {
-    _binsMem = length >= SPILL_BINS ? ShMem::createSpilling(length) : ShMem::create(length);
-    if (!_binsMem) {
-      HK_LOG(hiveLog, 4) << "Failed to allocate memory for the hive bins, size: " << length;
-      return false;
-    }
-    // In pieces, each given back once read when the block spills.
-    u64 got = 0;
-    for (u64 n = 0; got < length; got += n) {
-      const u64 want = std::min<u64>(length - got, LogEngine::RELEASE_PIECE);
-      n = _stripe->readAt(HIVE_HEADER_SIZE + got, _binsMem->map() + got, want);
-      _binsMem->giveBack(_binsMem->map() + got, n);
-      if (n != want) {
-        got += n;
-        break;
-      }
-    }
-    if (got != length) {
-      HK_LOG(hiveLog, 4) << "Failed to read the hive bins, size: " << length << ", got: " << got
-                         << "; error: " << Log::hex(Error::get());
-      return false;
-    }
-    _bins = _binsMem->map();
-  }
+  else if (!readBins(length))
+    return false;
   // Reading a page of a file mapping maps its neighbours too: the walk over
   // the hbin headers maps nearly all of a spilling block unless it gives
   // back what it has passed as it goes.
@@ -91,7 +77,33 @@ bool RegistryHiveObj::loadHiveBins() {
   return true;
 }
 
-bool RegistryHiveObj::checkHbinHeader(u32 position, HbinEntry& entry) {
+bool RecordStore::readBins(u32 length) {
+  _binsMem = length >= SPILL_BINS ? ShMem::createSpilling(length) : ShMem::create(length);
+  if (!_binsMem) {
+    HK_LOG(hiveLog, 4) << "Failed to allocate memory for the hive bins, size: " << length;
+    return false;
+  }
+  // In pieces, each given back once read when the block spills.
+  u64 got = 0;
+  for (u64 n = 0; got < length; got += n) {
+    const u64 want = std::min<u64>(length - got, LogEngine::RELEASE_PIECE);
+    n = _stripe->readAt(HIVE_HEADER_SIZE + got, _binsMem->map() + got, want);
+    _binsMem->giveBack(_binsMem->map() + got, n);
+    if (n != want) {
+      got += n;
+      break;
+    }
+  }
+  if (got != length) {
+    HK_LOG(hiveLog, 4) << "Failed to read the hive bins, size: " << length << ", got: " << got
+                       << "; error: " << Log::hex(Error::get());
+    return false;
+  }
+  _bins = _binsMem->map();
+  return true;
+}
+
+bool RecordStore::checkHbinHeader(u32 position, HbinEntry& entry) {
   if (u64{position} + hive_hbin::SIZE > hiveLength()) {
     HK_LOG(hiveLog, 4) << "Failed to read hbin header at " << position;
     return false;
@@ -124,7 +136,7 @@ bool RegistryHiveObj::checkHbinHeader(u32 position, HbinEntry& entry) {
 
 // Finds the largest free record of an hbin (the first of equal ones). A
 // damaged record ends the search with what was found before it.
-void RegistryHiveObj::scanFreeSpace(HbinEntry& entry) {
+void RecordStore::scanFreeSpace(HbinEntry& entry) {
   const u8* hbin = _bins + entry.offset;
   for (u64 pos = hive_hbin::SIZE; pos + 4 <= entry.size;) {
     const s32 size = LS32(hbin + pos);
@@ -145,7 +157,7 @@ void RegistryHiveObj::scanFreeSpace(HbinEntry& entry) {
   }
 }
 
-bool RegistryHiveObj::reserveBins(u64 length) {
+bool RecordStore::reserveBins(u64 length) {
   if (!_binsMem) return false;
   if (length > _binsMem->size()) {
     // Room for more than this hbin: growth comes in runs (an import), and
@@ -162,7 +174,7 @@ bool RegistryHiveObj::reserveBins(u64 length) {
   return true;
 }
 
-void RegistryHiveObj::spillBins(u64 room) {
+void RecordStore::spillBins(u64 room) {
   Ref<ShMem> spilling = ShMem::createSpilling(room);
   if (!spilling || !spilling->spilling()) return;  // stays in memory
   std::memcpy(spilling->map(), _binsMem->map(), std::min(room, _binsMem->size()));
@@ -172,7 +184,7 @@ void RegistryHiveObj::spillBins(u64 room) {
   _spillFrom = _spillTo = _spillWritten = 0;
 }
 
-void RegistryHiveObj::noteSpilledWrite(u64 offset, u64 length) {
+void RecordStore::noteSpilledWrite(u64 offset, u64 length) {
   if (_spillWritten == 0 || offset < _spillFrom) _spillFrom = offset;
   if (_spillWritten == 0 || offset + length > _spillTo) _spillTo = offset + length;
   // A write costs at least the page it lands on: many small ones spread
@@ -184,7 +196,7 @@ void RegistryHiveObj::noteSpilledWrite(u64 offset, u64 length) {
   _spillWritten = 0;
 }
 
-void RegistryHiveObj::appendHbin(const HbinEntry& entry) {
+void RecordStore::appendHbin(const HbinEntry& entry) {
   const u32 index = static_cast<u32>(_hbins.size());
   _hbins.push_back(entry);
   _dirty.push_back(0);
@@ -196,7 +208,7 @@ void RegistryHiveObj::appendHbin(const HbinEntry& entry) {
   _freeIndex.push(entry.freeSize);
 }
 
-void RegistryHiveObj::dropLastHbin() {
+void RecordStore::dropLastHbin() {
   const HbinEntry last = _hbins.back();
   _hbins.pop_back();
   _dirty.pop_back();
@@ -209,7 +221,7 @@ void RegistryHiveObj::dropLastHbin() {
 
 // ------------------------------------------------------------ hbin table
 
-u32 RegistryHiveObj::hbinFromOffset(u32 offset) {
+u32 RecordStore::hbinFromOffset(u32 offset) {
   if ((_mode & modeUnsafe) && refuseUnsafe("hbinFromOffset")) return INVALID_HBIN;
   if (u64{offset} + 4 >= hiveLength()) return INVALID_HBIN;
   const u32 page = offset / PAGE;
@@ -223,7 +235,7 @@ u32 RegistryHiveObj::hbinFromOffset(u32 offset) {
 
 // ----------------------------------------------------------------- records
 
-const hive_record* RegistryHiveObj::loadRecordChecked(u32 offset) {
+const hive_record* RecordStore::loadRecordChecked(u32 offset) {
   if (offset % ALIGN != 0) {
     HK_LOG(hiveLog, 4) << "Attempt to access record with invalid alignment, offset: " << offset;
     Error::set(Errors::MISALIGNED_RECORD);
@@ -233,7 +245,7 @@ const hive_record* RegistryHiveObj::loadRecordChecked(u32 offset) {
   return cacheLoadRecord(offset, nullptr, false);
 }
 
-const hive_record* RegistryHiveObj::cacheLoadRecord(u32 offset, u32* hbinIndex, bool expectUnused) {
+const hive_record* RecordStore::cacheLoadRecord(u32 offset, u32* hbinIndex, bool expectUnused) {
   if ((_mode & modeUnsafe) && refuseUnsafe("internal cacheLoadRecord")) return nullptr;
   const u32 hbin = hbinFromOffset(offset);
   if (hbin == INVALID_HBIN) {
@@ -273,7 +285,7 @@ const hive_record* RegistryHiveObj::cacheLoadRecord(u32 offset, u32* hbinIndex, 
   return record;
 }
 
-bool RegistryHiveObj::isValidRecord(const u8* hbin, u32 hbinOffset, u32 hbinSize, u32 offset) {
+bool RecordStore::isValidRecord(const u8* hbin, u32 hbinOffset, u32 hbinSize, u32 offset) {
   HK_ASSERT(hiveLog, hbinSize > hive_hbin::SIZE, false);
   HK_ASSERT(hiveLog, u64{hbinOffset} + hbinSize > offset, false);
   HK_ASSERT_AS(hiveLog, "hbinOffset <= offset", hbinOffset <= offset, false);
@@ -349,18 +361,18 @@ u64 recordLength(s32 size) {
 
 }  // namespace
 
-RegistryHiveObj::Bits RegistryHiveObj::startBits(u32 hbinIdx) {
+RecordStore::Bits RecordStore::startBits(u32 hbinIdx) {
   const HbinEntry& e = _hbins[hbinIdx];
   return Bits{_startBits.data() + e.offset / WORD_BYTES, e.size / WORD_BYTES};
 }
 
-RegistryHiveObj::Bits RegistryHiveObj::freeBits(u32 hbinIdx) {
+RecordStore::Bits RecordStore::freeBits(u32 hbinIdx) {
   const HbinEntry& e = _hbins[hbinIdx];
   if (_freeBits.empty()) return Bits{nullptr, 0};
   return Bits{_freeBits.data() + e.offset / WORD_BYTES, e.size / WORD_BYTES};
 }
 
-void RegistryHiveObj::buildRecordStarts(u32 hbinIdx) {
+void RecordStore::buildRecordStarts(u32 hbinIdx) {
   RecordStarts& starts = _recordStarts[hbinIdx];
   const u8* hbin = hbinData(hbinIdx);
   const u32 hbinSize = _hbins[hbinIdx].size;
@@ -395,7 +407,7 @@ void RegistryHiveObj::buildRecordStarts(u32 hbinIdx) {
   if (starts.zeroAt == hbinSize && pos % ALIGN != 0) starts.offGrid = true;
 }
 
-bool RegistryHiveObj::repairRecordStarts(u32 hbinIdx) {
+bool RecordStore::repairRecordStarts(u32 hbinIdx) {
   RecordStarts& starts = _recordStarts[hbinIdx];
   const u8* hbin = hbinData(hbinIdx);
   const u32 hbinSize = _hbins[hbinIdx].size;
@@ -446,7 +458,7 @@ bool RegistryHiveObj::repairRecordStarts(u32 hbinIdx) {
   return true;
 }
 
-bool RegistryHiveObj::recordStartsReady(u32 hbinIdx) {
+bool RecordStore::recordStartsReady(u32 hbinIdx) {
   RecordStarts& starts = _recordStarts[hbinIdx];
   u8 state = starts.state.load(std::memory_order_acquire);
   if (state == RecordStarts::BUILT) {
@@ -465,7 +477,7 @@ bool RegistryHiveObj::recordStartsReady(u32 hbinIdx) {
 // Gives exactly the answer (and the messages) of isValidRecord: the walk
 // for an offset stops at the first 0 size before it, else it lands on the
 // offset or passes over it.
-bool RegistryHiveObj::isRecordStart(u32 hbinIdx, const u8* hbin, u32 offset) {
+bool RecordStore::isRecordStart(u32 hbinIdx, const u8* hbin, u32 offset) {
   const HbinEntry& entry = _hbins[hbinIdx];
   const u32 target = offset - entry.offset;
   if (target % ALIGN != 0 || entry.size <= hive_hbin::SIZE || target < hive_hbin::SIZE ||
@@ -478,7 +490,7 @@ bool RegistryHiveObj::isRecordStart(u32 hbinIdx, const u8* hbin, u32 offset) {
   return testBit(startBits(hbinIdx).words, target / ALIGN);
 }
 
-void RegistryHiveObj::noteHbinWrite(u32 hbinIdx, u32 offsetInHbin, u32 length) {
+void RecordStore::noteHbinWrite(u32 hbinIdx, u32 offsetInHbin, u32 length) {
   RecordStarts& starts = _recordStarts[hbinIdx];
   if (starts.state.load(std::memory_order_relaxed) != RecordStarts::BUILT || length == 0) return;
   if (starts.offGrid) {
@@ -504,20 +516,20 @@ void RegistryHiveObj::noteHbinWrite(u32 hbinIdx, u32 offsetInHbin, u32 length) {
   }
 }
 
-const u8* RegistryHiveObj::binsBytes(u32 offset, u32 length) const {
+const u8* RecordStore::binsBytes(u32 offset, u32 length) const {
   if (u64{offset} + length > hiveLength()) return nullptr;
   if (_mode & modeUnsafe)
     return _unsafeCache ? _unsafeCache->at(u64{HIVE_HEADER_SIZE} + offset, length) : nullptr;
   return _bins ? _bins + offset : nullptr;
 }
 
-u32 RegistryHiveObj::binsAvailable() const {
+u32 RecordStore::binsAvailable() const {
   if (!(_mode & modeUnsafe)) return _bins ? hiveLength() : 0;
   if (!_unsafeCache || _unsafeCache->size() <= HIVE_HEADER_SIZE) return 0;
   return static_cast<u32>(std::min<u64>(hiveLength(), _unsafeCache->size() - HIVE_HEADER_SIZE));
 }
 
-const hive_record* RegistryHiveObj::unsafeGetRecord(u32 offset) {
+const hive_record* RecordStore::unsafeGetRecord(u32 offset) {
   HK_ASSERT_AS(hiveLog, "_mode & modeUnsafe", _mode & modeUnsafe, nullptr);
   HK_ASSERT(hiveLog, _unsafeCache, nullptr);
   const u64 position = u64{HIVE_HEADER_SIZE} + offset;
@@ -532,6 +544,215 @@ const hive_record* RegistryHiveObj::unsafeGetRecord(u32 offset) {
     return nullptr;
   }
   return record;
+}
+
+// ------------------------------------------------------------ free space
+
+void RecordStore::setFreeSize(u32 hbinIdx, u32 freeSize, u32 freeOffset) {
+  _hbins[hbinIdx].freeSize = freeSize;
+  _hbins[hbinIdx].freeOffset = freeOffset;
+  _freeIndex.set(hbinIdx, freeSize);
+}
+
+bool RecordStore::updateFreeSpace(u32 hbin_idx) {
+  HK_ASSERT(hiveLog, hbin_idx < _hbins.size(), false);
+  const u8* hbin = hbinData(hbin_idx);
+  const u32 size = L32(hbin + hive_hbin::OFS_SIZE);
+  HK_ASSERT(hiveLog, size == _hbins[hbin_idx].size, false);
+  u32 best = 0, bestOffset = 0;
+  // A sound hbin (every size a non-zero multiple of 8) has its free records
+  // in the record-start index: look only at those.
+  recordStartsReady(hbin_idx);
+  const RecordStarts& starts = _recordStarts[hbin_idx];
+  const Bits free = freeBits(hbin_idx);
+  if (size > hive_hbin::SIZE + 4 && !starts.offGrid && starts.zeroAt >= size) {
+    for (size_t word = 0; word < free.count; ++word) {
+      for (u64 bits = free.words[word]; bits != 0; bits &= bits - 1) {
+        const u64 pos = (word * 64 + static_cast<u64>(__builtin_ctzll(bits))) * hive_hbin::RECORD_ALIGNMENT;
+        const u32 length = static_cast<u32>(LS32(hbin + pos));
+        if (length > best && pos + length <= size) {
+          best = length;
+          bestOffset = static_cast<u32>(_hbins[hbin_idx].offset + pos);
+        }
+      }
+    }
+  } else if (size > hive_hbin::SIZE + 4) {
+    for (u64 pos = hive_hbin::SIZE; pos + 4 <= size;) {
+      const s32 recordSize = LS32(hbin + pos);
+      const u32 length = static_cast<u32>(recordLength(recordSize));
+      if (length < 4 || length % hive_hbin::RECORD_ALIGNMENT != 0) {
+        HK_LOG(hiveLog, 3) << "Invalid record size: " << recordSize
+                           << " record: " << _hbins[hbin_idx].offset + pos;
+        return false;
+      }
+      // A free record running past the hbin cannot be handed out.
+      if (recordSize > 0 && length > best && pos + length <= size) {
+        best = length;
+        bestOffset = static_cast<u32>(_hbins[hbin_idx].offset + pos);
+      }
+      pos += length;
+    }
+  }
+  setFreeSize(hbin_idx, best, bestOffset);
+  return true;
+}
+
+// ------------------------------------------------------------ writes
+
+bool RecordStore::writeHBIN(u32 hbin_idx, u32 offsetInHbin, const void* data, u32 length) {
+  if (Error::setIf(readonly(), Errors::READ_ONLY)) return false;
+  if ((_mode & modeUnsafe) && refuseUnsafe("writeHBIN")) return false;
+  HK_ASSERT(hiveLog, hbin_idx < _hbins.size(), false);
+  HK_ASSERT(hiveLog, _binsMem, false);
+  const HbinEntry& entry = _hbins[hbin_idx];
+  if (u64{offsetInHbin} + length > entry.size) {
+    HK_LOG(hiveLog, 4) << "Write exceeds hbin, hbin: " << entry.offset << " offset: " << offsetInHbin
+                       << " length: " << length;
+    return false;
+  }
+  if (_changeDepth && !_replaying) noteUndo(hbin_idx, offsetInHbin, length);
+  noteHbinWrite(hbin_idx, offsetInHbin, length);
+  std::memcpy(_binsMem->map() + entry.offset + offsetInHbin, data, length);
+  if (_binsMem->spilling()) noteSpilledWrite(u64{entry.offset} + offsetInHbin, length);
+  if ((_mode & modeWriteThrough) == 0)
+    _dirty[hbin_idx] = 1;
+  else
+    writeThrough(hbin_idx, offsetInHbin, data, length);
+  return true;
+}
+
+// A write that fails leaves the hbin to the next flush, as without
+// write-through: the change stands in memory, so the operation that made it
+// completes and the hive stays whole, and the flush writes the hbin again
+// (and reports if it cannot). Failing the write here would leave callers
+// half way through a change. (The hive never combines write-through with a
+// log mode.)
+
+void RecordStore::writeThrough(u32 hbin_idx, u32 offsetInHbin, const void* data, u32 length) {
+  const HbinEntry& entry = _hbins[hbin_idx];
+  const u64 filePosition = u64{HIVE_HEADER_SIZE} + entry.offset + offsetInHbin;
+  if (_stripe->seek(filePosition) != filePosition) {
+    HK_LOG(hiveLog, 4) << "Failed to seek to data position: " << filePosition;
+    _dirty[hbin_idx] = 1;
+  } else if (_stripe->write(data, length) != length) {
+    HK_LOG(hiveLog, 4) << "Failed to write data of record: " << entry.offset + offsetInHbin
+                       << "; error: " << Log::hex(Error::get()) << "; left to the next flush";
+    _dirty[hbin_idx] = 1;
+  } else if (_sync && !_sync()) {
+    HK_LOG(hiveLog, 4) << "Failed to sync data of record: " << entry.offset + offsetInHbin
+                       << "; error: " << Log::hex(Error::get()) << "; left to the next flush";
+    _dirty[hbin_idx] = 1;
+  }
+}
+
+void RecordStore::setHiveLength(u32 length) {
+  W32(_header + hive_header::OFS_LENGTH, length);
+  W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
+  // Write-through: a base block that cannot be written now is written by
+  // the next flush, which compares it with the file's.
+  if ((_mode & modeWriteThrough) && !writeHeader())
+    HK_LOG(hiveLog, 4) << "Failed to write header on resize; left to the next flush";
+}
+
+bool RecordStore::writeHeader() {
+  W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
+  if (_stripe->seek(0) != 0) return false;
+  if (_stripe->write(_header, hive_header::SIZE) != hive_header::SIZE) return false;
+  std::memcpy(_diskHeader, _header, hive_header::SIZE);
+  return true;
+}
+
+bool RecordStore::growFile(u64 fileEnd) {
+  if (fileSize() < fileEnd && _stripe->setElementCount(fileEnd) != fileEnd) {
+    HK_LOG(hiveLog, 4) << "Failed to resize hive file to " << fileEnd
+                       << "; error: " << Log::hex(Error::get());
+    _fileSize = _stripe->elementCount();
+    return false;
+  }
+  _fileSize = std::max(_fileSize, fileEnd);
+  return true;
+}
+
+// ------------------------------------------------------------ flush
+
+std::vector<u32> RecordStore::dirtyHbins() const {
+  std::vector<u32> dirty;
+  for (u32 i = 0; i < _dirty.size(); ++i)
+    if (_dirty[i]) dirty.push_back(i);
+  return dirty;
+}
+
+void RecordStore::clearDirty(const std::vector<u32>& hbinIndices) {
+  for (u32 i : hbinIndices) _dirty[i] = 0;
+}
+
+std::vector<RecordStore::LogPage> RecordStore::dirtyRuns(const std::vector<u32>& hbinIndices) const {
+  std::vector<LogPage> runs;
+  for (u32 index : hbinIndices) {
+    const HbinEntry& hbin = _hbins[index];
+    if (!runs.empty() && u64{runs.back().offset} + runs.back().length == hbin.offset &&
+        u64{runs.back().length} + hbin.size <= 0x40000000u)
+      runs.back().length += hbin.size;
+    else
+      runs.push_back(LogPage{hbin.offset, hbin.size, hbinData(index)});
+  }
+  return runs;
+}
+
+void RecordStore::giveBack(const u8* data, u64 length) {
+  if (_binsMem) _binsMem->giveBack(data, length);
+}
+
+// ------------------------------------------------------------ changes taken back
+
+// The old bytes of each write made since beginChange() are kept, and
+// endChange(false) writes them back in reverse order, so that every
+// intermediate state a change passed through is undone, then drops the
+// hbins the change appended.
+void RecordStore::beginChange() {
+  if (_changeDepth++ > 0 || readonly()) return;
+  _undo.clear();
+  _changeHbins = static_cast<u32>(_hbins.size());
+  _changeFileSize = _fileSize;
+  std::memcpy(_changeHeader, _header, hive_header::SIZE);
+}
+
+void RecordStore::noteUndo(u32 hbinIdx, u32 offsetInHbin, u32 length) {
+  // An hbin the change appended goes as a whole.
+  if (hbinIdx >= _changeHbins) return;
+  const u8* at = hbinData(hbinIdx) + offsetInHbin;
+  _undo.push_back(Undo{hbinIdx, offsetInHbin, _dirty[hbinIdx], std::vector<u8>(at, at + length)});
+}
+
+void RecordStore::endChange(bool keep) {
+  if (_changeDepth == 0 || --_changeDepth > 0 || readonly()) return;
+  if (keep) {
+    _undo.clear();
+    return;
+  }
+  // Put back what the store would have handed out before the change; the
+  // error the change failed with stays the one reported.
+  const u32 error = Error::get();
+  _replaying = true;
+  std::vector<u32> touched;
+  for (auto it = _undo.rbegin(); it != _undo.rend(); ++it) {
+    writeHBIN(it->hbin, it->offsetInHbin, it->bytes.data(), static_cast<u32>(it->bytes.size()));
+    if ((_mode & modeWriteThrough) == 0) _dirty[it->hbin] = it->wasDirty;
+    touched.push_back(it->hbin);
+  }
+  _replaying = false;
+  _undo.clear();
+  while (_hbins.size() > _changeHbins) dropLastHbin();
+  for (u32 hbin : touched) updateFreeSpace(hbin);
+  std::memcpy(_header, _changeHeader, hive_header::SIZE);
+  if ((_mode & modeWriteThrough) && std::memcmp(_header, _diskHeader, hive_header::SIZE) != 0 &&
+      !writeHeader())
+    HK_LOG(hiveLog, 4) << "Failed to write header back after a failed change; left to the next flush";
+  // A file grown for the change is cut back (in a log mode the growth was
+  // never the file's).
+  if (_fileSize > _changeFileSize && _stripe->setElementCount(_changeFileSize) == _changeFileSize)
+    _fileSize = _changeFileSize;
+  Error::set(error);
 }
 
 }  // namespace Libraries::Files::Hive
