@@ -372,7 +372,7 @@ HiveInfo Hive::info() const {
     // The hbin table grows as records are reached; asking for the last
     // bytes makes it scan to the end.
     if (info.hive_bins_size >= 5 &&
-        hive.hbinFromOffset(info.hive_bins_size - 5) == RegistryHiveObj::INVALID_HBIN) {
+        hive.store().hbinFromOffset(info.hive_bins_size - 5) == H::RecordStore::INVALID_HBIN) {
       info.hbins_state = Platform::Error::firstNote();
       if (info.hbins_state.empty()) info.hbins_state = "a hive bin cannot be read";
     }

@@ -40,9 +40,7 @@ bool RegistryHiveObj::flush() {
 bool RegistryHiveObj::internalFlush() {
   // A hive whose open failed has nothing of its own to write.
   if ((_mode & (modeReadOnly | modeUnsafe)) || !_valid) return true;
-  std::vector<u32> dirty;
-  for (u32 i = 0; i < _dirty.size(); ++i)
-    if (_dirty[i]) dirty.push_back(i);
+  const std::vector<u32> dirty = _store.dirtyHbins();
   if (logMode() != LogMode::None) return dirty.empty() || flushToLog(dirty);
   if (_mode & modeWriteThrough) return flushWriteThrough(dirty);
   if (dirty.empty() && !_checkpoint.open() && std::memcmp(_diskHeader, _header, hive_header::SIZE) == 0)
@@ -51,22 +49,9 @@ bool RegistryHiveObj::internalFlush() {
 }
 
 bool RegistryHiveObj::checkpoint(const std::vector<u32>& dirtyHbins) {
-  if (!_checkpoint.run(*_file, dirtyRuns(dirtyHbins), now())) return false;
-  for (u32 i : dirtyHbins) _dirty[i] = 0;
+  if (!_checkpoint.run(*_file, _store.dirtyRuns(dirtyHbins), now())) return false;
+  _store.clearDirty(dirtyHbins);
   return true;
-}
-
-std::vector<RegistryHiveObj::LogPage> RegistryHiveObj::dirtyRuns(const std::vector<u32>& dirtyHbins) const {
-  std::vector<LogPage> runs;
-  for (u32 index : dirtyHbins) {
-    const HbinEntry& hbin = _hbins[index];
-    if (!runs.empty() && u64{runs.back().offset} + runs.back().length == hbin.offset &&
-        u64{runs.back().length} + hbin.size <= 0x40000000u)
-      runs.back().length += hbin.size;
-    else
-      runs.push_back(LogPage{hbin.offset, hbin.size, hbinData(index)});
-  }
-  return runs;
 }
 
 // Write-through mode has written every change as it was made; what is
@@ -75,12 +60,12 @@ std::vector<RegistryHiveObj::LogPage> RegistryHiveObj::dirtyRuns(const std::vect
 bool RegistryHiveObj::flushWriteThrough(const std::vector<u32>& dirtyHbins) {
   bool ok = true;
   for (u32 index : dirtyHbins) {
-    if (Checkpoint::writeRuns(*_file, dirtyRuns({index}), _log.pageRelease()))
-      _dirty[index] = 0;
+    if (Checkpoint::writeRuns(*_file, _store.dirtyRuns({index}), _log.pageRelease()))
+      _store.clearDirty({index});
     else
       ok = false;
   }
-  if (ok && std::memcmp(_diskHeader, _header, hive_header::SIZE) != 0 && !writeHeader()) {
+  if (ok && std::memcmp(_diskHeader, _header, hive_header::SIZE) != 0 && !_store.writeHeader()) {
     HK_LOG(hiveLog, 4) << "Failed to write header on resize";
     return false;
   }
@@ -95,16 +80,8 @@ bool RegistryHiveObj::flushToLog(const std::vector<u32>& dirtyHbins) {
     HK_LOG(hiveLog, 4) << "No log file applicable despite the log mode saying so";
     return false;
   }
-  if (!_log.appendLogEntry(dirtyRuns(dirtyHbins))) return false;
-  for (u32 index : dirtyHbins) _dirty[index] = 0;
-  return true;
-}
-
-bool RegistryHiveObj::writeHeader() {
-  W32(_header + hive_header::OFS_CHECKSUM, calculateHeaderChecksum(_header));
-  if (_stripe->seek(0) != 0) return false;
-  if (_stripe->write(_header, hive_header::SIZE) != hive_header::SIZE) return false;
-  std::memcpy(_diskHeader, _header, hive_header::SIZE);
+  if (!_log.appendLogEntry(_store.dirtyRuns(dirtyHbins))) return false;
+  _store.clearDirty(dirtyHbins);
   return true;
 }
 

@@ -51,12 +51,13 @@ bool RegistryHiveObj::writeRecoveredCopy(Ref<Interfaces::Stripe> target) {
   // mode, as the stripe reads it.
   constexpr u32 CHUNK = 1 << 20;
   const u32 length = hiveLength();
-  std::vector<u8> buffer(_bins ? 0 : std::min(CHUNK, length));
+  const u8* bins = _store.bins();
+  std::vector<u8> buffer(bins ? 0 : std::min(CHUNK, length));
   for (u32 done = 0; done < length;) {
     const u32 n = std::min(CHUNK, length - done);
     const u64 position = u64{HIVE_HEADER_SIZE} + done;
-    const u8* bytes = _bins ? _bins + done : buffer.data();
-    if (!_bins && _stripe->readAt(position, buffer.data(), n) != n) {
+    const u8* bytes = bins ? bins + done : buffer.data();
+    if (!bins && _stripe->readAt(position, buffer.data(), n) != n) {
       HK_LOG(hiveLog, 4) << "Failed to read hive data at " << position << " of size " << n
                          << " for the recovered copy; error: " << Log::hex(Error::get());
       return false;

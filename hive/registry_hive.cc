@@ -2,7 +2,6 @@
 
 #include <cstring>
 
-#include "hive/readonly_cache.h"
 #include "platform/check.h"
 #include "platform/error.h"
 
@@ -21,9 +20,7 @@ RegistryHiveObj::RegistryHiveObj(Ref<Interfaces::Stripe> file, const LogFiles& l
   if (!readonly()) _log.setCreateLog1(logs.createLog1);
   // A flush reads the hbins once, front to back: spilled ones go back to
   // their file as it goes.
-  _log.setPageRelease([this](const u8* data, u64 length) {
-    if (_binsMem) _binsMem->giveBack(data, length);
-  });
+  _log.setPageRelease([this](const u8* data, u64 length) { _store.giveBack(data, length); });
   _valid = construct(logs);
 }
 
@@ -46,7 +43,7 @@ bool RegistryHiveObj::construct(const LogFiles& logs) {
   _log.logDump();
 
   // The record store: every hbin, as the hive reads after the logs.
-  if (!(_mode & modeUnsafe) && !loadHiveBins()) return false;
+  if (!(_mode & modeUnsafe) && !_store.load(!_mapped)) return false;
 
   if (!checkRootRecord()) {
     HK_LOG(hiveLog, 4) << "Root key not valid";
@@ -69,12 +66,9 @@ bool RegistryHiveObj::checkModeFlags() {
     return false;
   }
 
-  if (_mode & modeUnsafe) {
-    _unsafeCache = makeRef<ReadOnlyCache>(_stripe);
-    if (!_unsafeCache->valid()) {
-      HK_LOG(hiveLog, 4) << "Failed to read the hive file for unsafe mode";
-      return false;
-    }
+  if ((_mode & modeUnsafe) && !_store.openUnsafe()) {
+    HK_LOG(hiveLog, 4) << "Failed to read the hive file for unsafe mode";
+    return false;
   }
   return true;
 }
@@ -95,10 +89,10 @@ bool RegistryHiveObj::readBaseBlock() {
     Error::set(Errors::BAD_SIGNATURE);
     return false;
   }
-  _fileSize = _stripe->elementCount();
+  const u64 fileSize = _store.fileSize();
   u64 minimum = u64{hiveLength()} + HIVE_HEADER_SIZE;
-  if (minimum > 0xffffffffull || minimum > _fileSize) {
-    HK_LOG(hiveLog, 4) << "File too small, file size:    " << _fileSize << ", minimum size: " << minimum;
+  if (minimum > 0xffffffffull || minimum > fileSize) {
+    HK_LOG(hiveLog, 4) << "File too small, file size:    " << fileSize << ", minimum size: " << minimum;
     Error::set(Errors::FILE_TOO_SMALL);
     return false;
   }
@@ -194,31 +188,22 @@ bool RegistryHiveObj::replayLogs() {
 // still being constructed. So the open checks the root record the way a
 // KeyObj is checked when it is made, with the same messages.
 bool RegistryHiveObj::checkRootRecord() {
+  using N = hive_record_nk;
   const hive_record* hr = cacheLoadRecord(_rootOffset);
-  if (!hr) {
+  if (hr && hr->signature() == N::SIGNATURE && hr->length() >= N::HEADER_SIZE &&
+      hr->u16At(N::OFS_NAME_LENGTH) + N::HEADER_SIZE <= hr->length())
+    return true;
+  if (!hr)
     HK_LOG(hiveLog, 4) << "Failed to get hive record for key:" << _rootOffset;
-    return false;
-  }
-  if (hr->signature() != hive_record_nk::SIGNATURE) {
+  else if (hr->signature() != N::SIGNATURE)
     HK_LOG(hiveLog, 4) << "Key record is no nk record: " << _rootOffset;
-    return false;
-  }
-  if (hr->length() < hive_record_nk::HEADER_SIZE ||
-      hr->u16At(hive_record_nk::OFS_NAME_LENGTH) + hive_record_nk::HEADER_SIZE > hr->length()) {
+  else
     HK_LOG(hiveLog, 4) << "Name of key exceeds length of record";
-    return false;
-  }
-  return true;
+  return false;
 }
 
 std::u16string RegistryHiveObj::fullFileName() const {
-  std::u16string name;
-  for (u32 i = 0; i < hive_header::FILENAME_UNITS; ++i) {
-    const char16_t c = L16(_header + hive_header::OFS_FILENAME + 2 * i);
-    if (c == 0) break;
-    name.push_back(c);
-  }
-  return name;
+  return baseBlockFileName(_header);
 }
 
 std::u16string RegistryHiveObj::fileName() const {
@@ -234,12 +219,6 @@ RegistryHiveObj::~RegistryHiveObj() {
 
 bool RegistryHiveObj::dirty() {
   return L32(_header + hive_header::OFS_PRIMARY_SEQ) != L32(_header + hive_header::OFS_SECONDARY_SEQ);
-}
-
-bool RegistryHiveObj::refuseUnsafe(const char* function) const {
-  if ((_mode & modeUnsafe) == 0) return false;
-  HK_LOG(hiveLog, 4) << "Call of " << function << " in unsafe mode";
-  return true;
 }
 
 bool RegistryHiveObj::stringToRegName(const Ref<String>& name, std::vector<u8>& out, u64& length,

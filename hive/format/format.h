@@ -9,6 +9,8 @@
 // Fields are read and written only through platform/endian.h helpers.
 #pragma once
 
+#include <string>
+
 #include "platform/endian.h"
 #include "platform/types.h"
 
@@ -48,6 +50,17 @@ inline u32 calculateHeaderChecksum(const u8* block) {
   u32 x = 0;
   for (u32 i = 0; i < 127; ++i) x ^= L32(block + 4 * i);
   return x;
+}
+
+// The base block's file name field: all 32 units up to the first zero.
+inline std::u16string baseBlockFileName(const u8* block) {
+  std::u16string name;
+  for (u32 i = 0; i < hive_header::FILENAME_UNITS; ++i) {
+    const char16_t c = L16(block + hive_header::OFS_FILENAME + 2 * i);
+    if (c == 0) break;
+    name.push_back(c);
+  }
+  return name;
 }
 
 // Hive bin header (hive_hbin), 32 bytes.

@@ -25,17 +25,6 @@ std::string nameOf(const LogFileInfo& log) {
   return log.name ? log.name->toUtf8() : std::string("(log)");
 }
 
-// The base block's file name field: all 32 units up to the first zero.
-std::u16string fullFileName(const u8* header) {
-  std::u16string name;
-  for (u32 i = 0; i < hive_header::FILENAME_UNITS; ++i) {
-    const char16_t c = L16(header + hive_header::OFS_FILENAME + 2 * i);
-    if (c == 0) break;
-    name.push_back(c);
-  }
-  return name;
-}
-
 }  // namespace
 
 bool LogEngine::logUsable(const LogFileInfo& log) const {
@@ -218,7 +207,7 @@ bool LogEngine::applyNewFormatLogs() {
     LogFileInfo& log = _logs[i];
     if (!logUsable(log) || !log.newFormat()) continue;
     HK_LOG(hiveLog, 1) << "Applying" << log.entries.size() << " log entries from" << nameOf(log)
-                       << " for hive" << fullFileName(_header);
+                       << " for hive" << baseBlockFileName(_header);
     for (const LogEntryInfo& e : log.entries)
       if (e.sequence() >= log.primarySequence()) chain.push_back({&log, &e});
   }

@@ -82,7 +82,7 @@ TEST(FirstFit, FreeSpaceFiguresFollowEveryChange) {
       const u32 size = 1 + rng() % (rng() % 8 == 0 ? 9000 : 300);
       const u32 length = (size + 7) / 8 * 8;
       u32 expected = INVALID_RECORD;
-      for (const auto& entry : hive->hbins()) {
+      for (const auto& entry : hive->store().hbins()) {
         if (entry.freeSize >= length) {
           expected = entry.freeOffset;
           break;
@@ -104,7 +104,7 @@ TEST(FirstFit, FreeSpaceFiguresFollowEveryChange) {
       live.erase(live.begin() + i);
     }
     ASSERT_TRUE(hive->flush());
-    for (const auto& entry : hive->hbins()) {
+    for (const auto& entry : hive->store().hbins()) {
       const auto [size, at] = largestFree(stripe->bytes(), entry.offset, entry.size);
       ASSERT_EQ(entry.freeSize, size) << "step " << step << " hbin " << entry.offset;
       if (size) {

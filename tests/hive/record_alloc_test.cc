@@ -21,15 +21,15 @@ using hivekit::test::openImage;
 // Uses up the free space of the first hbin, so later allocations go to the
 // hbins behind it (or to a new one).
 void fillFirstHbin(RegistryHiveObj& hive) {
-  ASSERT_GT(hive.hbins()[0].freeSize, 0u);
-  const u32 free = hive.hbins()[0].freeOffset;
-  ASSERT_EQ(hive.allocateRecord(hive.hbins()[0].freeSize), free);
-  ASSERT_EQ(hive.hbins()[0].freeSize, 0u);
+  ASSERT_GT(hive.store().hbins()[0].freeSize, 0u);
+  const u32 free = hive.store().hbins()[0].freeOffset;
+  ASSERT_EQ(hive.allocateRecord(hive.store().hbins()[0].freeSize), free);
+  ASSERT_EQ(hive.store().hbins()[0].freeSize, 0u);
 }
 
 u32 lengthOf(RegistryHiveObj& hive, u32 offset, bool free) {
   u32 hbin;
-  const hive_record* r = hive.cacheLoadRecord(offset, &hbin, free);
+  const hive_record* r = hive.store().cacheLoadRecord(offset, &hbin, free);
   return r ? r->length() : 0;
 }
 
@@ -52,13 +52,13 @@ TEST_F(Growth, FullHiveGrowsByTheSmallestHbinThatHolds) {
   EXPECT_EQ(a, 4096u + 32);
   EXPECT_EQ(allocated, 4064u);
   EXPECT_EQ(hive->hiveLength(), 8192u);
-  EXPECT_EQ(hive->hbins().back().size, 4096u);
-  EXPECT_EQ(hive->hbins().back().freeSize, 0u) << "4064 bytes fill a 4096-byte hbin";
+  EXPECT_EQ(hive->store().hbins().back().size, 4096u);
+  EXPECT_EQ(hive->store().hbins().back().freeSize, 0u) << "4064 bytes fill a 4096-byte hbin";
 
   const u32 b = hive->allocateRecord(4065, &allocated);
   EXPECT_EQ(allocated, 4072u);
   EXPECT_EQ(b, 8192u + 32);
-  EXPECT_EQ(hive->hbins().back().size, 8192u);
+  EXPECT_EQ(hive->store().hbins().back().size, 8192u);
   EXPECT_EQ(lengthOf(*hive, b + 4072, true), 8192u - 32 - 4072);
   EXPECT_EQ(hive->hiveLength(), 16384u);
 
@@ -125,8 +125,8 @@ TEST_F(Layout, ExactFitLeavesNoRemainderSmallerFitMergesTheFreeSpaceBehind) {
   EXPECT_EQ(lengthOf(*hive, behind, true), 16u) << "no remainder, and the free record behind stays";
   ASSERT_EQ(hive->allocateRecord(8), c);
   EXPECT_EQ(lengthOf(*hive, c + 8, true), 24u + 16) << "remainder plus the free record behind";
-  EXPECT_EQ(hive->hbins()[1].freeSize, 40u);
-  EXPECT_EQ(hive->hbins()[1].freeOffset, c + 8);
+  EXPECT_EQ(hive->store().hbins()[1].freeSize, 40u);
+  EXPECT_EQ(hive->store().hbins()[1].freeOffset, c + 8);
 }
 
 TEST_F(Layout, ShrinkingMergesTheFreedTailWithTheFreeSpaceBehind) {
@@ -141,7 +141,7 @@ TEST_F(Layout, ShrinkingMergesTheFreedTailWithTheFreeSpaceBehind) {
   EXPECT_EQ(allocated, 16u);
   EXPECT_EQ(lengthOf(*hive, r, false), 16u);
   EXPECT_EQ(lengthOf(*hive, r + 16, true), 80u);
-  EXPECT_EQ(hive->hbins()[1].freeSize, 80u);
+  EXPECT_EQ(hive->store().hbins()[1].freeSize, 80u);
 }
 
 TEST_F(Layout, GrowingUsesTheFreeSpaceBehindOrMoves) {
@@ -204,9 +204,9 @@ TEST_F(Layout, ReadOnlyHiveRefusesEveryChange) {
   Error::set(0);
   EXPECT_TRUE(refused(!hive->writeRecord(r, data, 4, 4)));
   Error::set(0);
-  EXPECT_TRUE(refused(!hive->initRecord(r + 32, 8)));
+  EXPECT_TRUE(refused(!hive->allocator().initRecord(r + 32, 8)));
   Error::set(0);
-  EXPECT_TRUE(refused(!hive->writeHBIN(0, 100, data, 4)));
+  EXPECT_TRUE(refused(!hive->store().writeHBIN(0, 100, data, 4)));
   EXPECT_TRUE(hive->flush());
   EXPECT_EQ(stripe->bytes(), before);
 }

@@ -85,13 +85,13 @@ TEST(HbinScan, WritableHivesLearnTheLargestFreeRecord) {
   Ref<RegistryHiveObj> writable = openImage(image, 0);
   ASSERT_NE(writable->cacheLoadRecord(used), nullptr);
   ASSERT_EQ(writable->hbinCount(), 2u);
-  EXPECT_EQ(writable->hbins()[1].freeSize, 96u);
-  EXPECT_EQ(writable->hbins()[1].freeOffset, first) << "of equal free records the first wins";
+  EXPECT_EQ(writable->store().hbins()[1].freeSize, 96u);
+  EXPECT_EQ(writable->store().hbins()[1].freeOffset, first) << "of equal free records the first wins";
 
   Ref<RegistryHiveObj> readOnly = openImage(image, 1);
   ASSERT_NE(readOnly->cacheLoadRecord(used), nullptr);
-  EXPECT_EQ(readOnly->hbins()[1].freeSize, 0u);
-  EXPECT_EQ(readOnly->hbins()[1].freeOffset, 0u);
+  EXPECT_EQ(readOnly->store().hbins()[1].freeSize, 0u);
+  EXPECT_EQ(readOnly->store().hbins()[1].freeOffset, 0u);
 }
 
 TEST(RecordValidity, OffsetsThatAreNoUsedRecordStartFail) {
@@ -188,18 +188,18 @@ TEST(RecordCache, RecordStartIndexFollowsEveryBoundaryChange) {
     } else {
       // A caller freeing a record by writing its size field itself.
       const size_t i = rng() % live.size();
-      u32 hbin = hive->hbinFromOffset(live[i]);
+      u32 hbin = hive->store().hbinFromOffset(live[i]);
       const hive_record* rec = hive->cacheLoadRecord(live[i]);
       ASSERT_NE(rec, nullptr);
       u8 field[4];
       W32(field, rec->length());
-      ASSERT_TRUE(hive->writeHBIN(hbin, live[i] - hive->hbins()[hbin].offset, field, 4));
+      ASSERT_TRUE(hive->store().writeHBIN(hbin, live[i] - hive->store().hbins()[hbin].offset, field, 4));
       live.erase(live.begin() + i);
     }
     ASSERT_TRUE(hive->flush());
     const std::vector<u8>& file = stripe->bytes();
     for (u32 h = 0; h < hive->hbinCount(); ++h) {
-      const auto& entry = hive->hbins()[h];
+      const auto& entry = hive->store().hbins()[h];
       const std::vector<bool> used = usedStarts(file, entry.offset, entry.size);
       for (u32 pos = 32; pos < entry.size; pos += 8)
         ASSERT_EQ(hive->cacheLoadRecord(entry.offset + pos) != nullptr, used[pos / 8])
@@ -263,9 +263,9 @@ TEST(UnsafeMode, ServesRecordsFromTheWholeFileCopy) {
 
   Log::Capture capture(4);
   u32 hbin;
-  EXPECT_EQ(hive->cacheLoadRecord(beyond, &hbin, false), nullptr);
+  EXPECT_EQ(hive->store().cacheLoadRecord(beyond, &hbin, false), nullptr);
   EXPECT_TRUE(capture.contains("Call of internal cacheLoadRecord in unsafe mode"));
-  EXPECT_EQ(hive->hbinFromOffset(beyond), RegistryHiveObj::INVALID_HBIN);
+  EXPECT_EQ(hive->store().hbinFromOffset(beyond), RecordStore::INVALID_HBIN);
   EXPECT_TRUE(capture.contains("Call of hbinFromOffset in unsafe mode"));
   EXPECT_TRUE(hive->flush());
 }
