@@ -35,7 +35,12 @@ std::string quoteInput(std::string_view text) {
     if ((static_cast<unsigned char>(text[cut]) & 0xC0) != 0x80 && characters++ == LIMIT) break;
     ++cut;
   }
-  return "'" + std::string(text.substr(0, cut)) + (cut < text.size() ? "...'" : "'");
+  std::string out;
+  out.reserve(cut + 5);
+  out += '\'';
+  out.append(text.substr(0, cut));
+  out += cut < text.size() ? "...'" : "'";
+  return out;
 }
 
 int fail(const std::string& message) {
