@@ -12,9 +12,12 @@
 //               GUIDs those flags announce between mask and SID
 #include "hivekit/sddl.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <string>
 #include <tuple>
+#include <vector>
 
 namespace hivekit {
 
@@ -189,19 +192,64 @@ struct DomainRid {
   std::string_view name;
 };
 constexpr DomainRid DOMAIN_RIDS[] = {
-    {500, "Administrator"},   {501, "Guest"},           {502, "krbtgt"},
-    {503, "DefaultAccount"},  {504, "WDAGUtilityAccount"}, {512, "Domain Admins"},
-    {513, "Domain Users"},    {514, "Domain Guests"},   {515, "Domain Computers"},
-    {516, "Domain Controllers"}, {517, "Cert Publishers"}, {518, "Schema Admins"},
-    {519, "Enterprise Admins"}, {520, "Group Policy Creator Owners"}, {553, "RAS and IAS Servers"},
+    {500, "Administrator"},
+    {501, "Guest"},
+    {502, "krbtgt"},
+    {503, "DefaultAccount"},
+    {504, "WDAGUtilityAccount"},
+    {512, "Domain Admins"},
+    {513, "Domain Users"},
+    {514, "Domain Guests"},
+    {515, "Domain Computers"},
+    {516, "Domain Controllers"},
+    {517, "Cert Publishers"},
+    {518, "Schema Admins"},
+    {519, "Enterprise Admins"},
+    {520, "Group Policy Creator Owners"},
+    {553, "RAS and IAS Servers"},
 };
 
+// A SID as numbers (revision, authority, sub-authority count, then the
+// sub-authorities, zero behind them): the table's order and lookup key.
+using SidKey = std::array<std::uint64_t, 9>;
+
+SidKey sidKey(const Sid& sid) {
+  SidKey k{sid.revision, sid.authority, sid.sub_authorities.size()};
+  for (size_t i = 0; i < sid.sub_authorities.size(); ++i) k[3 + i] = sid.sub_authorities[i];
+  return k;
+}
+
+// "S-1-5-32-544" as numbers; the table's texts are all well formed.
+SidKey parseKey(std::string_view text) {
+  SidKey k{};
+  size_t field = 0;
+  for (size_t i = 2; i < text.size(); ++i) {
+    if (text[i] == '-') {
+      ++field;
+      continue;
+    }
+    std::uint64_t& slot = k[field < 2 ? field : field + 1];
+    slot = slot * 10 + static_cast<std::uint64_t>(text[i] - '0');
+  }
+  k[2] = field - 1;
+  return k;
+}
+
+// Looked up for every entry of every descriptor shown: by number, in a
+// table sorted once, not by the SID's text against each entry.
 const WellKnown* wellKnown(const Sid& sid) {
+  static const std::vector<std::pair<SidKey, const WellKnown*>> sorted = [] {
+    std::vector<std::pair<SidKey, const WellKnown*>> v;
+    for (const WellKnown& w : WELL_KNOWN) v.push_back({parseKey(w.sid), &w});
+    std::sort(v.begin(), v.end());
+    return v;
+  }();
   if (sid.sub_authorities.size() > 6) return nullptr;
-  const std::string text = to_string(sid);
-  for (const WellKnown& w : WELL_KNOWN)
-    if (w.sid == text) return &w;
-  return nullptr;
+  const SidKey key = sidKey(sid);
+  auto it = std::lower_bound(
+      sorted.begin(), sorted.end(), key,
+      [](const std::pair<SidKey, const WellKnown*>& e, const SidKey& k) { return e.first < k; });
+  return it != sorted.end() && it->first == key ? it->second : nullptr;
 }
 
 void appendHex(std::string& out, std::uint64_t v) {
@@ -217,14 +265,15 @@ std::string sidText(const Sid& sid) {
 
 std::string guidText(const std::array<std::uint8_t, 16>& g) {
   char b[40];
-  std::snprintf(b, sizeof b, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", g[3], g[2],
-                g[1], g[0], g[5], g[4], g[7], g[6], g[8], g[9], g[10], g[11], g[12], g[13], g[14], g[15]);
+  std::snprintf(b, sizeof b, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", g[3],
+                g[2], g[1], g[0], g[5], g[4], g[7], g[6], g[8], g[9], g[10], g[11], g[12], g[13], g[14],
+                g[15]);
   return b;
 }
 
 std::string aceTypeText(std::uint8_t type) {
-  static constexpr std::string_view NAMES[] = {"A",  "D",  "AU", "AL", "",   "OA", "OD", "OU", "OL", "XA", "XD",
-                                               "ZA", "",   "XU", "",   "",   "",   "ML", "RA", "SP", "TL", "FL"};
+  static constexpr std::string_view NAMES[] = {"A",  "D", "AU", "AL", "", "OA", "OD", "OU", "OL", "XA", "XD",
+                                               "ZA", "",  "XU", "",   "", "",   "ML", "RA", "SP", "TL", "FL"};
   if (type < std::size(NAMES) && !NAMES[type].empty()) return std::string(NAMES[type]);
   std::string s;
   appendHex(s, type);
@@ -279,7 +328,8 @@ Result<ParsedSecurityDescriptor> parse_security_descriptor(std::span<const std::
   if (sd.revision != 1) return corrupt("unknown revision " + std::to_string(sd.revision), 0);
   if (!(sd.control & SE_SELF_RELATIVE)) return corrupt("not in self-relative form", 2);
   const std::uint32_t owner = r.u32(4), group = r.u32(8), sacl = r.u32(12), dacl = r.u32(16);
-  for (auto [offset, slot, field] : {std::tuple{owner, &sd.owner, size_t{4}}, std::tuple{group, &sd.group, size_t{8}}}) {
+  for (auto [offset, slot, field] :
+       {std::tuple{owner, &sd.owner, size_t{4}}, std::tuple{group, &sd.group, size_t{8}}}) {
     if (offset == 0) continue;
     if (offset < HEADER_SIZE) return corrupt("a SID offset points into the header", field);
     size_t length = 0;
@@ -289,7 +339,8 @@ Result<ParsedSecurityDescriptor> parse_security_descriptor(std::span<const std::
   }
   sd.dacl_present = sd.control & SE_DACL_PRESENT;
   sd.sacl_present = sd.control & SE_SACL_PRESENT;
-  for (auto [present, offset, slot] : {std::tuple{sd.dacl_present, dacl, &sd.dacl}, std::tuple{sd.sacl_present, sacl, &sd.sacl}}) {
+  for (auto [present, offset, slot] :
+       {std::tuple{sd.dacl_present, dacl, &sd.dacl}, std::tuple{sd.sacl_present, sacl, &sd.sacl}}) {
     if (!present || offset == 0) continue;
     Acl acl;
     if (Status s = parseAcl(r, offset, acl); !s) return s;
@@ -346,11 +397,11 @@ std::string rights_string(std::uint32_t mask, std::uint8_t ace_type) {
   // Whole masks with a name of their own: files, then registry keys.
   static constexpr Right WHOLE[] = {{0x1F01FF, "FA"}, {0x120089, "FR"}, {0x120116, "FW"}, {0x1200A0, "FX"},
                                     {0xF003F, "KA"},  {0x20019, "KR"},  {0x20006, "KW"}};
-  static constexpr Right BITS[] = {{0x10000000, "GA"}, {0x80000000, "GR"}, {0x40000000, "GW"}, {0x20000000, "GX"},
-                                   {0x1, "CC"},        {0x2, "DC"},        {0x4, "LC"},        {0x8, "SW"},
-                                   {0x10, "RP"},       {0x20, "WP"},       {0x40, "DT"},       {0x80, "LO"},
-                                   {0x100, "CR"},      {0x10000, "SD"},    {0x20000, "RC"},    {0x40000, "WD"},
-                                   {0x80000, "WO"}};
+  static constexpr Right BITS[] = {
+      {0x10000000, "GA"}, {0x80000000, "GR"}, {0x40000000, "GW"}, {0x20000000, "GX"}, {0x1, "CC"},
+      {0x2, "DC"},        {0x4, "LC"},        {0x8, "SW"},        {0x10, "RP"},       {0x20, "WP"},
+      {0x40, "DT"},       {0x80, "LO"},       {0x100, "CR"},      {0x10000, "SD"},    {0x20000, "RC"},
+      {0x40000, "WD"},    {0x80000, "WO"}};
   static constexpr Right LABEL_BITS[] = {{0x1, "NW"}, {0x2, "NR"}, {0x4, "NX"}};
   std::string out;
   if (ace_type == 0x11) {

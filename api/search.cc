@@ -17,11 +17,22 @@ namespace detail {
 using Ranges = std::vector<std::pair<char32_t, char32_t>>;
 
 struct Instruction {
-  enum Op : std::uint8_t { character, any, set, split, jump, assert_start, assert_end, word, not_word, match };
+  enum Op : std::uint8_t {
+    character,
+    any,
+    set,
+    split,
+    jump,
+    assert_start,
+    assert_end,
+    word,
+    not_word,
+    match
+  };
   Instruction(Op o, bool n = false, char32_t ch = 0) : op(o), negated(n), c(ch) {}
   Op op;
-  bool negated;  // set
-  char32_t c;    // character
+  bool negated;                // set
+  char32_t c;                  // character
   std::uint32_t x = 0, y = 0;  // split: both targets (x preferred); jump: x; set: index
 };
 
@@ -117,8 +128,9 @@ Ranges complement(Ranges r) {
 
 const Ranges DIGITS = {{'0', '9'}};
 const Ranges WORDS = {{'0', '9'}, {'A', 'Z'}, {'_', '_'}, {'a', 'z'}};
-const Ranges SPACES = {{'\t', '\r'}, {' ', ' '},       {0xA0, 0xA0},     {0x1680, 0x1680}, {0x2000, 0x200A},
-                       {0x2028, 0x2029}, {0x202F, 0x202F}, {0x205F, 0x205F}, {0x3000, 0x3000}, {0xFEFF, 0xFEFF}};
+const Ranges SPACES = {{'\t', '\r'},     {' ', ' '},       {0xA0, 0xA0},     {0x1680, 0x1680},
+                       {0x2000, 0x200A}, {0x2028, 0x2029}, {0x202F, 0x202F}, {0x205F, 0x205F},
+                       {0x3000, 0x3000}, {0xFEFF, 0xFEFF}};
 
 bool contains(const Ranges& r, char32_t c) {
   auto it = std::upper_bound(r.begin(), r.end(), std::pair<char32_t, char32_t>(c, 0x10FFFF));
@@ -151,9 +163,8 @@ class Parser {
 
  private:
   Status error(const std::string& what) const {
-    return Status(Code::invalid_argument,
-                  "pattern " + std::string(_text.substr(0, 200)) + ": " + what + " at character " +
-                      std::to_string(_at + 1));
+    return Status(Code::invalid_argument, "pattern " + std::string(_text.substr(0, 200)) + ": " + what +
+                                              " at character " + std::to_string(_at + 1));
   }
   bool more() const { return _at < _text.size(); }
   char peek() const { return _text[_at]; }
@@ -244,7 +255,8 @@ class Parser {
   Status hexDigits(int count, char32_t& out) {
     out = 0;
     for (int i = 0; i < count; ++i) {
-      if (!more() || !std::isxdigit(static_cast<unsigned char>(peek()))) return error("a short \\x or \\u escape");
+      if (!more() || !std::isxdigit(static_cast<unsigned char>(peek())))
+        return error("a short \\x or \\u escape");
       const char c = _text[_at++];
       out = out * 16 + static_cast<char32_t>(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10);
     }
@@ -259,23 +271,51 @@ class Parser {
     if (!more()) return error("a pattern ending in \\");
     const char e = _text[_at++];
     switch (e) {
-      case 'd': ranges = DIGITS, isSet = true; return Status();
-      case 'D': ranges = complement(DIGITS), isSet = true; return Status();
-      case 'w': ranges = WORDS, isSet = true; return Status();
-      case 'W': ranges = complement(WORDS), isSet = true; return Status();
-      case 's': ranges = SPACES, isSet = true; return Status();
-      case 'S': ranges = complement(SPACES), isSet = true; return Status();
-      case 't': c = '\t'; return Status();
-      case 'n': c = '\n'; return Status();
-      case 'r': c = '\r'; return Status();
-      case 'f': c = '\f'; return Status();
-      case 'v': c = '\v'; return Status();
-      case '0': c = 0; return Status();
-      case 'x': return hexDigits(2, c);
-      case 'u': return hexDigits(4, c);
+      case 'd':
+        ranges = DIGITS, isSet = true;
+        return Status();
+      case 'D':
+        ranges = complement(DIGITS), isSet = true;
+        return Status();
+      case 'w':
+        ranges = WORDS, isSet = true;
+        return Status();
+      case 'W':
+        ranges = complement(WORDS), isSet = true;
+        return Status();
+      case 's':
+        ranges = SPACES, isSet = true;
+        return Status();
+      case 'S':
+        ranges = complement(SPACES), isSet = true;
+        return Status();
+      case 't':
+        c = '\t';
+        return Status();
+      case 'n':
+        c = '\n';
+        return Status();
+      case 'r':
+        c = '\r';
+        return Status();
+      case 'f':
+        c = '\f';
+        return Status();
+      case 'v':
+        c = '\v';
+        return Status();
+      case '0':
+        c = 0;
+        return Status();
+      case 'x':
+        return hexDigits(2, c);
+      case 'u':
+        return hexDigits(4, c);
       case 'b':
-        if (inClass) c = '\b';
-        else assertion = Node::word;
+        if (inClass)
+          c = '\b';
+        else
+          assertion = Node::word;
         return Status();
       case 'B':
         if (inClass) return error("\\B inside [...]");
@@ -502,15 +542,28 @@ class Compiler {
 // character of the text is tested against it. False when the sets are too
 // large for that.
 bool foldSets(PatternProgram& p) {
-  size_t work = 0;
+  // The characters below U+10000 whose upper-case form differs, with it,
+  // in order: a set takes the images of those it holds, found by search
+  // rather than by folding each of its members.
+  static const std::vector<std::pair<char32_t, char32_t>> cased = [] {
+    std::vector<std::pair<char32_t, char32_t>> v;
+    for (char32_t c = 0; c < 0x10000; ++c)
+      if (fold(c) != c) v.push_back({c, fold(c)});
+    return v;
+  }();
+  size_t work = 0;  // members looked at, as if folded one by one
   for (Ranges& r : p.sets) {
     Ranges images;
     for (const auto& [lo, hi] : r) {
-      for (char32_t c = lo; c <= hi && c < 0x10000; ++c) {
-        if (++work > MAX_FOLD_WORK) return false;
-        const char32_t u = fold(c);
-        if (u != c) images.push_back({u, u});
-      }
+      if (lo >= 0x10000 || hi < lo) continue;
+      const char32_t top = std::min<char32_t>(hi, 0xFFFF);
+      work += top - lo + 1;
+      if (work > MAX_FOLD_WORK) return false;
+      auto it = std::lower_bound(cased.begin(), cased.end(), std::pair<char32_t, char32_t>{lo, 0});
+      // An image inside the range is there already: a wide set (a negated
+      // one, \W) would otherwise add and sort a thousand of them.
+      for (; it != cased.end() && it->first <= top; ++it)
+        if (it->second < lo || it->second > hi) images.push_back({it->second, it->second});
     }
     r.insert(r.end(), images.begin(), images.end());
     normalize(r);
@@ -556,8 +609,7 @@ const std::string& Pattern::expression() const noexcept {
 }
 
 Result<Pattern> Pattern::compile(std::string_view expression, bool ignore_case) {
-  if (expression.size() > MAX_EXPRESSION)
-    return Status(Code::too_large, "a pattern of more than 4096 bytes");
+  if (expression.size() > MAX_EXPRESSION) return Status(Code::too_large, "a pattern of more than 4096 bytes");
   auto program = std::make_shared<PatternProgram>();
   program->expression = std::string(expression);
   program->ignoreCase = ignore_case;
@@ -619,7 +671,8 @@ Result<bool> Pattern::search(std::string_view text) const {
             break;
           case Instruction::word:
           case Instruction::not_word:
-            if ((isWord(previous) != (!atEnd && isWord(c))) == (in.op == Instruction::word)) work.push_back(pc + 1);
+            if ((isWord(previous) != (!atEnd && isWord(c))) == (in.op == Instruction::word))
+              work.push_back(pc + 1);
             break;
           case Instruction::match:
             return true;

@@ -43,6 +43,9 @@ struct WalkLimits {
   // that walks the same bytes twice (a hive and its reopened or recovered
   // copy) does them once.
   bool wholeHive = true;
+  // Of those, the scan for deleted records (the costliest): a target may
+  // leave it to some of its runs and spend the others on other checks.
+  bool deletedScan = true;
 };
 
 // The public diff of the hive against itself: nothing differs, but every
@@ -66,7 +69,7 @@ inline void diffWithItself(const Ref<HiveFile>& hive, const WalkLimits& limits) 
 // then every page image of the logs, for previous versions.
 inline void scanDeletedRecords(const Ref<HiveFile>& hive, const WalkLimits& limits) {
   Ref<Libraries::Files::Hive::RegistryHiveObj> obj = hive.cast<Libraries::Files::Hive::RegistryHiveObj>();
-  if (!obj || !limits.wholeHive) return;
+  if (!obj || !limits.wholeHive || !limits.deletedScan) return;
   u32 seen = 0;
   u64 sum = 0;
   auto visit = [&](const Libraries::Files::Hive::DeletedItem& item) {

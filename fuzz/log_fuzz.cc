@@ -13,7 +13,8 @@
 //             comes before LOG1
 //   then LOG1, and the rest is LOG2
 //   bit 6    compare the last hive of the run with itself through the
-//            public diff (one expensive check per run, not every one)
+//            public diff, instead of scanning for deleted records (one
+//            expensive check per run, not both)
 //   bit 7    the made hive holds a db value spread over several hbins
 //            (several times the size: most runs take the small one)
 // The repairs let the fuzzer reach entry replay instead of dying on the
@@ -132,7 +133,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!h) return 0;
     // The whole-hive checks once per run: on the hive as opened when that
     // is all there is, else on what the writer left.
-    walkHive(h, {3000, 4096, 1u << 16, 0, (mode & 0x1) != 0});
+    walkHive(h, {3000, 4096, 1u << 16, 0, (mode & 0x1) != 0, diffed == 0});
     if (mode & 0x1) {
       Ref<MemoryStripe> copy = MemoryStripe::create();
       Ref<Hive::RegistryHiveObj> obj = h.cast<Hive::RegistryHiveObj>();
@@ -149,6 +150,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   // The file and logs as the writer left them must open again.
   Ref<HiveFile> again = HiveFile::open(MemoryStripe::create(file->bytes()), logs, 0x1, Hive::latin1, {});
-  if (again) walkHive(again, {3000, 4096, 1u << 16, diffed});
+  if (again) walkHive(again, {3000, 4096, 1u << 16, diffed, true, diffed == 0});
   return 0;
 }

@@ -7,12 +7,13 @@
 //   flush into the in-memory stripe, and a read-only walk of the result);
 // bit 2 adds linear fallback in subkey search, bits 3-4 pick the codepage;
 // read-only: bit 5 exports the hive as registry text, with the options in
-// bits 6-7, instead of comparing it with itself through the public diff;
-// writable: bit 5 walks the hive again after the flush, bit 6 compares the
-// reopened result with itself.
+// bits 6-7; without it, bit 6 scans for deleted records, else the hive is
+// compared with itself through the public diff;
+// writable: bit 5 walks the hive again after the flush; bit 6 compares the
+// reopened result with itself, else scans it for deleted records.
 //
-// Each run does one of the expensive checks (diff, export, second walk),
-// not all: a run costs less, and more runs cover more.
+// Each run does one of the expensive checks (diff, export, deleted-record
+// scan), not all: a run costs less, and more runs cover more.
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -39,7 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Ref<HiveFile> hive = HiveFile::open(stripe, mode, codepage, {});
     if (!hive) return 0;
     WalkLimits limits;
-    if (selector & 0x20) limits.maxDiffed = 0;
+    if (selector & 0x60) limits.maxDiffed = 0;
+    limits.deletedScan = (selector & 0x60) == 0x40;
     walkHive(hive, limits);
     // What `hivekit export` does with a damaged hive.
     if (selector & 0x20) {
@@ -69,6 +71,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // What a writer left behind must open again (or be refused cleanly).
   Ref<MemoryStripe> again = MemoryStripe::create(stripe->bytes());
   if (Ref<HiveFile> reopened = HiveFile::open(again, 0x1, codepage, {}))
-    walkHive(reopened, {2000, 4096, 1u << 16, (selector & 0x40) ? u64{1} << 20 : 0});
+    walkHive(reopened,
+             {2000, 4096, 1u << 16, (selector & 0x40) ? u64{1} << 20 : 0, true, !(selector & 0x40)});
   return 0;
 }

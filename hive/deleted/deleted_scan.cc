@@ -60,6 +60,11 @@ class Scanner {
   bool valueAt(u32 offset, ValueRecord& value) const;
 
   bool scanPass(bool keys);
+  // The granules of [from, to), which no live record uses, in `region`
+  // (whose bytes are `bytes` when they stand together).
+  bool scanFree(const Region& region, const u8* bytes, u32 from, u32 to, bool keys);
+  // The record of the pass's kinds that may start at `at`, delivered.
+  bool candidate(u32 at, u16 signature, bool keys);
   bool livePath(u32 nk, std::vector<std::u16string>& out);
   void pathTo(u32 parent, DeletedItem& item);
   bool emitKey(u32 offset, const KeyRecord& key, const u8* bytes);
@@ -141,29 +146,51 @@ bool Scanner::scanPass(bool keys) {
   for (const Region& region : _regions) {
     // The region's bytes at once; only candidates read more.
     const u8* bytes = _hive.binsBytes(region.start, region.end - region.start);
-    for (u32 at = _live.nextUnused(region.dataStart, region.end); at + GRANULE <= region.end;
-         at = _live.nextUnused(at + GRANULE, region.end)) {
-      const u8* sig = bytes ? bytes + (at - region.start) + 4 : _hive.binsBytes(at + 4, 2);
-      const u16 signature = sig ? B16(sig) : 0;
-      bool ok = true;
-      if (keys && signature == N::SIGNATURE) {
-        KeyRecord key;
-        const u8* bytes = nullptr;
-        if (keyAt(at, key, bytes)) ok = emitKey(at, key, bytes);
-      } else if (!keys && signature == VK::SIGNATURE && !claimed(at)) {
-        ValueRecord value;
-        if (valueAt(at, value)) {
-          std::vector<std::u16string> path;
-          const u32 owner = _live.formerOwner(at);
-          const bool orphan = owner == INVALID_RECORD || !livePath(owner, path);
-          ok = emitValue(value, orphan ? std::vector<std::u16string>{} : path, orphan);
-        }
-      } else if (!keys && signature == SK::SIGNATURE) {
-        ok = emitSecurity(at);
-      }
-      if (!ok) return false;
+    for (u32 at = _live.nextUnused(region.dataStart, region.end); at + GRANULE <= region.end;) {
+      const u32 to = _live.nextUsed(at, region.end);
+      if (!scanFree(region, bytes, at, to, keys)) return false;
+      at = _live.nextUnused(to, region.end);
     }
   }
+  return true;
+}
+
+bool Scanner::scanFree(const Region& region, const u8* bytes, u32 from, u32 to, bool keys) {
+  const u32 limit = std::min(to, region.end - GRANULE + 1);  // granules that fit in the region
+  for (u32 at = from; at < limit; at += GRANULE) {
+    if (bytes) {
+      // Every signature looked for ends in 'k' (nk, vk, sk): skip to the
+      // next one at a granule's sixth byte without testing each granule,
+      // which is most of the scan on a hive with much free space.
+      const void* k = std::memchr(bytes + (at - region.start) + 5, 'k', limit - at);
+      if (!k) return true;
+      at = region.start + static_cast<u32>(static_cast<const u8*>(k) - bytes) - 5;
+      if (at % GRANULE != 0) {
+        at -= at % GRANULE;  // not at a granule's signature: on from the next
+        continue;
+      }
+    }
+    const u8* sig = bytes ? bytes + (at - region.start) + 4 : _hive.binsBytes(at + 4, 2);
+    if (sig && !candidate(at, B16(sig), keys)) return false;
+  }
+  return true;
+}
+
+bool Scanner::candidate(u32 at, u16 signature, bool keys) {
+  if (keys && signature == N::SIGNATURE) {
+    KeyRecord key;
+    const u8* bytes = nullptr;
+    return !keyAt(at, key, bytes) || emitKey(at, key, bytes);
+  }
+  if (!keys && signature == VK::SIGNATURE && !claimed(at)) {
+    ValueRecord value;
+    if (!valueAt(at, value)) return true;
+    std::vector<std::u16string> path;
+    const u32 owner = _live.formerOwner(at);
+    const bool orphan = owner == INVALID_RECORD || !livePath(owner, path);
+    return emitValue(value, orphan ? std::vector<std::u16string>{} : path, orphan);
+  }
+  if (!keys && signature == SK::SIGNATURE) return emitSecurity(at);
   return true;
 }
 

@@ -60,6 +60,20 @@ u32 LiveRecords::nextUnused(u32 offset, u32 end) const {
   return end;
 }
 
+u32 LiveRecords::nextUsed(u32 offset, u32 end) const {
+  const u64 stop = std::min<u64>(end, _length);
+  for (u64 g = offset / GRANULE; g * GRANULE < stop;) {
+    const u64 used = _bits[g / 64] >> (g % 64);
+    if (used == 0) {
+      g = (g / 64 + 1) * 64;
+      continue;
+    }
+    g += static_cast<u64>(__builtin_ctzll(used));
+    return g * GRANULE < stop ? static_cast<u32>(g * GRANULE) : end;
+  }
+  return end;
+}
+
 u32 LiveRecords::parentOf(u32 nk) const {
   auto it = _parents.find(nk);
   return it == _parents.end() ? INVALID_RECORD : it->second;

@@ -77,6 +77,10 @@ class LiveRecords {
   // of GRANULE) and below `end` that no live record uses; `end` when there
   // is none. Skips live stretches a word of marks at a time.
   u32 nextUnused(u32 offset, u32 end) const;
+  // The first multiple of GRANULE at or after `offset` and below `end`
+  // that a live record uses; `end` when there is none. With nextUnused it
+  // splits the hive bins data into free stretches.
+  u32 nextUsed(u32 offset, u32 end) const;
 
   // The key at `nk` was reached by the walk; its parent as reached (the
   // root's parent is INVALID_RECORD).

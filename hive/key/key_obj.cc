@@ -1,5 +1,7 @@
 #include "hive/key/key_obj.h"
 
+#include <cstring>
+
 #include "hive/entry_checks.h"
 #include "platform/check.h"
 #include "platform/error.h"
@@ -13,7 +15,7 @@ KeyObj::KeyObj(Ref<RegistryHiveObj> hive, u32 offset, Ref<KeyObj> parent)
   KeyRecord rec;
   const hive_record* hr = nullptr;
   if (!readKeyRecord(*_hive, offset, rec, &hr)) return;
-  for (u32 i = 0; i < hive_record_nk::HEADER_SIZE; ++i) _header[i] = hr->bytes()[i];
+  std::memcpy(_header, hr->bytes(), hive_record_nk::HEADER_SIZE);
   // The name is decoded when first asked for (nameRef): a walk never asks.
   if (!_parent) _name = String::empty();
   _numOfKeys = rec.numKeys;
