@@ -45,30 +45,17 @@ bool LiveRecords::touches(u32 offset, u32 length) const {
   return false;
 }
 
-u32 LiveRecords::nextUnused(u32 offset, u32 end) const {
+u32 LiveRecords::nextMarked(u32 offset, u32 end, bool used) const {
   const u64 stop = std::min<u64>(end, _length);
   for (u64 g = offset / GRANULE; g * GRANULE < stop;) {
-    // Unmarked granules from g on to the end of its word.
-    const u64 free = ~_bits[g / 64] >> (g % 64);
-    if (free == 0) {
+    // Granules of the kind asked for, from g on to the end of its word.
+    const u64 word = used ? _bits[g / 64] : ~_bits[g / 64];
+    const u64 wanted = word >> (g % 64);
+    if (wanted == 0) {
       g = (g / 64 + 1) * 64;
       continue;
     }
-    g += static_cast<u64>(__builtin_ctzll(free));
-    return g * GRANULE < stop ? static_cast<u32>(g * GRANULE) : end;
-  }
-  return end;
-}
-
-u32 LiveRecords::nextUsed(u32 offset, u32 end) const {
-  const u64 stop = std::min<u64>(end, _length);
-  for (u64 g = offset / GRANULE; g * GRANULE < stop;) {
-    const u64 used = _bits[g / 64] >> (g % 64);
-    if (used == 0) {
-      g = (g / 64 + 1) * 64;
-      continue;
-    }
-    g += static_cast<u64>(__builtin_ctzll(used));
+    g += static_cast<u64>(__builtin_ctzll(wanted));
     return g * GRANULE < stop ? static_cast<u32>(g * GRANULE) : end;
   }
   return end;

@@ -76,11 +76,11 @@ class LiveRecords {
   // The first multiple of GRANULE at or after `offset` (itself a multiple
   // of GRANULE) and below `end` that no live record uses; `end` when there
   // is none. Skips live stretches a word of marks at a time.
-  u32 nextUnused(u32 offset, u32 end) const;
+  u32 nextUnused(u32 offset, u32 end) const { return nextMarked(offset, end, false); }
   // The first multiple of GRANULE at or after `offset` and below `end`
   // that a live record uses; `end` when there is none. With nextUnused it
   // splits the hive bins data into free stretches.
-  u32 nextUsed(u32 offset, u32 end) const;
+  u32 nextUsed(u32 offset, u32 end) const { return nextMarked(offset, end, true); }
 
   // The key at `nk` was reached by the walk; its parent as reached (the
   // root's parent is INVALID_RECORD).
@@ -111,6 +111,9 @@ class LiveRecords {
                    std::vector<std::u16string>& out) const;
 
  private:
+  // The first multiple of GRANULE from `offset` below `end` whose mark is
+  // `used`; `end` when there is none. A word of marks at a time.
+  u32 nextMarked(u32 offset, u32 end, bool used) const;
   void mark(u32 offset, u32 length);
   // Marks a record's used part: `used` bytes, cut to its cell.
   void markRecord(u32 offset, u64 used);
