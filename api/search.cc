@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <utility>
 
 #include "platform/string.h"
 
@@ -270,43 +271,22 @@ class Parser {
     assertion = Node::empty;
     if (!more()) return error("a pattern ending in \\");
     const char e = _text[_at++];
+    // \d \w \s and their complements \D \W \S.
+    static const std::pair<char, const Ranges*> CLASSES[] = {{'d', &DIGITS}, {'w', &WORDS}, {'s', &SPACES}};
+    for (const auto& [letter, set] : CLASSES) {
+      if (e != letter && e != letter - 'a' + 'A') continue;
+      ranges = e == letter ? *set : complement(*set);
+      isSet = true;
+      return Status();
+    }
+    static constexpr std::pair<char, char32_t> CHARACTERS[] = {{'t', '\t'}, {'n', '\n'}, {'r', '\r'},
+                                                               {'f', '\f'}, {'v', '\v'}, {'0', 0}};
+    for (const auto& [letter, character] : CHARACTERS) {
+      if (e != letter) continue;
+      c = character;
+      return Status();
+    }
     switch (e) {
-      case 'd':
-        ranges = DIGITS, isSet = true;
-        return Status();
-      case 'D':
-        ranges = complement(DIGITS), isSet = true;
-        return Status();
-      case 'w':
-        ranges = WORDS, isSet = true;
-        return Status();
-      case 'W':
-        ranges = complement(WORDS), isSet = true;
-        return Status();
-      case 's':
-        ranges = SPACES, isSet = true;
-        return Status();
-      case 'S':
-        ranges = complement(SPACES), isSet = true;
-        return Status();
-      case 't':
-        c = '\t';
-        return Status();
-      case 'n':
-        c = '\n';
-        return Status();
-      case 'r':
-        c = '\r';
-        return Status();
-      case 'f':
-        c = '\f';
-        return Status();
-      case 'v':
-        c = '\v';
-        return Status();
-      case '0':
-        c = 0;
-        return Status();
       case 'x':
         return hexDigits(2, c);
       case 'u':
