@@ -68,12 +68,10 @@ int writeData(const Value& v, bool dump) {
       return fail("cannot read the data of the value", piece.status());
     }
     if (piece->size() == 0) break;
-    const std::string_view bytes(reinterpret_cast<const char*>(piece->data()), piece->size());
-    if (dump) {
+    if (dump)
       o.put(hexDump(piece->data(), piece->size(), at));
-    } else {
-      o.put(bytes);
-    }
+    else
+      o.put(std::string_view(reinterpret_cast<const char*>(piece->data()), piece->size()));
     if (!o.flush()) return o.reportFailure();
     at += static_cast<uint32_t>(piece->size());
     if (piece->size() < PIECE) break;
@@ -123,6 +121,8 @@ int runGet(Context& ctx) {
     return print(out + "\n");
   }
   Result<std::string> text = typed(*v, type);
+  if (!text && text.status().code() == Code::corrupt)
+    return fail("cannot read the data of the value", text.status());
   if (!text) {
     if (type == ValueType::sz || type == ValueType::expand_sz || type == ValueType::multi_sz ||
         type == ValueType::dword || type == ValueType::dword_big_endian || type == ValueType::qword)
