@@ -139,7 +139,7 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
       }
       // Skipping over entries that fail, as a listing does, from the back.
       const u32 count = values->count();
-      for (u32 i = 0; i < 64 && i < count && budget > 0; ++i, --budget) {
+      for (u32 i = 0; i < 8 && i < count && budget > 0; ++i, --budget) {
         values->seek(count - 1 - i);
         (void)values->next();
       }

@@ -6,14 +6,14 @@
 //   3 writable (then a few changes driven by the image's last bytes, a
 //   flush into the in-memory stripe, and a read-only walk of the result);
 // bit 2 adds linear fallback in subkey search, bits 3-4 pick the codepage;
-// read-only: bit 5 exports the hive as registry text, with the options in
-// bits 6-7; without it, bit 6 scans for deleted records, else the hive is
-// compared with itself through the public diff;
-// writable: bit 5 walks the hive again after the flush; bit 6 compares the
-// reopened result with itself, else scans it for deleted records.
-//
-// Each run does one of the expensive checks (diff, export, deleted-record
-// scan), not all: a run costs less, and more runs cover more.
+// read-only: bits 5-6 pick the check after the walk: 0 decodes every
+// security descriptor, 1 exports the hive as registry text (bits 7 and 2
+// pick the options), 2 scans for deleted records, 3 compares the hive with
+// itself through the public diff;
+// writable: bit 5 walks the hive again after the flush; bits 5-6 pick the
+// check of the reopened result: 2 compares it with itself, 3 scans it for
+// deleted records, 0-1 walk it only (those checks cost more than the rest
+// of a writable run together).
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -39,15 +39,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Ref<MemoryStripe> stripe = MemoryStripe::create(std::move(image));
     Ref<HiveFile> hive = HiveFile::open(stripe, mode, codepage, {});
     if (!hive) return 0;
+    // One costly check per run at most: a run costs less, and more runs
+    // cover more.
+    const u32 check = (selector >> 5) & 3;
     WalkLimits limits;
-    if (selector & 0x60) limits.maxDiffed = 0;
-    limits.deletedScan = (selector & 0x60) == 0x40;
+    limits.maxDiffed = check == 3 ? limits.maxDiffed : 0;
+    limits.wholeHive = check == 0 || check == 2;
+    limits.deletedScan = check == 2;
     walkHive(hive, limits);
     // What `hivekit export` does with a damaged hive.
-    if (selector & 0x20) {
+    if (check == 1) {
+      using Libraries::Files::Hive::RegFileUtil;
+      static const RegFileUtil::ExportOptions kOptions[] = {0, RegFileUtil::BinaryOnly, RegFileUtil::Raw,
+                                                            RegFileUtil::BinaryOnly | RegFileUtil::Raw};
       Ref<MemoryStripe> text = MemoryStripe::create();
-      (void)Libraries::Files::Hive::RegFileUtil::exportRegFile(
-          hive->root(), text, String::create("HKEY_X"), (selector >> 6) & 3, [](const std::string&) {});
+      (void)RegFileUtil::exportRegFile(hive->root(), text, String::create("HKEY_X"),
+                                       kOptions[(selector >> 7) | ((selector >> 1) & 2)], [](const std::string&) {});
     }
     return 0;
   }
@@ -63,15 +70,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!hive) return 0;
     // The whole-hive checks (deleted-record scan, descriptors) run on the
     // reopened result only: the read-only modes do them on damaged input.
-    walkHive(hive, {2000, 4096, 1u << 16, 0, false});
+    walkHive(hive, {1000, 4096, 1u << 16, 0, false});
     mutateHive(hive, ops, 24);
     (void)hive->flush();
     if (selector & 0x20) walkHive(hive, {2000, 4096, 1u << 16, 0, false});
   }
   // What a writer left behind must open again (or be refused cleanly).
   Ref<MemoryStripe> again = MemoryStripe::create(stripe->bytes());
-  if (Ref<HiveFile> reopened = HiveFile::open(again, 0x1, codepage, {}))
-    walkHive(reopened,
-             {2000, 4096, 1u << 16, (selector & 0x40) ? u64{1} << 20 : 0, true, !(selector & 0x40)});
+  if (Ref<HiveFile> reopened = HiveFile::open(again, 0x1, codepage, {})) {
+    const u32 check = (selector >> 5) & 3;  // 2: diff, 3: deleted records
+    walkHive(reopened, {2000, 4096, 1u << 16, check == 2 ? u64{1} << 20 : 0, check == 3, check == 3});
+  }
   return 0;
 }

@@ -13,9 +13,10 @@
 //     separators collapsed and the ends trimmed, for the text itself and
 //     for its conversion to backslash form;
 //   - a key that openOrCreatePath hands back is what openPath finds next;
-//   - an openOrCreatePath that fails leaves the tree as it was (counted
-//     below the deepest existing key: creation changes nothing else);
-//   - deleting the first level it created restores the tree;
+//   - an openOrCreatePath that fails leaves the deepest existing key with
+//     the subkeys it had; one that succeeds adds a single chain of keys
+//     there, one per missing level;
+//   - deleting the first level it created restores the subkey count;
 //   - the hive's own path lookup finds what openPath finds, whenever no
 //     name of the path holds a slash.
 #include <cstddef>
@@ -68,22 +69,26 @@ void checkRoundTrip(const Ref<String>& windows) {
   check(back != nullptr && back->units() == collapse(windows->units()));
 }
 
-// Keys reachable from the root, up to a bound well above what a run makes.
-u32 countKeys(const Ref<Key>& root) {
-  u32 count = 0;
-  std::vector<Ref<Key>> stack{root};
-  while (!stack.empty() && count < 100000) {
-    Ref<Key> key = stack.back();
-    stack.pop_back();
-    ++count;
-    Ref<Interfaces::Config::Hive::KeyIterator> it = key->keyIterator();
-    while (it) {
-      Ref<Key> child = it->next();
-      if (!child) break;
-      stack.push_back(child);
-    }
+// Direct subkeys of a key (0 when it has no list).
+u32 subkeyCount(const Ref<Key>& key) {
+  Ref<Interfaces::Config::Hive::KeyIterator> it = key->keyIterator();
+  return it ? it->count() : 0;
+}
+
+// Levels below `top` that each have exactly one subkey, down to a key with
+// none: what one creation of a path makes. Returns that last key and its
+// depth (1 for `top` itself), or null when some level branches.
+Ref<Key> singleChain(Ref<Key> top, size_t& depth) {
+  depth = 1;
+  while (top && depth <= 4096) {
+    Ref<Interfaces::Config::Hive::KeyIterator> it = top->keyIterator();
+    const u32 count = it ? it->count() : 0;
+    if (count == 0) return top;
+    if (count != 1) return nullptr;
+    top = it->next();
+    ++depth;
   }
-  return count;
+  return nullptr;
 }
 
 // A small hive with names holding the characters the conversions treat
@@ -172,13 +177,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   if (!path->isEmpty()) check((existing == parts.size()) == (opened != nullptr));
 
-  // Creation only adds below the deepest key that exists, so counting that
-  // subtree tells whether the tree changed: only when the path is not
-  // there yet.
-  const u32 before = opened ? 0 : countKeys(lastExisting);
+  // Creation only adds below the deepest key that exists, and only one
+  // chain of new keys: that key's subkey count and the chain below it tell
+  // whether the tree changed, without walking the rest.
+  const u32 before = subkeyCount(lastExisting);
   Ref<Key> created = Util::openOrCreatePath(root, path);
   if (!created) {
-    check(opened == nullptr && countKeys(lastExisting) == before);
+    check(opened == nullptr && subkeyCount(lastExisting) == before);
     return 0;
   }
   if (opened) {
@@ -187,18 +192,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   Ref<Key> again = Util::openPath(root, path);
   check(again && Util::keyId(again) == Util::keyId(created));
-  check(countKeys(lastExisting) == before + (parts.size() - existing));
+  check(subkeyCount(lastExisting) == before + 1);
 
   Ref<Key> first = lastExisting->key(parts[existing]);
   check(first != nullptr);
+  size_t depth = 0;
+  Ref<Key> last = singleChain(first, depth);
+  check(last && depth == parts.size() - existing && Util::keyId(last) == Util::keyId(created));
   check(Util::recursiveKeyDelete(lastExisting, first));
-  check(countKeys(lastExisting) == before && !Util::openPath(root, path));
+  check(subkeyCount(lastExisting) == before && !Util::openPath(root, path));
   if (selector & 32) {
-    // What the writer left must open again with the same keys.
-    const u32 all = countKeys(root);
+    // What the writer left must open again: the keys above the path are
+    // there, the path is not, and the deepest existing key has as many
+    // subkeys as before.
     check(hive->flush());
     Ref<HiveFile> reopened = HiveFile::open(MemoryStripe::create(stripe->bytes()), 0x1, codepage, {});
-    check(reopened && countKeys(reopened->root()) == all);
+    check(reopened != nullptr);
+    Ref<Key> k = reopened->root();
+    for (size_t i = 0; k && i < existing; ++i) k = k->key(parts[i]);
+    check(k && subkeyCount(k) == before && !Util::openPath(reopened->root(), path));
   }
   return 0;
 }

@@ -1,6 +1,7 @@
 #include "platform/log.h"
 
 #include <atomic>
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <iomanip>
@@ -125,9 +126,24 @@ void Capture::clear() {
   _state->messages.clear();
 }
 
-Line& Line::operator<<(const std::u16string& v) {
-  if (_s) *_s << utf16ToUtf8(v);
-  return *this;
+void Line::append(const std::u16string& v) { _text += utf16ToUtf8(v); }
+
+void Line::appendUnsigned(unsigned long long v) {
+  char digits[24];
+  auto [end, ec] = std::to_chars(digits, digits + sizeof digits, v);
+  _text.append(digits, end);
+}
+
+void Line::appendSigned(long long v) {
+  char digits[24];
+  auto [end, ec] = std::to_chars(digits, digits + sizeof digits, v);
+  _text.append(digits, end);
+}
+
+void Line::append(Hex h) {
+  char digits[24] = {'0', 'x'};
+  auto [end, ec] = std::to_chars(digits + 2, digits + sizeof digits, h.v, 16);
+  _text.append(digits, end);
 }
 
 std::ostream& operator<<(std::ostream& o, Hex h) {

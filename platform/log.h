@@ -10,9 +10,10 @@
 #pragma once
 
 #include <functional>
-#include <optional>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "platform/types.h"
@@ -66,36 +67,65 @@ class Capture {
   State* _state;
 };
 
-// Builds one message with <<, writes it when destroyed. The stream is made
-// only for a message that is wanted: making one costs more than most of
-// the calls that log.
-class Line {
- public:
-  Line(const Channel& c, int level) : _c(c), _level(level) {
-    if (c.enabled(level)) _s.emplace();
-  }
-  ~Line() {
-    if (_s) _c.write(_level, _s->str());
-  }
-  template <class T>
-  Line& operator<<(const T& v) {
-    if (_s) *_s << v;
-    return *this;
-  }
-  Line& operator<<(const std::u16string& v);
-
- private:
-  const Channel& _c;
-  int _level;
-  std::optional<std::ostringstream> _s;
-};
-
 // Hex rendering for offsets: 0x1a2b.
 struct Hex {
   u64 v;
 };
 std::ostream& operator<<(std::ostream& o, Hex h);
 inline Hex hex(u64 v) { return Hex{v}; }
+
+// Builds one message with <<, writes it when destroyed, only when the
+// message is wanted. Text, numbers and offsets append to a string directly:
+// damaged input can log a failure per record read, and a string stream per
+// message cost more than the reads that failed. Anything else goes through
+// a stream as before.
+class Line {
+ public:
+  Line(const Channel& c, int level) : _c(c), _level(level), _on(c.enabled(level)) {}
+  ~Line() {
+    if (_on) _c.write(_level, _text);
+  }
+  Line(const Line&) = delete;
+  Line& operator=(const Line&) = delete;
+
+  template <class T>
+  Line& operator<<(const T& v) {
+    if (_on) append(v);
+    return *this;
+  }
+
+ private:
+  void append(std::string_view v) { _text += v; }
+  void append(const char* v) { _text += v ? v : "(null)"; }
+  void append(const std::string& v) { _text += v; }
+  void append(char v) { _text += v; }
+  void append(signed char v) { _text += static_cast<char>(v); }
+  void append(unsigned char v) { _text += static_cast<char>(v); }
+  void append(bool v) { _text += v ? '1' : '0'; }
+  void append(Hex h);
+  void append(const std::u16string& v);
+  void appendSigned(long long v);
+  void appendUnsigned(unsigned long long v);
+  template <class T>
+  void append(const T& v) {
+    if constexpr (std::is_integral_v<T> && std::is_signed_v<T>) {
+      appendSigned(v);
+    } else if constexpr (std::is_integral_v<T>) {
+      appendUnsigned(v);
+    } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
+      _text += std::string_view(v);
+    } else {
+      std::ostringstream s;
+      s << v;
+      _text += s.str();
+    }
+  }
+
+  const Channel& _c;
+  int _level;
+  bool _on;
+  std::string _text;
+};
 
 }  // namespace Platform::Log
 
