@@ -54,7 +54,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                                             RegFileUtil::BinaryOnly | RegFileUtil::Raw};
       Ref<MemoryStripe> text = MemoryStripe::create();
       (void)RegFileUtil::exportRegFile(hive->root(), text, String::create("HKEY_X"),
-                                       kOptions[(selector >> 7) | ((selector >> 1) & 2)], [](const std::string&) {});
+                                       kOptions[(selector >> 7) | ((selector >> 1) & 2)],
+                                       [](const std::string&) {});
     }
     return 0;
   }

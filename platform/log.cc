@@ -46,10 +46,14 @@ Registry& registry() {
 
 }  // namespace
 
-int threshold() { return registry().threshold.load(std::memory_order_relaxed); }
+int threshold() {
+  return registry().threshold.load(std::memory_order_relaxed);
+}
 
 // Failures are always built: the thread's error keeps the first one.
-bool Channel::enabled(int level) const { return level >= threshold() || level >= FAILURE; }
+bool Channel::enabled(int level) const {
+  return level >= threshold() || level >= FAILURE;
+}
 
 void Channel::write(int level, const std::string& text) const {
   if (level >= FAILURE) Error::note(text);
@@ -126,7 +130,9 @@ void Capture::clear() {
   _state->messages.clear();
 }
 
-void Line::append(const std::u16string& v) { _text += utf16ToUtf8(v); }
+void Line::append(const std::u16string& v) {
+  _text += utf16ToUtf8(v);
+}
 
 void Line::appendUnsigned(unsigned long long v) {
   char digits[24];

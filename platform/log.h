@@ -72,7 +72,9 @@ struct Hex {
   u64 v;
 };
 std::ostream& operator<<(std::ostream& o, Hex h);
-inline Hex hex(u64 v) { return Hex{v}; }
+inline Hex hex(u64 v) {
+  return Hex{v};
+}
 
 // Builds one message with <<, writes it when destroyed, only when the
 // message is wanted. Text, numbers and offsets append to a string directly:
