@@ -15,6 +15,7 @@
 # on the same inputs; by default make-fuzz-seeds writes a fresh one).
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. fuzz/corpus.sh
 runs=${1:-20000}
 build=${HIVEKIT_FUZZ_BUILD:-build/fuzz}
 read -r -a targets <<<"${HIVEKIT_FUZZ_TARGETS:-open log regfile path pattern}"
@@ -31,8 +32,9 @@ seeds=${FUZZ_SEEDS:-$work/seeds}
 printf '%-8s %8s %8s %10s %6s %7s\n' target runs cpu-s runs/cpu-s cov ft
 for t in "${targets[@]}"; do
   mkdir -p "$work/new/$t"
+  unpack_corpus "$t" "$work/kept/$t"
   dirs=("$work/new/$t")
-  for d in "fuzz/corpus/$t" "fuzz/regressions/$t" "$seeds/$t"; do
+  for d in "$work/kept/$t" "fuzz/regressions/$t" "$seeds/$t"; do
     [ -d "$d" ] && dirs+=("$d")
   done
   /usr/bin/time -f '%U %S' -o "$work/time" "$build/${t}_fuzz" -runs="$runs" -seed=1 -timeout=10 -rss_limit_mb=2048 \

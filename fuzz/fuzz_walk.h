@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <unordered_set>
 #include <vector>
 
 #include "api/core.h"
@@ -120,10 +121,15 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
   (void)hive->mode();
   std::vector<Ref<Key>> stack;
   if (Ref<Key> root = hive->root()) stack.push_back(root);
+  // Each record once: a damaged hive that lists one key under several
+  // parents (or one subtree many times) would otherwise have the walk
+  // read the same records again until the budget ends it, at no gain.
+  std::unordered_set<u64> seen;
   while (!stack.empty() && budget > 0) {
     Ref<Key> key = stack.back();
     stack.pop_back();
     --budget;
+    if (!seen.insert(Libraries::Files::Hive::Util::keyId(key).id).second) continue;
     if (Ref<String> name = key->name()) (void)name->toUtf8();
     (void)key->lastWriteTime();
     (void)key->readOnly();

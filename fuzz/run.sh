@@ -9,8 +9,8 @@
 #                               ... and fold what the runs found into the
 #                               kept corpus (fuzz/corpus), minimized
 #
-# Each target starts from the kept corpus (fuzz/corpus/<target>: inputs
-# that reach new code, minimized with libFuzzer's -merge=1), the
+# Each target starts from the kept corpus (fuzz/corpus/<target>.tar.gz:
+# inputs that reach new code, minimized with libFuzzer's -merge=1), the
 # regression inputs of past findings (fuzz/regressions/<target>) and the
 # seeds make-fuzz-seeds writes (built hives and slices of the shared test
 # hives).
@@ -23,7 +23,7 @@
 #   HIVEKIT_FUZZ_TARGETS  which targets, by name without "_fuzz"
 #                         (default: open log regfile path pattern)
 #   HIVEKIT_FUZZ_BUILD    build directory (default build/fuzz)
-#   HIVEKIT_FUZZ_MERGE    1: after clean runs, replace fuzz/corpus/<target>
+#   HIVEKIT_FUZZ_MERGE    1: after clean runs, replace fuzz/corpus/<target>.tar.gz
 #                         with the minimized union of it and the new inputs
 # After a finding the work directory stays (/tmp/hivekit-fuzz.*), with each
 # target's log and its inputs in artifacts/<target>/: replay one with
@@ -31,6 +31,7 @@
 # fuzz/regressions/<target>/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+. fuzz/corpus.sh
 
 read -r -a targets <<<"${HIVEKIT_FUZZ_TARGETS:-open log regfile path pattern}"
 if [ $# -ge 1 ]; then
@@ -71,8 +72,9 @@ export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 failed=()
 for t in "${targets[@]}"; do
   mkdir -p "$corpus/$t" "$work/artifacts/$t"
+  unpack_corpus "$t" "$work/kept/$t"
   dirs=("$corpus/$t")
-  for d in "fuzz/corpus/$t" "fuzz/regressions/$t" "$work/seeds/$t"; do
+  for d in "$work/kept/$t" "fuzz/regressions/$t" "$work/seeds/$t"; do
     [ -d "$d" ] && dirs+=("$d")
   done
   log="$work/$t.log"
@@ -99,21 +101,19 @@ for t in "${targets[@]}"; do
     # grows counts again from it.
     merged="$work/merged/$t"
     mkdir -p "$merged"
-    mkdir -p "fuzz/corpus/$t"
     base=()
     for d in "$work/seeds/$t" "fuzz/regressions/$t"; do
       [ -d "$d" ] && cp "$d"/* "$merged/" && base+=("$d")
     done
     "$build/${t}_fuzz" -merge=1 -use_counters=0 -timeout=10 -rss_limit_mb=2048 -max_len="${maxLen[$t]:-65536}" "$merged" \
-      "$corpus/$t" "fuzz/corpus/$t" >"$work/$t.merge.log" 2>&1 ||
+      "$corpus/$t" "$work/kept/$t" >"$work/$t.merge.log" 2>&1 ||
       { echo "merge of ${t} failed; log $work/$t.merge.log"; exit 1; }
     for d in "${base[@]}"; do
       for f in "$d"/*; do rm -f "$merged/$(basename "$f")"; done
     done
-    rm -rf "fuzz/corpus/$t"
-    mkdir -p "fuzz/corpus/$t"
-    cp "$merged"/* "fuzz/corpus/$t/" 2>/dev/null || true
-    echo "     kept corpus: $(ls "fuzz/corpus/$t" | wc -l) inputs, $(cat "fuzz/corpus/$t"/* 2>/dev/null | wc -c) bytes"
+    pack_corpus "$t" "$merged"
+    echo "     kept corpus: $(ls "$merged" | wc -l) inputs, $(cat "$merged"/* 2>/dev/null | wc -c) bytes," \
+      "$(wc -c <"fuzz/corpus/$t.tar.gz") packed"
   fi
 done
 echo "fuzz targets: $((${#targets[@]} - ${#failed[@]})) clean, ${#failed[@]} with findings"
