@@ -10,11 +10,12 @@
 // security descriptor, 1 exports the hive as registry text (bits 7 and 2
 // pick the options), 2 scans for deleted records, 3 compares the hive with
 // itself through the public diff;
-// writable: bit 5 walks the hive again after the flush; bit 6 scans the
-// reopened result for deleted records and decodes its descriptors, else it
-// is only walked (that check costs more than the rest of a writable run;
-// the diff is left to the read-only runs, whose input is damaged, not
-// written here).
+// writable: bit 5 walks the hive again after the flush; bits 5-6 pick the
+// check of the reopened result: 2 compares it with itself through the
+// public diff (a hive the writer made reaches more of the diff than a
+// damaged one), 3 scans it for deleted records and decodes its
+// descriptors, 0-1 walk it only (either check costs more than the rest of
+// a writable run).
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -80,8 +81,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // What a writer left behind must open again (or be refused cleanly).
   Ref<MemoryStripe> again = MemoryStripe::create(stripe->bytes());
   if (Ref<HiveFile> reopened = HiveFile::open(again, 0x1, codepage, {})) {
-    const bool wholeHive = (selector & 0x40) != 0;
-    walkHive(reopened, {2000, 4096, 1u << 16, 0, wholeHive, wholeHive});
+    const u32 check = (selector >> 5) & 3;  // 2: diff, 3: deleted records
+    walkHive(reopened, {2000, 4096, 1u << 16, check == 2 ? u64{1} << 20 : 0, check == 3, check == 3});
   }
   return 0;
 }
