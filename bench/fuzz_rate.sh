@@ -15,15 +15,10 @@
 # on the same inputs; by default make-fuzz-seeds writes a fresh one).
 set -euo pipefail
 cd "$(dirname "$0")/.."
-. fuzz/corpus.sh
+. fuzz/common.sh
 runs=${1:-20000}
 build=${HIVEKIT_FUZZ_BUILD:-build/fuzz}
 read -r -a targets <<<"${HIVEKIT_FUZZ_TARGETS:-open log regfile path pattern}"
-# As in fuzz/run.sh.
-declare -A maxLen=([open]=49152 [log]=65536 [regfile]=16384 [path]=64 [pattern]=4096)
-declare -A entropic=([pattern]=1)
-export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:malloc_context_size=5:quarantine_size_mb=16}
-export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 
 work=$(mktemp -d /tmp/hivekit-fuzz-rate.XXXXXX)
 trap 'rm -rf "$work"' EXIT

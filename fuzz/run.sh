@@ -31,7 +31,7 @@
 # fuzz/regressions/<target>/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-. fuzz/corpus.sh
+. fuzz/common.sh
 
 read -r -a targets <<<"${HIVEKIT_FUZZ_TARGETS:-open log regfile path pattern}"
 if [ $# -ge 1 ]; then
@@ -51,24 +51,6 @@ work=$(mktemp -d /tmp/hivekit-fuzz.XXXXXX)
 corpus=${HIVEKIT_FUZZ_CORPUS:-$work/corpus}
 "$build/make-fuzz-seeds" "$work/seeds"
 
-# Input size limits: a hive of a few hbins (the largest built seed, with a
-# db value, is 44 KiB; most are 8-12 KiB), logs beside a slice of one,
-# texts, paths of a few levels (each level is a key made, counted and
-# deleted again: 64 bytes reach the same code as 160 at twice the runs).
-declare -A maxLen=([open]=49152 [log]=65536 [regfile]=16384 [path]=64 [pattern]=4096)
-
-# The default (entropic) scheduler's bookkeeping of rare features costs a
-# third to a half of each run of the hive targets (a run hits thousands of
-# features); without it they get through 1.3-1.7 times as many inputs.
-# The pattern target's runs are short and it does better with it.
-declare -A entropic=([pattern]=1)
-# Shorter allocation stacks and a smaller quarantine: recording a full
-# stack for every allocation and touching fresh pages for every one while
-# 256 MB of freed memory waits cost the hive targets a fifth of each run. A
-# run allocates far less than 16 MB, so a use after free within it is still
-# caught; a finding is replayed with the full stacks.
-export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:malloc_context_size=5:quarantine_size_mb=16}
-export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 failed=()
 for t in "${targets[@]}"; do
   mkdir -p "$corpus/$t" "$work/artifacts/$t"
