@@ -4,7 +4,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <iomanip>
 #include <mutex>
 
 #include "platform/error.h"
@@ -134,29 +133,24 @@ void Line::append(const std::u16string& v) {
   _text += utf16ToUtf8(v);
 }
 
-void Line::appendUnsigned(unsigned long long v) {
+namespace {
+
+template <class N>
+void appendDigits(std::string& text, N v, int base) {
   char digits[24];
-  auto [end, ec] = std::to_chars(digits, digits + sizeof digits, v);
-  _text.append(digits, end);
+  auto [end, ec] = std::to_chars(digits, digits + sizeof digits, v, base);
+  if (base == 16) text += "0x";
+  text.append(digits, end);
 }
 
-void Line::appendSigned(long long v) {
-  char digits[24];
-  auto [end, ec] = std::to_chars(digits, digits + sizeof digits, v);
-  _text.append(digits, end);
+}  // namespace
+
+void Line::appendNumber(long long v, int base) {
+  appendDigits(_text, v, base);
 }
 
-void Line::append(Hex h) {
-  char digits[24] = {'0', 'x'};
-  auto [end, ec] = std::to_chars(digits + 2, digits + sizeof digits, h.v, 16);
-  _text.append(digits, end);
-}
-
-std::ostream& operator<<(std::ostream& o, Hex h) {
-  auto flags = o.flags();
-  o << "0x" << std::hex << h.v;
-  o.flags(flags);
-  return o;
+void Line::appendNumber(unsigned long long v, int base) {
+  appendDigits(_text, v, base);
 }
 
 }  // namespace Platform::Log

@@ -67,11 +67,10 @@ class Capture {
   State* _state;
 };
 
-// Hex rendering for offsets: 0x1a2b.
+// Hex rendering for offsets in log lines: 0x1a2b.
 struct Hex {
   u64 v;
 };
-std::ostream& operator<<(std::ostream& o, Hex h);
 inline Hex hex(u64 v) {
   return Hex{v};
 }
@@ -97,23 +96,21 @@ class Line {
   }
 
  private:
-  void append(std::string_view v) { _text += v; }
   void append(const char* v) { _text += v ? v : "(null)"; }
-  void append(const std::string& v) { _text += v; }
   void append(char v) { _text += v; }
   void append(signed char v) { _text += static_cast<char>(v); }
   void append(unsigned char v) { _text += static_cast<char>(v); }
   void append(bool v) { _text += v ? '1' : '0'; }
-  void append(Hex h);
+  void append(Hex h) { appendNumber(static_cast<unsigned long long>(h.v), 16); }
   void append(const std::u16string& v);
-  void appendSigned(long long v);
-  void appendUnsigned(unsigned long long v);
+  void appendNumber(long long v, int base = 10);
+  void appendNumber(unsigned long long v, int base = 10);
   template <class T>
   void append(const T& v) {
     if constexpr (std::is_integral_v<T> && std::is_signed_v<T>) {
-      appendSigned(v);
+      appendNumber(static_cast<long long>(v));
     } else if constexpr (std::is_integral_v<T>) {
-      appendUnsigned(v);
+      appendNumber(static_cast<unsigned long long>(v));
     } else if constexpr (std::is_convertible_v<const T&, std::string_view>) {
       _text += std::string_view(v);
     } else {
