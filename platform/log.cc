@@ -49,9 +49,12 @@ int threshold() {
   return registry().threshold.load(std::memory_order_relaxed);
 }
 
-// Failures are always built: the thread's error keeps the first one.
+// Failures are built while the thread's error has no message yet: it keeps
+// the first one. After that only a sink makes them worth building; damaged
+// input can fail on every record read, and those lines would cost more than
+// the reads.
 bool Channel::enabled(int level) const {
-  return level >= threshold() || level >= FAILURE;
+  return level >= threshold() || (level >= FAILURE && !Error::detail::tlsHasNote);
 }
 
 void Channel::write(int level, const std::string& text) const {

@@ -2,8 +2,9 @@
 //
 // Severities: 1 tracing, 2 and 3 warnings after which work goes on, 4
 // failures. A message is built only when some sink admits its severity, so
-// tracing costs one comparison when nobody listens; failures are always
-// built, because the thread's error (platform/error.h) keeps the first.
+// tracing costs one comparison when nobody listens; failures are built
+// also while the thread's error (platform/error.h) has no message, because
+// it keeps the first.
 // The standard error sink prints messages at or above the level in
 // HIVEKIT_LOG_LEVEL (1-4; unset or 0 prints nothing). Tests and the
 // command-line tool add their own sinks to capture messages.
