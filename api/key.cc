@@ -111,8 +111,8 @@ Result<u32> valueInRecords(RegistryHiveObj& hive, u32 key, std::string_view name
   if (!readKeyRecord(hive, key, rec)) return engineStatus("cannot read the key", Code::corrupt);
   if (!loadValueList(hive, rec, offsets))
     return engineStatus("cannot look up value " + quoted(name), Code::corrupt);
-  const Ref<String> sought = engineName(name)->upper();
-  std::u16string upcased(sought->units());
+  const std::u16string sought = engineName(name)->upperUnits();
+  std::u16string upcased(sought);
   for (char16_t& c : upcased) c = String::upcase(c);
   for (u32 vk : offsets) {
     int order = 0;
@@ -122,7 +122,7 @@ Result<u32> valueInRecords(RegistryHiveObj& hive, u32 key, std::string_view name
     if (!readValueRecord(hive, vk, value)) continue;
     readValueName(hive, value, valueName);
     for (char16_t& c : valueName) c = String::upcase(c);
-    if (valueName == sought->units()) return vk;
+    if (valueName == sought) return vk;
   }
   return Status(Code::value_not_found, "value not found: " + quoted(name));
 }

@@ -144,11 +144,13 @@ bool String::equalIgnoreCase(const String& other) const {
   return true;
 }
 
-Ref<String> String::upper() const {
+std::u16string String::upperUnits() const {
   std::u16string u(_s);
   for (auto& c : u) c = upcase(c);
-  return makeRef<String>(std::move(u));
+  return u;
 }
+
+Ref<String> String::upper() const { return makeRef<String>(upperUnits()); }
 
 int String::compareIgnoreCase(const String& other) const {
   size_t n = std::min(_s.size(), other._s.size());

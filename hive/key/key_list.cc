@@ -28,9 +28,8 @@ bool KeyObj::makeHash(KeyListType type, const Ref<String>& name, bool codepageHa
     return true;
   }
   if (type == keyListLH) {
-    Ref<String> upper = name->upper();
     u32 h = 0;
-    for (char16_t c : upper->units()) {
+    for (char16_t c : name->upperUnits()) {
       u32 unit = c;
       if (codepageHash) {
         u8 byte = 0;

@@ -51,10 +51,10 @@ Ref<Value> KeyObj::value(Ref<String> name) {
   Mon::Lock lock(_hive->mon());
   if (!entryChecks(Entry::read, _readOnly, _valid, name)) return nullptr;
   if (!initValues()) return nullptr;
-  const Ref<String> sought = name->upper();
+  const std::u16string sought = name->upperUnits();
   if (_numOfValues > VALUE_INDEX_MIN) {
     if (!_valueIndexBuilt) buildValueIndex();
-    auto it = _valueIndex.find(sought->units());
+    auto it = _valueIndex.find(sought);
     if (it != _valueIndex.end()) {
       if (Ref<ValueObj> v = value(it->second)) return v;
     }
@@ -62,7 +62,7 @@ Ref<Value> KeyObj::value(Ref<String> name) {
     return nullptr;
   }
   // A short list is read through: cheaper than an index.
-  std::u16string upcased(sought->units());
+  std::u16string upcased(sought);
   for (char16_t& c : upcased) c = String::upcase(c);
   for (u32 i = 0; i < _numOfValues; ++i) {
     // Most values are told apart by their records alone: an object is
@@ -73,7 +73,7 @@ Ref<Value> KeyObj::value(Ref<String> name) {
     Ref<ValueObj> v = value(i);
     if (!v) continue;
     Ref<String> vName = v->name();
-    if (vName && vName->upper()->equal(*sought)) return v;
+    if (vName && vName->upperUnits() == sought) return v;
   }
   Error::set(Errors::VALUE_NOT_FOUND);
   return nullptr;
@@ -108,7 +108,7 @@ void KeyObj::indexValueAppended(const Ref<ValueObj>& value) {
     dropValueIndex();
     return;
   }
-  if (!_valueIndex.emplace(name->upper()->units(), _numOfValues - 1).second) _valueIndexDuplicates = true;
+  if (!_valueIndex.emplace(name->upperUnits(), _numOfValues - 1).second) _valueIndexDuplicates = true;
 }
 
 void KeyObj::indexValueRemoved(u32 index) {

@@ -11,9 +11,10 @@ SubkeySearch binaryFindSubkey(RegistryHiveObj& hive, u32 keyOffset, u32 count, c
     Error::set(Errors::KEY_NOT_FOUND);
     return SubkeySearch::notFound;
   }
-  const Ref<String> sought = name->upper();
-  // compareIgnoreCase upper-cases both sides once more.
-  std::u16string upcased(sought->units());
+  // Entries are ordered as compareIgnoreCase orders names, which
+  // upper-cases both sides: the sought name, upper-cased already, goes
+  // through the table once more.
+  std::u16string upcased = name->upperUnits();
   for (char16_t& c : upcased) c = String::upcase(c);
 
   // Orders the name against entry `index`: false when the search has ended
@@ -34,8 +35,9 @@ SubkeySearch binaryFindSubkey(RegistryHiveObj& hive, u32 keyOffset, u32 count, c
       result = linearFindSubkey(count, name, names, position);
       return false;
     }
-    if (!probeName) probeName = String::empty();
-    order = sought->compareIgnoreCase(*probeName);
+    order = probeName ? String::compareUpcased(upcased, probeName->length(),
+                                               [&](size_t i) { return probeName->at(i); })
+                      : (upcased.empty() ? 0 : 1);
     return true;
   };
 

@@ -198,7 +198,7 @@ bool RegFileImportHandler::deleteSection(const RegItem& item, const std::vector<
 
 bool RegFileImportHandler::mayExist(const Ref<String>& name, bool willExist) {
   if (!_currentIsNew) return true;
-  std::u16string upper = name->upper()->units();
+  std::u16string upper = name->upperUnits();
   if (willExist) return !_namesSet.insert(std::move(upper)).second;
   return _namesSet.erase(upper) != 0;
 }
