@@ -10,24 +10,30 @@ namespace {
 
 // Shifts the live iterators of a list for an entry inserted or removed.
 template <class T>
-void shiftIterators(std::vector<WeakRef<T>>& slots, u32 index, bool inserted) {
-  for (WeakRef<T>& slot : slots) {
+void shiftIterators(IteratorSlots<T>& slots, u32 index, bool inserted) {
+  auto shift = [&](WeakRef<T>& slot) {
     if (Ref<T> it = slot.lock()) inserted ? it->insertedAt(index) : it->removedAt(index);
-  }
+  };
+  shift(slots.first);
+  for (WeakRef<T>& slot : slots.more) shift(slot);
 }
 
 // A new iterator over a list of `key`, kept in the first of `slots` whose
 // iterator is gone so that the key can shift it.
 template <class T>
-Ref<T> newIterator(KeyObj* key, std::vector<WeakRef<T>>& slots) {
+Ref<T> newIterator(KeyObj* key, IteratorSlots<T>& slots) {
   Ref<T> it = makeRef<T>(Ref<KeyObj>(key));
-  for (WeakRef<T>& slot : slots) {
-    if (!slot.lock()) {
+  if (slots.first.expired()) {
+    slots.first = WeakRef<T>(it);
+    return it;
+  }
+  for (WeakRef<T>& slot : slots.more) {
+    if (slot.expired()) {
       slot = WeakRef<T>(it);
       return it;
     }
   }
-  slots.push_back(WeakRef<T>(it));
+  slots.more.push_back(WeakRef<T>(it));
   return it;
 }
 

@@ -21,6 +21,16 @@ namespace Libraries::Files::Hive {
 class ValueObj;
 class KeyIteratorObj;
 class ValueIteratorObj;
+
+// The live iterators over one list of a key, which the key shifts as its
+// entries come and go. There is nearly always one at a time, kept in
+// place: a walk makes one of each kind per key.
+template <class T>
+struct IteratorSlots {
+  WeakRef<T> first;
+  std::vector<WeakRef<T>> more;
+};
+
 using Interfaces::Config::Hive::KeyIterator;
 using Interfaces::Config::Hive::ValueIterator;
 
@@ -228,8 +238,8 @@ class KeyObj : public ValueOwner {
   // Some entry of _keyList may carry hash 0 (loaded from an li record or
   // stored so): writing a list must then look for entries to hash.
   bool _hashlessEntries = false;
-  std::vector<WeakRef<KeyIteratorObj>> _keyIterators;
-  std::vector<WeakRef<ValueIteratorObj>> _valueIterators;
+  IteratorSlots<KeyIteratorObj> _keyIterators;
+  IteratorSlots<ValueIteratorObj> _valueIterators;
 };
 
 }  // namespace Libraries::Files::Hive
