@@ -15,7 +15,7 @@ bool isAscii(std::string_view s) {
 }
 }  // namespace
 
-TextWriter::TextWriter(Ref<Interfaces::Stripe> target) : _target(std::move(target)), _buffer(BUFFER_SIZE) {}
+TextWriter::TextWriter(Ref<Interfaces::Stripe> target) : _target(std::move(target)), _buffer(FIRST_BUFFER_SIZE) {}
 
 Ref<TextWriter> TextWriter::create(Ref<Interfaces::Stripe> target, bool writeByteOrderMark) {
   if (!target || target->elementSize() != 1) return nullptr;
@@ -37,7 +37,13 @@ template <class Unit>
 bool TextWriter::append(std::basic_string_view<Unit> text) {
   if (_failed) return false;
   for (size_t i = 0; i < text.size();) {
-    if (_used + 2 > _buffer.size() && !writeOut()) return false;
+    if (_used + 2 > _buffer.size()) {
+      if (_buffer.size() < BUFFER_SIZE) {
+        _buffer.resize(std::min(BUFFER_SIZE, 4 * _buffer.size()));
+      } else if (!writeOut()) {
+        return false;
+      }
+    }
     const size_t n = std::min(text.size() - i, (_buffer.size() - _used) / 2);
     u8* out = _buffer.data() + _used;
     for (size_t k = 0; k < n; ++k) W16(out + 2 * k, static_cast<std::make_unsigned_t<Unit>>(text[i + k]));

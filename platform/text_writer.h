@@ -46,6 +46,9 @@ class TextWriter : public Object {
   explicit TextWriter(Ref<Interfaces::Stripe> target);
 
  private:
+  // The buffer starts small and grows to its full size: most texts written
+  // (a key, a value, a message) are short.
+  static constexpr size_t FIRST_BUFFER_SIZE = 1024;
   static constexpr size_t BUFFER_SIZE = 64 * 1024;
 
   template <class Unit>
