@@ -16,12 +16,16 @@ declare -A maxLen=([open]=49152 [log]=65536 [regfile]=4096 [path]=64 [pattern]=4
 # The pattern target's runs are short and it does better with it.
 declare -A entropic=([pattern]=1)
 
-# Shorter allocation stacks and a smaller quarantine: recording a full
-# stack for every allocation and touching fresh pages for every one while
-# 256 MB of freed memory waits cost the hive targets a fifth of each run. A
-# run allocates far less than 16 MB, so a use after free within it is still
-# caught; a finding is replayed with the full stacks.
-export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:malloc_context_size=5:quarantine_size_mb=16}
+# No allocation stacks while fuzzing, and a smaller quarantine: recording a
+# stack for every allocation and free cost the hive targets a fifth of each
+# run (a run allocates thousands of small objects), and touching fresh
+# pages while 256 MB of freed memory waits cost more. A run allocates far
+# less than 16 MB, so a use after free within it is still caught. The
+# report of a finding then lacks where the memory was allocated and freed:
+# fuzz/run.sh replays every finding with FINDING_ASAN_OPTIONS, which record
+# them in full.
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:malloc_context_size=0:quarantine_size_mb=16}
+FINDING_ASAN_OPTIONS=detect_leaks=1:malloc_context_size=30
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 
 # The kept corpus of each target is one compressed archive,

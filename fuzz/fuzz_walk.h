@@ -117,6 +117,10 @@ inline void touchValue(const Ref<Value>& v, const WalkLimits& limits) {
 // Returns the number of objects visited.
 inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
   u32 budget = limits.objects;
+  // The names looked up that no input chooses, made once per process.
+  static const Ref<String> kNoValue = String::create("no such value");
+  static const Ref<String> kNoKey = String::create("zzzz no such key");
+  static const Ref<String> kPath = String::create("a/b/c");
   (void)hive->dirty();
   (void)hive->mode();
   std::vector<Ref<Key>> stack;
@@ -151,7 +155,7 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
       }
       // Look the first value up by name: the search path differs from the walk.
       if (first && first->name()) (void)key->value(first->name());
-      (void)key->value(String::create("no such value"));
+      (void)key->value(kNoValue);
     }
     if (Ref<Interfaces::Config::Hive::KeyIterator> keys = key->keyIterator()) {
       const u32 count = keys->count();
@@ -168,7 +172,7 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
         Ref<String> name = children[children.size() / 2]->name();
         if (name) (void)key->key(name);
       }
-      (void)key->key(String::create("zzzz no such key"));
+      (void)key->key(kNoKey);
       for (auto it = children.rbegin(); it != children.rend(); ++it) stack.push_back(*it);
     }
   }
@@ -189,7 +193,7 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
       if (!sds->rewind()) break;
     }
   }
-  (void)hive->path(String::create("a/b/c"));
+  (void)hive->path(kPath);
   diffWithItself(hive, limits);
   scanDeletedRecords(hive, limits);
   return limits.objects - budget;

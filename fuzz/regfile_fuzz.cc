@@ -75,7 +75,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // reads all of it): the whole-hive checks (deleted records, descriptors)
   // cost a third of a run here, and the hive targets reach that code on
   // damaged images, which an import never writes.
-  walkHive(hive, {500, 4096, 1u << 16, 0, false});
+  walkHive(hive, {100, 4096, 1u << 16, 0, false});
 
   // The text of a deep tree grows with the square of its depth (every
   // section names its whole path), so a few KiB of input can ask for

@@ -26,8 +26,9 @@
 #   HIVEKIT_FUZZ_MERGE    1: after clean runs, replace fuzz/corpus/<target>.tar.gz
 #                         with the minimized union of it and the new inputs
 # After a finding the work directory stays (/tmp/hivekit-fuzz.*), with each
-# target's log and its inputs in artifacts/<target>/: replay one with
-# `build/fuzz/<target>_fuzz FILE`, and once fixed keep it in
+# target's log and its inputs in artifacts/<target>/, each beside the report
+# of its replay with allocation stacks (FILE.replay.log): replay one again
+# with `build/fuzz/<target>_fuzz FILE`, and once fixed keep it in
 # fuzz/regressions/<target>/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -71,6 +72,12 @@ for t in "${targets[@]}"; do
     failed+=("$t")
     echo "FAIL ${t}_fuzz (exit $rc) after ${execs:-?} runs; log $log:"
     grep -E 'ERROR|SUMMARY|runtime error|Test unit written|^    #[0-9]' "$log" | head -40 || true
+    # The run recorded no allocation stacks: each finding again, with them.
+    for f in "$work/artifacts/$t"/*; do
+      case $f in *.replay.log) continue ;; esac
+      ASAN_OPTIONS=$FINDING_ASAN_OPTIONS "$build/${t}_fuzz" -timeout=10 -rss_limit_mb=2048 "$f" >"$f.replay.log" 2>&1 || true
+      echo "replayed $(basename "$f") with allocation stacks: $f.replay.log"
+    done
     ls "$work/artifacts/$t"
     continue
   fi
