@@ -75,23 +75,14 @@ Ref<KeyObj> KeyObj::key(u32 index) {
   HK_ASSERT_AS(hiveLog, "_keyList.size() == _numOfKeys", _keyList.size() == _numOfKeys, nullptr);
   if (index >= _keyList.size()) return nullptr;
   const u32 nk = _keyList[index].offset;
-  auto known = _keyObjects.find(nk);
-  if (known != _keyObjects.end()) {
-    if (Ref<KeyObj> live = known->second.lock()) return live;
-  }
+  if (Ref<KeyObj> live = _keyObjects.find(nk)) return live;
   Ref<KeyObj> k = makeRef<KeyObj>(_hive, nk, Ref<KeyObj>(this));
   if (!k->valid()) {
     HK_LOG(hiveLog, 4) << "New created KeyObj not valid"
                        << ", key: " << _offset << ", index: " << index;
     return nullptr;
   }
-  // A dead object's storage lasts while its entry does: entries of objects
-  // gone are dropped whenever the map has doubled since they last were.
-  if (_keyObjects.size() >= _keyObjectsSweepAt) {
-    std::erase_if(_keyObjects, [](const auto& entry) { return entry.second.expired(); });
-    _keyObjectsSweepAt = std::max<size_t>(64, 2 * _keyObjects.size());
-  }
-  _keyObjects[nk] = WeakRef<KeyObj>(k);
+  _keyObjects.put(nk, k);
   return k;
 }
 

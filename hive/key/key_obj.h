@@ -11,6 +11,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "hive/key/child_objects.h"
 #include "hive/key/key_record.h"
 #include "hive/registry_hive.h"
 #include "hive/value/value_owner.h"
@@ -209,8 +210,7 @@ class KeyObj : public ValueOwner {
   Ref<KeyObj> _parent;
   u32 _offset;
   ChunkedVector<KeyEntry> _keyList;
-  std::unordered_map<u32, WeakRef<KeyObj>> _keyObjects;
-  size_t _keyObjectsSweepAt = 64;
+  ChildObjects<KeyObj> _keyObjects;
   std::vector<TreeEntry> _tree;
   std::vector<ValueEntry> _values;
   // Value lookup by name in a key of more than VALUE_INDEX_MIN values:

@@ -209,10 +209,7 @@ u32 KeyObj::setName(const Ref<String>& name, KeyListType type, u32 newParent, u3
     u8 parent[4];
     W32(parent, newOffset);
     _keyList.forEach([&](KeyEntry& e) {
-      auto known = _keyObjects.find(e.offset);
-      if (known != _keyObjects.end()) {
-        if (Ref<KeyObj> child = known->second.lock()) child->setHeader32(N::OFS_PARENT, newOffset);
-      }
+      if (Ref<KeyObj> child = _keyObjects.find(e.offset)) child->setHeader32(N::OFS_PARENT, newOffset);
       const hive_record* rec = _hive->cacheLoadRecord(e.offset);
       if (!rec || rec->signature() != N::SIGNATURE || rec->length() < N::HEADER_SIZE ||
           !_hive->writeRecord(e.offset, parent, N::OFS_PARENT, sizeof parent)) {
@@ -292,7 +289,7 @@ bool KeyObj::move(Ref<Key> key, Ref<String> newName) {
   const bool unlinked = from->unlinkKey(oldPosition);
   // After the unlink: a rename in place leaves the nk offset as it was, and
   // the unlink forgets the object kept for it.
-  _keyObjects[moved] = WeakRef<KeyObj>(k);
+  _keyObjects.put(moved, k);
   if (!unlinked) {
     HK_LOG(hiveLog, 4) << "unlinkKey failed for move, movedRec=" << moved;
     return false;
