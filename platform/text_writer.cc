@@ -15,7 +15,8 @@ bool isAscii(std::string_view s) {
 }
 }  // namespace
 
-TextWriter::TextWriter(Ref<Interfaces::Stripe> target) : _target(std::move(target)), _buffer(FIRST_BUFFER_SIZE) {}
+TextWriter::TextWriter(Ref<Interfaces::Stripe> target)
+    : _target(std::move(target)), _buffer(FIRST_BUFFER_SIZE) {}
 
 Ref<TextWriter> TextWriter::create(Ref<Interfaces::Stripe> target, bool writeByteOrderMark) {
   if (!target || target->elementSize() != 1) return nullptr;

@@ -281,12 +281,10 @@ bool RegFileImportHandler::setValue(const RegItem& item) {
 }
 
 void RegFileImportHandler::report(u64 line, std::u16string_view message, int level) const {
-  std::u16string text = u"line " + decimalText(line) + u": ";
-  text += message;
   if (_errors) {
-    _errors(Platform::utf16ToUtf8(text));
+    _errors("line " + std::to_string(line) + ": " + Platform::utf16ToUtf8(message));
   } else {
-    HK_LOG(regImporterLog, level) << text;
+    HK_LOG(regImporterLog, level) << "line " << line << ": " << std::u16string(message);
   }
 }
 
