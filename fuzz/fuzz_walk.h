@@ -124,7 +124,9 @@ inline u32 walkHive(const Ref<HiveFile>& hive, const WalkLimits& limits = {}) {
   (void)hive->dirty();
   (void)hive->mode();
   std::vector<Ref<Key>> stack;
-  if (Ref<Key> root = hive->root()) stack.push_back(root);
+  // Held to the end: the path looked up after the walk starts from it.
+  const Ref<Key> root = hive->root();
+  if (root) stack.push_back(root);
   // Each record once: a damaged hive that lists one key under several
   // parents (or one subtree many times) would otherwise have the walk
   // read the same records again until the budget ends it, at no gain.
