@@ -61,8 +61,12 @@ bool KeyObj::adjustSecurityCellRefCount(RegistryHiveObj* hive, u32 offset, bool 
 // nothing yet; INVALID_RECORD when it could not be allocated or written.
 u32 KeyObj::writeNewKeyRecord(const u8* storedName, u32 nameLength, bool compressed) {
   const u32 recordSize = N::HEADER_SIZE + nameLength;
-  std::vector<u8> record(recordSize, 0);
-  u8* r = record.data();
+  // Names are at most 255 units of two bytes: the record fits on the stack
+  // (a longer one, which no caller makes, goes to the heap).
+  u8 small[N::HEADER_SIZE + 2 * MAX_KEY_NAME_LENGTH] = {};
+  std::vector<u8> large;
+  if (recordSize > sizeof small) large.resize(recordSize, 0);
+  u8* r = large.empty() ? small : large.data();
   WB16(r + 4, N::SIGNATURE);
   W16(r + N::OFS_FLAGS, compressed ? N::FLAG_COMP_NAME : 0);
   W32(r + N::OFS_PARENT, _offset);

@@ -116,7 +116,8 @@ bool RegFileImportHandler::section(const RegItem& item) {
   const bool deleting = item.kind == RegItem::Kind::deletedSection;
   _inKey = false;
   _current = nullptr;
-  std::vector<std::u16string_view> parts;
+  std::vector<std::u16string_view>& parts = _parts;
+  parts.clear();
   if (!splitPath(item, parts)) return false;
   if (deleting && parts.empty()) {
     report(item.line, u"Failed to delete key: the root key cannot be deleted, path: " + quoted(item.path));

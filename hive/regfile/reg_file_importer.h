@@ -105,6 +105,9 @@ class RegFileImportHandler {
   // the root) and the path names that led to them (one fewer).
   std::vector<Ref<Key>> _chain;
   std::vector<std::u16string> _chainNames;
+  // The names of the section at hand (views into its item), kept for the
+  // room they take.
+  std::vector<std::u16string_view> _parts;
   std::unordered_map<u64, u64> _largeSizes;
   // The value whose data is being written, and its data.
   Ref<Value> _value;

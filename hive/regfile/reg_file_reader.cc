@@ -164,7 +164,7 @@ void RegFileReader::switchToWindows1252() {
 }
 
 bool RegFileReader::readSection(RegItem& item) {
-  item = RegItem();
+  item.clear();
   item.line = _lineNo;
   get();  // '['
   std::u16string& path = item.path;
@@ -197,7 +197,7 @@ bool RegFileReader::readName(RegItem& item) {
 }
 
 bool RegFileReader::readEntry(RegItem& item) {
-  item = RegItem();
+  item.clear();
   item.line = _lineNo;
   item.kind = RegItem::Kind::value;
   if (!readName(item)) return false;

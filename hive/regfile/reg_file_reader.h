@@ -61,6 +61,19 @@ struct RegItem {
   // Pieces of the data went to the data sink already; `data` holds the
   // rest, which starts at byte size - data.size().
   bool streamed = false;
+
+  // Empties the item for the next line, keeping the room its texts and
+  // data had: most lines are alike in size.
+  void clear() {
+    kind = Kind::section;
+    line = 0;
+    path.clear();
+    name.clear();
+    type = 0;
+    size = 0;
+    data.clear();
+    streamed = false;
+  }
 };
 
 // At most 200 units of `text`, then "..." when there were more.

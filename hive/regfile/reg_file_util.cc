@@ -65,8 +65,7 @@ bool RegFileUtil::exportRegFile(const Ref<Key>& key, const Ref<Interfaces::Strip
   }
   const bool append = (options & Append) != 0;
   if (target) target->seek(append ? target->elementCount() : 0);
-  Ref<Platform::TextWriter> out =
-      Platform::TextWriter::create(target, !append);
+  Ref<Platform::TextWriter> out = Platform::TextWriter::create(target, !append);
   if (!out) return fail(diagnostics, "Failed to create writer", "Failed to create writer");
   if (!append) out->print(u"Windows Registry Editor Version 5.00\r\n\r\n");
 

@@ -98,6 +98,7 @@ RegValueForm writeRegValue(std::u16string_view name, u32 type, u64 size, const R
                            bool binaryOnly, const RegTextSink& out, u64* bytesRead, RegTextStyle style) {
   u64 consumed = 0;
   std::u16string line;
+  line.reserve(name.size() + 32);  // the name and a number, without growing
   appendRegValueName(line, name, style);
   line += u'=';
   RegValueForm form = binaryOnly ? RegValueForm::hex : RegValueForm::typed;
