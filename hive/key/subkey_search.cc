@@ -11,9 +11,9 @@ SubkeySearch binaryFindSubkey(RegistryHiveObj& hive, u32 keyOffset, u32 count, c
     Error::set(Errors::KEY_NOT_FOUND);
     return SubkeySearch::notFound;
   }
-  // Entries are ordered as compareIgnoreCase orders names, which
-  // upper-cases both sides: the sought name, upper-cased already, goes
-  // through the table once more.
+  // The order is that of compareIgnoreCase(name->upper(), entry name),
+  // which upper-cases both sides: the sought name goes through the table
+  // twice, each entry's name once (in compareUpcased).
   std::u16string upcased = name->upperUnits();
   for (char16_t& c : upcased) c = String::upcase(c);
 
