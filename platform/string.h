@@ -38,10 +38,8 @@ class String : public Object {
   bool equal(std::string_view utf8) const;
   bool equalIgnoreCase(const String& other) const;
   bool startsWith(const String& prefix) const { return _s.compare(0, prefix._s.size(), prefix._s) == 0; }
-  // Upper-case copy through the table.
-  Ref<String> upper() const;
-  // The same units as upper() has them, without making an object: lookups
-  // upper-case the name they seek once per call.
+  // The units upper-cased through the table (lookups upper-case the name
+  // they seek once per call, into units rather than a new object).
   std::u16string upperUnits() const;
   // Ordering of the upper-cased forms, unit by unit: <0, 0, >0.
   int compareIgnoreCase(const String& other) const;

@@ -11,7 +11,7 @@ SubkeySearch binaryFindSubkey(RegistryHiveObj& hive, u32 keyOffset, u32 count, c
     Error::set(Errors::KEY_NOT_FOUND);
     return SubkeySearch::notFound;
   }
-  // The order is that of compareIgnoreCase(name->upper(), entry name),
+  // The order is that of compareIgnoreCase(upper-cased name, entry name),
   // which upper-cases both sides: the sought name goes through the table
   // twice, each entry's name once (in compareUpcased).
   std::u16string upcased = name->upperUnits();
