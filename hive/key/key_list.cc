@@ -29,7 +29,8 @@ bool KeyObj::makeHash(KeyListType type, const Ref<String>& name, bool codepageHa
   }
   if (type == keyListLH) {
     u32 h = 0;
-    for (char16_t c : name->upperUnits()) {
+    for (size_t i = 0; i < name->length(); ++i) {
+      const char16_t c = String::upcase(name->at(i));
       u32 unit = c;
       if (codepageHash) {
         u8 byte = 0;

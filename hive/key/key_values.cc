@@ -51,18 +51,18 @@ Ref<Value> KeyObj::value(Ref<String> name) {
   Mon::Lock lock(_hive->mon());
   if (!entryChecks(Entry::read, _readOnly, _valid, name)) return nullptr;
   if (!initValues()) return nullptr;
-  const std::u16string sought = name->upperUnits();
   if (_numOfValues > VALUE_INDEX_MIN) {
     if (!_valueIndexBuilt) buildValueIndex();
-    auto it = _valueIndex.find(sought);
+    auto it = _valueIndex.find(name->upperUnits());
     if (it != _valueIndex.end()) {
       if (Ref<ValueObj> v = value(it->second)) return v;
     }
     Error::set(Errors::VALUE_NOT_FOUND);
     return nullptr;
   }
-  // A short list is read through: cheaper than an index.
-  std::u16string upcased(sought);
+  // A short list is read through: cheaper than an index. The records
+  // compare with the name upper-cased twice (as the lists order names).
+  std::u16string upcased = name->upperUnits();
   for (char16_t& c : upcased) c = String::upcase(c);
   for (u32 i = 0; i < _numOfValues; ++i) {
     // Most values are told apart by their records alone: an object is
@@ -73,7 +73,7 @@ Ref<Value> KeyObj::value(Ref<String> name) {
     Ref<ValueObj> v = value(i);
     if (!v) continue;
     Ref<String> vName = v->name();
-    if (vName && vName->upperUnits() == sought) return v;
+    if (vName && vName->equalIgnoreCase(*name)) return v;
   }
   Error::set(Errors::VALUE_NOT_FOUND);
   return nullptr;
