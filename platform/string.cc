@@ -155,7 +155,6 @@ std::u16string String::upperUnits() const {
   return u;
 }
 
-
 int String::compareIgnoreCase(const String& other) const {
   size_t n = std::min(_s.size(), other._s.size());
   for (size_t i = 0; i < n; ++i) {
